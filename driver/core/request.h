@@ -1,0 +1,47 @@
+// One device-control request as its handler sees it, and the handlers.
+#pragma once
+
+#include <ntifs.h>
+#include <tarnveil/control.h>
+
+struct Request
+{
+    // The system buffer: the agent's input, and for log data the output. Null when both lengths are 0.
+    PVOID SystemBuffer;
+    ULONG InputLength;
+    // The caller's own output buffer: only to be touched through the routines below.
+    PVOID CallerOutput;
+    ULONG OutputLength;
+    KPROCESSOR_MODE Mode;
+    // Bytes that the I/O manager copies back from the system buffer.
+    ULONG_PTR Information;
+};
+
+// STATUS_ACCESS_VIOLATION when the caller cannot write that many bytes there. Before anything is changed.
+NTSTATUS ProbeCallerOutput(const Request& request, ULONG bytes);
+// Guarded four-byte accesses to the caller's output buffer. STATUS_ACCESS_VIOLATION.
+NTSTATUS ReadCallerWord(const Request& request, PULONG word);
+NTSTATUS WriteCallerWord(const Request& request, ULONG word);
+
+// The four bytes at an offset of the input; false when the input is too short.
+bool InputWord(const Request& request, PULONG word);
+
+typedef NTSTATUS (*RequestHandler)(Request& request);
+
+NTSTATUS SetCryptKey(Request& request);
+NTSTATUS SetEncryption(Request& request);
+NTSTATUS Start(Request& request);
+NTSTATUS Stop(Request& request);
+
+NTSTATUS AddParentProcess(Request& request);
+NTSTATUS AddProcess(Request& request);
+NTSTATUS AddExclusionProcess(Request& request);
+NTSTATUS DeleteProcess(Request& request);
+
+NTSTATUS IsUnderSandbox(Request& request);
+NTSTATUS IsExistUnderSandbox(Request& request);
+NTSTATUS GetPidListUnderSandbox(Request& request);
+
+NTSTATUS StartLoggingRequest(Request& request);
+NTSTATUS StopLoggingRequest(Request& request);
+NTSTATUS GetLogDataRequest(Request& request);

@@ -1,0 +1,114 @@
+#include "driver/filter/create_decision.h"
+
+#include "driver/core/global_state.h"
+#include "driver/log/elided_name.h"
+#include "driver/log/log_channel.h"
+#include "driver/names/full_path_name.h"
+#include "driver/process/monitored_process.h"
+#include "driver/util/debug_print.h"
+#include "driver/util/name_matching.h"
+#include "driver/util/pool.h"
+#include "driver/util/unlocked.h"
+
+namespace
+{
+constexpr USHORT LoggedPathBytes = 520;
+
+// One create as it is judged.
+struct Opening
+{
+    PFLT_CALLBACK_DATA Data;
+    PCUNICODE_STRING Path;
+    HANDLE ProcessId;
+};
+
+struct SandboxView
+{
+    bool Inside;
+    bool KeyIsSet;
+};
+
+SandboxView CompareWithSandbox(PCUNICODE_STRING path)
+{
+    SandboxView view = {};
+    WithLock(Global.CreateDecisionLock,
+        [&view, path]
+        {
+            const UNICODE_STRING& folder = Global.SandboxPath;
+            const UNICODE_STRING& prefix = Global.PrefixSandboxPath;
+            view.Inside = (folder.Length != 0 && CompareNameNoCase(path, &folder) == 0) ||
+                          (prefix.Length != 0 && IsPrefixNameNoCase(&prefix, path));
+            view.KeyIsSet = LoadUnlocked(Global.KeyLength) != 0;
+        });
+    return view;
+}
+
+NTSTATUS WriteCreateRecord(ULONG level, const Opening& opening, NTSTATUS status)
+{
+    auto text = PoolPointer<WCHAR>::Allocate(LoggedPathBytes);
+    if (!text)
+    {
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
+    UNICODE_STRING path;
+    path.Length = 0;
+    path.MaximumLength = LoggedPathBytes;
+    path.Buffer = text.Get();
+    CopyNameElided(&path, opening.Path);
+    return WriteLogRecord(level, opening.ProcessId, nullptr, L"%s %s status = 0x%08XL path = %wZ", SourceCreate,
+        OperationPre, status, &path);
+}
+
+FLT_PREOP_CALLBACK_STATUS Deny(const Opening& opening, ULONG level)
+{
+    WriteCreateRecord(level, opening, STATUS_ACCESS_DENIED);
+    opening.Data->IoStatus.Status = STATUS_ACCESS_DENIED;
+    opening.Data->IoStatus.Information = 0;
+    FltSetCallbackDataDirty(opening.Data);
+    return FLT_PREOP_COMPLETE;
+}
+
+FLT_PREOP_CALLBACK_STATUS JudgeInSandbox(const Opening& opening, bool keyIsSet)
+{
+    if (!keyIsSet)
+    {
+        return Deny(opening, LevelDeniedOpen);
+    }
+    ULONG settingId = 0;
+    if (!FindMonitoredProcess(opening.ProcessId, MonitoredKindAny, &settingId))
+    {
+        TracePrint("Tarnveil - PID(%d) %ws %ws status = ACCESS_DENIED path = %wZ\n",
+            ProcessIdNumber(opening.ProcessId), SourceCreate, OperationPre, opening.Path);
+        return Deny(opening, LevelDeniedOpen);
+    }
+    WriteCreateRecord(LevelAllowedOpen, opening, STATUS_SUCCESS);
+    return LoadUnlocked(Global.EncryptionEnabled) == 1 ? FLT_PREOP_SUCCESS_WITH_CALLBACK
+                                                       : FLT_PREOP_SUCCESS_NO_CALLBACK;
+}
+
+bool IsJudged(PFILE_OBJECT fileObject)
+{
+    return KeGetCurrentIrql() == PASSIVE_LEVEL && !FlagOn(fileObject->Flags, FO_VOLUME_OPEN) &&
+           !FsRtlIsPagingFile(fileObject);
+}
+}
+
+FLT_PREOP_CALLBACK_STATUS NTAPI PreCreate(PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS objects, PVOID*)
+{
+    if (!IsJudged(objects->FileObject))
+    {
+        return FLT_PREOP_SUCCESS_NO_CALLBACK;
+    }
+    CountedString path;
+    if (!NT_SUCCESS(GetCreateTargetName(data, objects, &path)))
+    {
+        return FLT_PREOP_SUCCESS_NO_CALLBACK;
+    }
+    SandboxView sandbox = CompareWithSandbox(&path.Get());
+    if (!sandbox.Inside)
+    {
+        return FLT_PREOP_SUCCESS_NO_CALLBACK;
+    }
+    Opening opening = {data, &path.Get(), FltGetRequestorProcessIdEx(data)};
+    return JudgeInSandbox(opening, sandbox.KeyIsSet);
+}
