@@ -22,7 +22,7 @@ typedef struct _KEVENT
     DISPATCHER_HEADER Header;
 } KEVENT, *PKEVENT, *PRKEVENT;
 
-typedef enum _EVENT_TYPE
+typedef enum _EVENT_TYPE : int
 {
     NotificationEvent,
     SynchronizationEvent
@@ -39,7 +39,8 @@ typedef struct _FAST_MUTEX
 
 #define FM_LOCK_BIT 0x1
 
-typedef enum _POOL_TYPE
+// Fixed: flags are added to a pool type, which reach past its enumerators.
+typedef enum _POOL_TYPE : int
 {
     NonPagedPool = 0,
     PagedPool = 1,

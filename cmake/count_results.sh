@@ -1,0 +1,46 @@
+# shellcheck shell=bash
+# Sourced by ./test, which declares $passed and $failed.
+
+# Adds what the last CTest run in a build folder found to $passed and $failed. Counted are the single tests, as the
+# test programs' own result files tell them. A program that failed without naming a failed test (it crashed, ran out of
+# time, leaked, or never started) counts as one failure more. usage: count_results BUILD_FOLDER
+count_results()
+{
+    local folder=$1 name status suite_passed suite_failed
+    if ! grep -q '<testcase ' "$folder/junit.xml" 2>/dev/null
+    then
+        echo "no test ran in $folder" >&2
+        failed=$((failed + 1))
+        return
+    fi
+    while IFS=$'\t' read -r name status
+    do
+        read -r suite_passed suite_failed < <(result_file_counts "$folder/results/${name//\//_}.xml")
+        passed=$((passed + suite_passed))
+        failed=$((failed + suite_failed))
+        if [ "$status" != run ] && [ "$suite_failed" -eq 0 ]
+        then
+            failed=$((failed + 1))
+        fi
+    done < <(sed -n -E 's/.*<testcase name="([^"]*)".* status="([^"]*)".*/\1\t\2/p' "$folder/junit.xml")
+}
+
+# Prints the numbers of passed and failed tests in one GoogleTest result file; skipped and disabled ones are neither.
+result_file_counts()
+{
+    [ -f "$1" ] || { echo "0 0"; return; }
+    awk '
+        function attribute(name,    text)
+        {
+            if (!match($0, " " name "=\"[0-9]+\"")) return 0
+            text = substr($0, RSTART, RLENGTH)
+            gsub(/[^0-9]/, "", text)
+            return text + 0
+        }
+        /<testsuite / {
+            failures = attribute("failures") + attribute("errors")
+            failed += failures
+            passed += attribute("tests") - failures - attribute("disabled") - attribute("skipped")
+        }
+        END { print passed + 0, failed + 0 }' "$1"
+}

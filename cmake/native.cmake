@@ -1,0 +1,76 @@
+# The native build: the driver and the hosted kernel as libraries, the programs and tests that run them.
+
+find_package(Threads REQUIRED)
+# The AES routines that the driver calls below the EVP layer are visible in the static library only.
+find_library(LIBCRYPTO_STATIC libcrypto.a REQUIRED)
+set(TARNVEIL_SANITIZER "" CACHE STRING "What -fsanitize= is given, in every target")
+set(TARNVEIL_IMAGE ${CMAKE_SOURCE_DIR}/build/windows/Tarnveil.sys CACHE FILEPATH "The driver image that tests read")
+
+# WCHAR has 16 bits on Windows.
+add_compile_options(-fshort-wchar -fno-strict-aliasing -Wall -Wextra -Werror)
+add_link_options(-fuse-ld=lld)
+if(TARNVEIL_SANITIZER)
+    add_compile_options(-fsanitize=${TARNVEIL_SANITIZER} -fno-sanitize-recover=all)
+    add_link_options(-fsanitize=${TARNVEIL_SANITIZER})
+else()
+    # Sanitizers pad every frame, so the limit is kept where frames are what they are.
+    list(APPEND TARNVEIL_DRIVER_OPTIONS -Wframe-larger-than=1024)
+endif()
+include_directories(${CMAKE_SOURCE_DIR} ${CMAKE_SOURCE_DIR}/include ${CMAKE_SOURCE_DIR}/hosted/include)
+
+file(GLOB_RECURSE HOSTED_SOURCES CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/hosted/*.cpp)
+list(FILTER HOSTED_SOURCES EXCLUDE REGEX "/hosted/road/")
+add_library(hosted STATIC ${HOSTED_SOURCES})
+target_link_libraries(hosted PUBLIC Threads::Threads)
+if(TARNVEIL_SANITIZER)
+    # Halves the time that these files take. Not in the release build, which so notices a file that forgot to include
+    # what it uses.
+    target_precompile_headers(hosted PRIVATE
+        <algorithm> <atomic> <functional> <map> <memory> <mutex> <optional> <string> <vector>)
+endif()
+
+add_library(driver_native STATIC ${TARNVEIL_DRIVER_SOURCES})
+target_compile_definitions(driver_native PRIVATE TARNVEIL_DRIVER_SOURCE=1)
+target_compile_options(driver_native PRIVATE ${TARNVEIL_DRIVER_OPTIONS})
+target_link_libraries(driver_native PUBLIC hosted ${LIBCRYPTO_STATIC} ${CMAKE_DL_LIBS})
+
+# The structure layouts that both builds must agree on; compiled for its assertions, never linked.
+add_library(abi_layout OBJECT ${CMAKE_SOURCE_DIR}/tests/conformance/abi/layout.cpp)
+
+# Defines the program `NAME` from every source below the folder, if it has any.
+function(tarnveil_program NAME FOLDER)
+    file(GLOB_RECURSE SOURCES CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/${FOLDER}/*.cpp)
+    if(SOURCES)
+        add_executable(${NAME} ${SOURCES})
+        target_link_libraries(${NAME} PRIVATE ${ARGN})
+    endif()
+endfunction()
+
+tarnveil_program(road hosted/road driver_native hosted)
+
+# Defines a GoogleTest program whose suites become CTest tests with the given label. `ctest -L LABEL` selects them.
+function(tarnveil_test NAME FOLDER LABEL)
+    tarnveil_program(${NAME} ${FOLDER} ${ARGN} GTest::gmock GTest::gtest_main)
+    if(TARGET ${NAME})
+        target_compile_definitions(${NAME} PRIVATE TARNVEIL_IMAGE="${TARNVEIL_IMAGE}")
+        target_precompile_headers(${NAME} PRIVATE <gmock/gmock.h> <gtest/gtest.h>)
+        set(INCLUDE_FILE ${CMAKE_BINARY_DIR}/${NAME}_suites.cmake)
+        file(GENERATE OUTPUT ${INCLUDE_FILE} CONTENT
+"set(TEST_PROGRAM [[$<TARGET_FILE:${NAME}>]])
+set(TEST_LABEL ${LABEL})
+set(TEST_RESULTS [[${CMAKE_BINARY_DIR}/results]])
+include([[${CMAKE_SOURCE_DIR}/cmake/test_suites.cmake]])
+")
+        set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES ${INCLUDE_FILE})
+    endif()
+endfunction()
+
+# The release configuration is for running and measuring; its tests are built where they are run.
+if(TARNVEIL_SANITIZER)
+    enable_testing()
+    find_package(GTest REQUIRED)
+    tarnveil_test(unit_tests tests/unit unit driver_native hosted)
+    tarnveil_test(scenario_tests tests/scenario scenario driver_native hosted)
+    tarnveil_test(stress_tests tests/stress stress driver_native hosted)
+    tarnveil_test(conformance_image tests/conformance/image image)
+endif()

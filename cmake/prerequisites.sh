@@ -1,0 +1,47 @@
+# shellcheck shell=bash
+# Sourced by the commands at the top of the tree.
+
+# Installs through apt-get the packages that the build needs and the machine lacks; silent when there is nothing to do.
+install_prerequisites()
+{
+    local packages=(
+        cmake ninja-build make perl
+        clang-19 lld-19 llvm-19 libclang-rt-19-dev
+        mingw-w64-x86-64-dev gcc-mingw-w64-x86-64-win32 g++-mingw-w64-x86-64-win32
+        dpkg-dev xz-utils ca-certificates
+        libssl-dev libgtest-dev libgmock-dev
+    )
+    local missing=() package
+    for package in "${packages[@]}"
+    do
+        [ "$(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null)" = installed ] || missing+=("$package")
+    done
+    [ ${#missing[@]} -eq 0 ] && return 0
+
+    local as_root=()
+    [ "$(id -u)" -eq 0 ] || as_root=(sudo)
+    echo "installing ${missing[*]}" >&2
+    local log
+    log=$(mktemp)
+    if "${as_root[@]}" apt-get -qq update > "$log" 2>&1 &&
+        "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
+            apt-get -qq install --no-install-recommends -y "${missing[@]}" >> "$log" 2>&1
+    then
+        rm -f "$log"
+        return 0
+    fi
+    cat "$log" >&2
+    rm -f "$log"
+    echo "installing the packages above failed" >&2
+    return 1
+}
+
+# Configures (when needed) and builds one preset. usage: build PRESET [TARGET...]
+build()
+{
+    local preset=$1
+    shift
+    # Configuring again is what finds a changed preset; the build itself finds new and changed files.
+    cmake --preset "$preset" --log-level=WARNING > /dev/null || return 1
+    cmake --build --preset "$preset" ${1:+--target "$@"}
+}

@@ -1,0 +1,93 @@
+// Inside the cache manager: the pages of one stream, and what all streams share.
+#pragma once
+
+#include "hosted/cc/cache.h"
+
+#include <atomic>
+#include <bit>
+#include <cstdint>
+#include <list>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+namespace host
+{
+constexpr ULONG ViewPages = CacheViewBytes / PAGE_SIZE;
+static_assert(ViewPages == 64, "the page flags of a view are the bits of one word");
+
+// The pages of a view from `first` to `last`, both included.
+constexpr uint64_t PageMask(ULONG first, ULONG last)
+{
+    return (~0ull >> (63 - (last - first))) << first;
+}
+
+// One view. Guarded by its map's lock, but for Position, which belongs to the list of all views.
+struct CacheView
+{
+    CacheMap* Owner = nullptr;
+    LONGLONG Index = 0; // file offset / CacheViewBytes
+    UCHAR* Memory = nullptr;
+    uint64_t Valid = 0;
+    uint64_t Dirty = 0;
+    std::list<CacheView*>::iterator Position;
+
+    LONGLONG Start() const { return Index * CacheViewBytes; }
+};
+
+class CacheMap : public std::enable_shared_from_this<CacheMap>
+{
+public:
+    explicit CacheMap(CachedStream& stream) : Stream(stream) {}
+
+    CachedStream& Stream;
+    // Held during this stream's paging I/O. A thread holds at most one map's lock.
+    std::mutex Lock;
+    // All below guarded by Lock; the count of dirty pages may be read without.
+    std::map<LONGLONG, std::unique_ptr<CacheView>> Views;
+    std::atomic<ULONG> DirtyPages = 0;
+    LONGLONG NextSequential = 0; // where a reader that goes on from the last read would go on
+    bool Settling = false;       // shrunk, and no operation on the stream since
+    bool Deleted = false;
+};
+
+// What a thread does to a map: its lock, and the work that the stream asked for when it became clean.
+class CacheMapGuard
+{
+public:
+    explicit CacheMapGuard(CacheMap& map) : map_(map), lock_(map.Lock) {}
+    CacheMapGuard(CacheMap& map, std::unique_lock<std::mutex>&& lock) : map_(map), lock_(std::move(lock)) {}
+    ~CacheMapGuard();
+    CacheMapGuard(const CacheMapGuard&) = delete;
+    CacheMapGuard& operator=(const CacheMapGuard&) = delete;
+
+private:
+    CacheMap& map_;
+    std::unique_lock<std::mutex> lock_;
+    const bool wasDirty_ = map_.DirtyPages != 0;
+};
+
+// The map's lock is held for everything below.
+
+// The view of that index, made when it is not there; it becomes the most recently used of all.
+CacheView& GetView(CacheMap& map, LONGLONG index);
+CacheView* FindView(CacheMap& map, LONGLONG index);
+// Forgets the view, whose pages must be clean or worthless.
+void DropView(CacheMap& map, CacheView& view);
+void SetDirty(CacheMap& map, CacheView& view, uint64_t pages);
+void ClearDirty(CacheMap& map, CacheView& view, uint64_t pages);
+
+// Reads those of the pages `first` to `last` that are not valid, by paging reads of clustered pages.
+NTSTATUS FillPages(CacheMap& map, CacheView& view, ULONG first, ULONG last);
+// Writes the dirty ones among `pages`, by paging writes of clustered pages.
+NTSTATUS WritePages(CacheMap& map, CacheView& view, uint64_t pages);
+
+// What all maps share (views.cpp). Leaf locks.
+void RegisterMap(const std::shared_ptr<CacheMap>& map);
+void UnregisterMap(CacheMap& map);
+std::vector<std::shared_ptr<CacheMap>> RegisteredMaps();
+// The least recently used view whose map's lock is free and whose pages may leave memory; *lock then holds the map's
+// lock. Views that were passed over, and the one found, count as most recently used afterwards.
+CacheView* TakeColdestView(ULONG* attempts, std::unique_lock<std::mutex>* lock);
+}

@@ -1,0 +1,28 @@
+// Pool seen from the host's side: what is allocated, and by whom.
+#pragma once
+
+#include <ntifs.h>
+
+#include <string>
+
+namespace host
+{
+size_t LivePoolAllocations();
+SIZE_T LivePoolBytes();
+// Most bytes that were allocated at once since the last reset.
+SIZE_T PeakPoolBytes();
+void ResetPeakPoolBytes();
+
+// One line per tag, "Tarv: 2 allocations, 1176 bytes", then each allocation with the calls that made it. Empty when
+// nothing is allocated.
+std::string DescribeLivePool();
+
+// Whether the address lies inside a live allocation.
+bool IsPoolAddress(const void* address);
+
+// Size in bytes of the live allocation that starts there; bug check when none does.
+SIZE_T PoolAllocationSize(const void* address);
+
+// Recording the calls costs more than the allocation itself; measurements turn it off. On at first.
+void RecordPoolStacks(bool record);
+}

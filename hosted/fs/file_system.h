@@ -1,0 +1,31 @@
+// The file system of the hosted kernel: an NTFS-like tree of files, directories and alternate streams over a store.
+#pragma once
+
+#include "hosted/cc/cache.h"
+#include "hosted/fs/store.h"
+#include "hosted/io/volume.h"
+
+namespace host
+{
+struct FileSystemOptions
+{
+    // Setting the end of file leaves the pages that hold the old and the new end alone, as a file system with a
+    // valid-data length may, instead of writing them again under the new size.
+    bool StrictEndOfFile = false;
+    // Names that are not 8.3 names get one.
+    bool ShortNames = true;
+};
+
+// Mounts what the store holds. `volume` (its sector size and disk device are used) must outlive the file system; the
+// device may be made later, before the first open. Destroying it is a bug check while streams are open or dirty.
+std::unique_ptr<FileSystem> CreateFileSystem(
+    Volume& volume, std::unique_ptr<Store> store, FileSystemOptions options = {});
+
+// The bytes that the store holds of a stream ("\Sandbox\plan.txt", "\Sandbox\plan.txt:notes"; short names work),
+// past the cache and the filters. False when there is no such stream. `files` was made by CreateFileSystem.
+bool ReadDisk(FileSystem& files, WideView path, std::string* bytes);
+
+// The cache map of an open data stream, for mapped views; null for directories and volumes. Valid while the file
+// object is referenced.
+CacheMap* CacheMapOf(PFILE_OBJECT file);
+}

@@ -1,0 +1,235 @@
+// Listing directories.
+#include "hosted/fs/disk_file_system.h"
+
+#include "hosted/io/file_object.h"
+#include "hosted/io/mdl.h"
+#include "hosted/ke/user_access.h"
+
+#include <cstring>
+
+namespace host
+{
+namespace
+{
+// What the record of one entry shows; "." and ".." have the times of the directories they stand for.
+struct Entry
+{
+    WideView Name;
+    WideView ShortName;
+    const Node* Of;
+};
+
+// The four record layouts share their beginning; Names has only the links and the name.
+ULONG FixedLength(FILE_INFORMATION_CLASS kind)
+{
+    switch (kind)
+    {
+    case FileDirectoryInformation:
+        return 64;
+    case FileFullDirectoryInformation:
+        return 68;
+    case FileBothDirectoryInformation:
+        return FIELD_OFFSET(FILE_BOTH_DIR_INFORMATION, FileName);
+    case FileNamesInformation:
+        return 12;
+    default:
+        return 0;
+    }
+}
+
+LONGLONG SizeOf(const Node& node)
+{
+    auto data = node.Streams.find(WideString());
+    return node.Info.Directory || data == node.Streams.end() ? 0 : data->second->CurrentSize();
+}
+
+// The record up to the name.
+std::string FixedPart(const Entry& entry, FILE_INFORMATION_CLASS kind)
+{
+    const ULONG nameBytes = static_cast<ULONG>(entry.Name.size() * sizeof(WCHAR));
+    FILE_BOTH_DIR_INFORMATION record;
+    std::memset(&record, 0, sizeof(record));
+    if (kind == FileNamesInformation)
+    {
+        std::string bytes(FixedLength(kind), '\0');
+        std::memcpy(bytes.data() + 2 * sizeof(ULONG), &nameBytes, sizeof(nameBytes));
+        return bytes;
+    }
+    const StoredNode& info = entry.Of->Info;
+    record.CreationTime.QuadPart = info.CreationTime;
+    record.LastAccessTime.QuadPart = info.LastAccessTime;
+    record.LastWriteTime.QuadPart = info.LastWriteTime;
+    record.ChangeTime.QuadPart = info.ChangeTime;
+    record.EndOfFile.QuadPart = SizeOf(*entry.Of);
+    record.AllocationSize.QuadPart = AllocationFor(record.EndOfFile.QuadPart);
+    record.FileAttributes = info.Attributes != 0 ? info.Attributes : FILE_ATTRIBUTE_NORMAL;
+    record.FileNameLength = nameBytes;
+    record.ShortNameLength = static_cast<CCHAR>(entry.ShortName.size() * sizeof(WCHAR));
+    entry.ShortName.copy(record.ShortName, std::size(record.ShortName));
+    return std::string(reinterpret_cast<const char*>(&record), FixedLength(kind));
+}
+
+bool Matches(const WideString& pattern, const Entry& entry)
+{
+    if (pattern.empty())
+    {
+        return true;
+    }
+    if (!HasWildcards(pattern))
+    {
+        return EqualNoCase(pattern, entry.Name) || (!entry.ShortName.empty() && EqualNoCase(pattern, entry.ShortName));
+    }
+    return MatchesPattern(pattern, entry.Name) ||
+           (!entry.ShortName.empty() && MatchesPattern(pattern, entry.ShortName));
+}
+
+// The entry after what the scan has dealt with, past which the scan then stands.
+bool NextEntry(DirectoryScan& scan, const Node& directory, Entry* entry)
+{
+    // The root has no parent, and so neither of the two.
+    for (; scan.Dots < 2; ++scan.Dots)
+    {
+        if (directory.Parent != nullptr)
+        {
+            *entry = scan.Dots == 0 ? Entry{L".", {}, &directory} : Entry{L"..", {}, directory.Parent};
+            ++scan.Dots;
+            return true;
+        }
+    }
+    auto next = scan.Last.empty() ? directory.Children.begin() : directory.Children.upper_bound(scan.Last);
+    if (next == directory.Children.end())
+    {
+        return false;
+    }
+    const StoredNode& info = next->second->Info;
+    *entry = {info.Name, info.ShortName, next->second.get()};
+    scan.Last = info.Name;
+    return true;
+}
+
+struct CopyRequest
+{
+    void* To;
+    const std::string* From;
+};
+
+NTSTATUS CopyOut(void* to, const std::string& from)
+{
+    CopyRequest request{to, &from};
+    const auto copy = [](void* context)
+    {
+        auto* wanted = static_cast<CopyRequest*>(context);
+        std::memcpy(wanted->To, wanted->From->data(), wanted->From->size());
+    };
+    if (IsUserAddress(to))
+    {
+        return GuardedCall(copy, &request);
+    }
+    copy(&request);
+    return STATUS_SUCCESS;
+}
+}
+
+NTSTATUS DiskFileSystem::QueryDirectory(FLT_IO_PARAMETER_BLOCK& operation, ULONG_PTR* information)
+{
+    const PFILE_OBJECT file = operation.TargetFileObject;
+    ControlBlock* block = BlockOf(file);
+    const auto& parameters = operation.Parameters.QueryDirectory;
+    if (block == nullptr || block->Map != nullptr || block->Owner == volumeNode_ || OpenOf(file) == nullptr)
+    {
+        return STATUS_INVALID_PARAMETER;
+    }
+    const ULONG fixed = FixedLength(parameters.FileInformationClass);
+    if (fixed == 0)
+    {
+        return STATUS_INVALID_INFO_CLASS;
+    }
+    // Room for the record's own size, which ends with one character.
+    if (parameters.Length < (fixed + sizeof(WCHAR) + 7) / 8 * 8 && parameters.Length < fixed + sizeof(WCHAR))
+    {
+        return STATUS_INFO_LENGTH_MISMATCH;
+    }
+    std::string entries;
+    NTSTATUS status;
+    {
+        std::lock_guard guard(tree_);
+        status = FillDirectory(*OpenOf(file), operation, &entries);
+    }
+    if (!NT_SUCCESS(status) && status != STATUS_BUFFER_OVERFLOW)
+    {
+        return status;
+    }
+    void* buffer = parameters.MdlAddress != nullptr ? MdlSystemAddress(parameters.MdlAddress)
+                                                    : parameters.DirectoryBuffer;
+    NTSTATUS copied = CopyOut(buffer, entries);
+    *information = NT_SUCCESS(copied) ? entries.size() : 0;
+    return NT_SUCCESS(copied) ? status : copied;
+}
+
+NTSTATUS DiskFileSystem::FillDirectory(OpenContext& open, FLT_IO_PARAMETER_BLOCK& operation, std::string* entries)
+{
+    const auto& parameters = operation.Parameters.QueryDirectory;
+    const Node& directory = *open.Block->Owner;
+    if (directory.Deleted || directory.DeletePending)
+    {
+        return STATUS_DELETE_PENDING;
+    }
+    // The first query's pattern holds for the whole life of the open; a restart only goes back to the beginning.
+    DirectoryScan& scan = open.Scan;
+    const bool restart = (operation.OperationFlags & DirectoryRestartScan) != 0;
+    if (!scan.Started || restart)
+    {
+        const bool first = !scan.Started;
+        const WideString pattern = first || (restart && parameters.FileName != nullptr)
+                                       ? (parameters.FileName != nullptr ? WideString(View(*parameters.FileName)) : L"")
+                                       : scan.Pattern;
+        scan = {.Started = true, .Pattern = pattern, .Last = {}};
+    }
+    size_t previous = 0;
+    for (;;)
+    {
+        const DirectoryScan before = scan;
+        Entry entry;
+        if (!NextEntry(scan, directory, &entry))
+        {
+            break;
+        }
+        if (!Matches(scan.Pattern, entry))
+        {
+            continue;
+        }
+        const size_t start = (entries->size() + 7) / 8 * 8;
+        std::string record = FixedPart(entry, parameters.FileInformationClass);
+        record.append(reinterpret_cast<const char*>(entry.Name.data()), entry.Name.size() * sizeof(WCHAR));
+        scan.Answered = true;
+        if (start + record.size() > parameters.Length)
+        {
+            if (entries->empty())
+            {
+                // As much of the only record as there is room for.
+                entries->assign(record, 0, parameters.Length);
+                return STATUS_BUFFER_OVERFLOW;
+            }
+            scan = before;
+            return STATUS_SUCCESS;
+        }
+        if (!entries->empty())
+        {
+            const ULONG distance = static_cast<ULONG>(start - previous);
+            std::memcpy(entries->data() + previous, &distance, sizeof(distance));
+        }
+        entries->resize(start);
+        entries->append(record);
+        previous = start;
+        if (operation.OperationFlags & DirectorySingleEntry)
+        {
+            break;
+        }
+    }
+    if (!entries->empty())
+    {
+        return STATUS_SUCCESS;
+    }
+    return scan.Answered ? STATUS_NO_MORE_FILES : STATUS_NO_SUCH_FILE;
+}
+}

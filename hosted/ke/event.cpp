@@ -1,0 +1,108 @@
+#include "hosted/ke/event.h"
+
+#include "hosted/ke/bug_check.h"
+#include "hosted/ke/irql.h"
+
+#include <array>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+
+namespace host
+{
+namespace
+{
+constexpr UCHAR EventWords = sizeof(KEVENT) / sizeof(ULONG);
+
+// Waiters of events share a few locks: an event has no room of its own for one.
+struct Bucket
+{
+    std::mutex Lock;
+    std::condition_variable Changed;
+};
+
+Bucket& BucketOf(const KEVENT* event)
+{
+    static auto& buckets = *new std::array<Bucket, 64>;
+    return buckets[(reinterpret_cast<ULONG_PTR>(event) / sizeof(KEVENT)) % buckets.size()];
+}
+}
+
+void RequireEvent(const KEVENT* event, const char* routine)
+{
+    const DISPATCHER_HEADER& header = event->Header;
+    bool made = (header.Type == NotificationEvent || header.Type == SynchronizationEvent) &&
+                header.Size == EventWords && header.WaitListHead.Flink == &header.WaitListHead &&
+                header.WaitListHead.Blink == &header.WaitListHead;
+    if (!made)
+    {
+        BugCheck("event-not-initialised", "%s: no event stands at %p", routine, static_cast<const void*>(event));
+    }
+}
+
+bool IsSignalled(PKEVENT event)
+{
+    RequireEvent(event, "IsSignalled");
+    std::lock_guard lock(BucketOf(event).Lock);
+    return event->Header.SignalState != 0;
+}
+
+bool WaitForEvent(PKEVENT event, unsigned timeoutMilliseconds)
+{
+    RequireEvent(event, "WaitForEvent");
+    Bucket& bucket = BucketOf(event);
+    std::unique_lock lock(bucket.Lock);
+    bool signalled = bucket.Changed.wait_for(lock, std::chrono::milliseconds(timeoutMilliseconds),
+                                             [event] { return event->Header.SignalState != 0; });
+    if (signalled && event->Header.Type == SynchronizationEvent)
+    {
+        event->Header.SignalState = 0;
+    }
+    return signalled;
+}
+
+void ClearEvent(PKEVENT event)
+{
+    RequireEvent(event, "ClearEvent");
+    std::lock_guard lock(BucketOf(event).Lock);
+    event->Header.SignalState = 0;
+}
+}
+
+extern "C" void NTAPI KeInitializeEvent(PRKEVENT Event, EVENT_TYPE Type, BOOLEAN State)
+{
+    if (Type != NotificationEvent && Type != SynchronizationEvent)
+    {
+        host::BugCheck("event-type", "KeInitializeEvent was asked for type %d", static_cast<int>(Type));
+    }
+    std::lock_guard lock(host::BucketOf(Event).Lock);
+    DISPATCHER_HEADER& header = Event->Header;
+    header.Type = static_cast<UCHAR>(Type);
+    header.Signalling = 0;
+    header.Size = host::EventWords;
+    header.Inserted = 0;
+    header.SignalState = State ? 1 : 0;
+    header.WaitListHead.Flink = &header.WaitListHead;
+    header.WaitListHead.Blink = &header.WaitListHead;
+}
+
+extern "C" LONG NTAPI KeSetEvent(PRKEVENT Event, KPRIORITY Increment, BOOLEAN Wait)
+{
+    host::RequireIrql(DISPATCH_LEVEL, "KeSetEvent");
+    host::RequireEvent(Event, "KeSetEvent");
+    if (Increment < 0)
+    {
+        host::BugCheck("event-increment", "KeSetEvent with the priority increment %d", Increment);
+    }
+    // With Wait set the caller promises to wait next, and this system exports no routine that waits.
+    if (Wait)
+    {
+        host::BugCheck("event-wait", "KeSetEvent with Wait set, but no wait can follow");
+    }
+    host::Bucket& bucket = host::BucketOf(Event);
+    std::lock_guard lock(bucket.Lock);
+    LONG previous = Event->Header.SignalState;
+    Event->Header.SignalState = 1;
+    bucket.Changed.notify_all();
+    return previous;
+}

@@ -1,0 +1,50 @@
+#include "hosted/machine/boot.h"
+
+#include "hosted/cc/cache.h"
+#include "hosted/cm/registry.h"
+#include "hosted/ex/fast_mutex.h"
+#include "hosted/ex/pool.h"
+#include "hosted/ex/system_routines.h"
+#include "hosted/ke/bug_check.h"
+#include "hosted/ke/failure_injection.h"
+#include "hosted/ke/system_time.h"
+#include "hosted/ps/process_notify.h"
+#include "hosted/ps/process_table.h"
+#include "hosted/rtl/debug_print.h"
+
+#include <atomic>
+
+namespace host
+{
+namespace
+{
+std::atomic<bool> up{false};
+}
+
+void ResetKernel(const SystemModel& model)
+{
+    if (up.exchange(true))
+    {
+        BugCheck("TWO_MACHINES", "one machine at a time");
+    }
+    Model() = model;
+    ResetFailures();
+    ResetSystemTime();
+    ClearDebugPrints();
+    ResetInnermost();
+    ShowAllSystemRoutines();
+    ResetNotifyRoutines();
+    ShutdownProcesses();
+    SystemRegistry().Reset();
+    ResetPeakPoolBytes();
+    ResetPeakCachedBytes();
+}
+
+void ReleaseKernel()
+{
+    ShutdownProcesses();
+    ShowAllSystemRoutines();
+    SetImageForcesIntegrity(true);
+    up = false;
+}
+}

@@ -1,0 +1,239 @@
+#include "hosted/ob/name_table.h"
+
+#include <map>
+#include <mutex>
+
+namespace host
+{
+namespace
+{
+void DeleteLink(void* body)
+{
+    delete[] static_cast<SymbolicLink*>(body)->Target;
+}
+}
+
+const ObjectType SymbolicLinkType = {"SymbolicLink", nullptr, DeleteLink};
+
+namespace
+{
+constexpr int MostLinks = 32;
+constexpr WideView LinkDirectory = L"\\??";
+
+struct NameTable
+{
+    std::mutex Lock;
+    std::map<WideString, void*, LessNoCase> Names;
+};
+
+NameTable& Table()
+{
+    static NameTable& table = *new NameTable;
+    return table;
+}
+
+bool StartsWithComponent(WideView path, WideView prefix)
+{
+    return path.size() >= prefix.size() && EqualNoCase(path.substr(0, prefix.size()), prefix) &&
+           (path.size() == prefix.size() || path[prefix.size()] == L'\\');
+}
+
+// The one spelling of the directory of links.
+WideString Normalise(WideView path)
+{
+    for (WideView other : {WideView(L"\\DosDevices"), WideView(L"\\GLOBAL??")})
+    {
+        if (StartsWithComponent(path, other))
+        {
+            return WideString(LinkDirectory).append(path.substr(other.size()));
+        }
+    }
+    return WideString(path);
+}
+
+bool IsAbsolute(WideView path)
+{
+    return path.size() > 1 && path[0] == L'\\';
+}
+
+// A name that can be inserted: no empty component.
+bool IsWholeName(WideView path)
+{
+    return IsAbsolute(path) && path.back() != L'\\' && path.find(WideView(L"\\\\")) == WideView::npos;
+}
+
+NTSTATUS InsertBody(const WideString& name, void* body)
+{
+    if (!IsWholeName(name))
+    {
+        return STATUS_OBJECT_NAME_INVALID;
+    }
+    NameTable& table = Table();
+    std::lock_guard lock(table.Lock);
+    if (!table.Names.try_emplace(name, body).second)
+    {
+        return STATUS_OBJECT_NAME_COLLISION;
+    }
+    ReferenceObject(body);
+    return STATUS_SUCCESS;
+}
+
+// Links and other objects are removed by different routines.
+NTSTATUS RemoveBody(const WideString& name, bool link)
+{
+    void* body;
+    {
+        NameTable& table = Table();
+        std::lock_guard lock(table.Lock);
+        auto found = table.Names.find(name);
+        if (found == table.Names.end())
+        {
+            return STATUS_OBJECT_NAME_NOT_FOUND;
+        }
+        body = found->second;
+        if ((&TypeOf(body) == &SymbolicLinkType) != link)
+        {
+            return STATUS_OBJECT_TYPE_MISMATCH;
+        }
+        table.Names.erase(found);
+    }
+    DereferenceObject(body);
+    return STATUS_SUCCESS;
+}
+
+// Whether the path is a directory: one of the fixed ones, or one that holds a name.
+bool IsDirectory(const NameTable& table, WideView path)
+{
+    if (path.empty() || EqualNoCase(path, LinkDirectory) || EqualNoCase(path, L"\\Device"))
+    {
+        return true;
+    }
+    WideString below = WideString(path) + L'\\';
+    auto after = table.Names.lower_bound(below);
+    return after != table.Names.end() && StartsWithComponent(after->first, path);
+}
+
+// Why a path without a named object in it was not found.
+NTSTATUS MissingStatus(const NameTable& table, WideView path)
+{
+    if (IsDirectory(table, path))
+    {
+        return STATUS_OBJECT_TYPE_MISMATCH;
+    }
+    WideView parent = path.substr(0, path.rfind(L'\\'));
+    return IsDirectory(table, parent) ? STATUS_OBJECT_NAME_NOT_FOUND : STATUS_OBJECT_PATH_NOT_FOUND;
+}
+
+// The named object at the start of the path and the length of its name; null when there is none. Longest first.
+void* FindPrefix(const NameTable& table, WideView path, size_t* length)
+{
+    for (*length = path.size(); *length != 0 && *length != WideView::npos; *length = path.rfind(L'\\', *length - 1))
+    {
+        auto found = table.Names.find(path.substr(0, *length));
+        if (found != table.Names.end())
+        {
+            return found->second;
+        }
+    }
+    return nullptr;
+}
+}
+
+NTSTATUS InsertName(WideView path, void* body)
+{
+    return InsertBody(Normalise(path), body);
+}
+
+NTSTATUS RemoveName(WideView path)
+{
+    return RemoveBody(Normalise(path), false);
+}
+
+NTSTATUS InsertSymbolicLink(WideView link, WideView target)
+{
+    auto* body = static_cast<SymbolicLink*>(CreateObject(SymbolicLinkType, sizeof(SymbolicLink)));
+    body->Target = new WCHAR[target.size() + 1];
+    body->TargetCharacters = target.size();
+    WideTraits::copy(body->Target, target.data(), target.size());
+    body->Target[target.size()] = 0;
+    NTSTATUS status = InsertBody(Normalise(link), body);
+    DereferenceObject(body);
+    return status;
+}
+
+NTSTATUS RemoveSymbolicLink(WideView link)
+{
+    return RemoveBody(Normalise(link), true);
+}
+
+NTSTATUS ReferenceSymbolicLink(WideView path, SymbolicLink** link)
+{
+    *link = nullptr;
+    if (!IsAbsolute(path))
+    {
+        return STATUS_OBJECT_NAME_INVALID;
+    }
+    WideString name = Normalise(path);
+    NameTable& table = Table();
+    std::lock_guard lock(table.Lock);
+    auto found = table.Names.find(name);
+    if (found == table.Names.end())
+    {
+        size_t length;
+        return FindPrefix(table, name, &length) != nullptr ? STATUS_OBJECT_TYPE_MISMATCH : MissingStatus(table, name);
+    }
+    if (&TypeOf(found->second) != &SymbolicLinkType)
+    {
+        return STATUS_OBJECT_TYPE_MISMATCH;
+    }
+    ReferenceObject(found->second);
+    *link = static_cast<SymbolicLink*>(found->second);
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS ReadSymbolicLink(WideView link, WideString* target)
+{
+    SymbolicLink* body;
+    NTSTATUS status = ReferenceSymbolicLink(link, &body);
+    if (!NT_SUCCESS(status))
+    {
+        return STATUS_OBJECT_NAME_NOT_FOUND;
+    }
+    target->assign(body->Target, body->TargetCharacters);
+    DereferenceObject(body);
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS LookupObject(WideView path, void** body, WideString* remainder)
+{
+    *body = nullptr;
+    if (!IsAbsolute(path))
+    {
+        return STATUS_OBJECT_NAME_INVALID;
+    }
+    WideString name = Normalise(path);
+    NameTable& table = Table();
+    std::lock_guard lock(table.Lock);
+    for (int links = 0; links <= MostLinks; ++links)
+    {
+        size_t length;
+        void* found = FindPrefix(table, name, &length);
+        if (found == nullptr)
+        {
+            return MissingStatus(table, name);
+        }
+        if (&TypeOf(found) != &SymbolicLinkType)
+        {
+            ReferenceObject(found);
+            *body = found;
+            *remainder = name.substr(length);
+            return STATUS_SUCCESS;
+        }
+        const auto* link = static_cast<const SymbolicLink*>(found);
+        WideString target(link->Target, link->TargetCharacters);
+        name = Normalise(target + name.substr(length));
+    }
+    // Links in a circle.
+    return STATUS_OBJECT_NAME_INVALID;
+}
+}

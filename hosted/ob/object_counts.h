@@ -1,0 +1,11 @@
+// What handle tables do to objects beyond taking references.
+#pragma once
+
+#include "hosted/ob/object.h"
+
+namespace host
+{
+void AddHandleCount(void* body);
+// Runs the type's LastHandleClosed when the count falls to zero. The caller still holds a reference.
+void DropHandleCount(void* body);
+}

@@ -1,0 +1,11 @@
+// The threads of the system process that host threads play while they play no other.
+#pragma once
+
+#include "hosted/ps/process.h"
+
+namespace host
+{
+// Gives back the system thread of every host thread; each makes a new one when it next needs it. Bug check when the
+// calling host thread plays a process.
+void ForgetSystemThreads();
+}

@@ -1,0 +1,22 @@
+// Looking up a running process by its id.
+#include "hosted/ke/failure_injection.h"
+#include "hosted/ke/irql.h"
+#include "hosted/ps/process_table.h"
+#include "hosted/ps/query_hooks.h"
+
+extern "C" NTSTATUS NTAPI PsLookupProcessByProcessId(HANDLE ProcessId, PEPROCESS* Process)
+{
+    host::RequireIrql(APC_LEVEL, "PsLookupProcessByProcessId");
+    if (host::InjectFailure("PsLookupProcessByProcessId"))
+    {
+        return STATUS_INVALID_PARAMETER;
+    }
+    host::CallBeforeProcessLookup(ProcessId);
+    host::Process* found = host::FindProcess(ProcessId);
+    if (found == nullptr)
+    {
+        return STATUS_INVALID_PARAMETER;
+    }
+    *Process = host::AsProcess(found);
+    return STATUS_SUCCESS;
+}

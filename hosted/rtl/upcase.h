@@ -1,0 +1,10 @@
+// The system's upcase table.
+#pragma once
+
+#include <ntifs.h>
+
+namespace host
+{
+// Any IRQL, unlike the exported routine.
+WCHAR UpcaseCharacter(WCHAR character);
+}
