@@ -7,9 +7,9 @@ BOOLEAN PoolZeroingNative = FALSE;
 namespace
 {
 // The information class by which a system tells that its pool honours the zero-allocation flag by itself.
-constexpr ULONG SystemPoolZeroingInformation = 227;
+constexpr auto SystemPoolZeroingInformation = static_cast<SYSTEM_INFORMATION_CLASS>(227);
 
-typedef NTSTATUS(NTAPI* QuerySystemRoutine)(ULONG kind, PVOID buffer, ULONG length, PULONG required);
+typedef NTSTATUS(NTAPI* QuerySystemRoutine)(SYSTEM_INFORMATION_CLASS kind, PVOID buffer, ULONG length, PULONG required);
 
 BOOLEAN SystemZeroesPool()
 {

@@ -1,5 +1,7 @@
 #include "hosted/cm/reg_text.h"
 
+#include "hosted/cm/registry_key.h"
+
 #include <algorithm>
 
 namespace host
@@ -156,7 +158,7 @@ bool RegParser::ParseKey()
     }
     key_ = FromPredefinedKey(text_.substr(position_, bracket - position_));
     position_ = bracket + 1;
-    if (!EqualNoCase(WideView(key_).substr(0, 10), L"\\Registry\\"))
+    if (key_.empty() || key_[0] != L'\\' || !EqualNoCase(SplitKeyPath(key_).First, L"Registry"))
     {
         return Fail("the key has no known root");
     }

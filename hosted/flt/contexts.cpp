@@ -228,7 +228,8 @@ extern "C" NTSTATUS NTAPI FltAllocateContext(PFLT_FILTER Filter, FLT_CONTEXT_TYP
     }
     {
         std::lock_guard guard(Contexts().Lock);
-        Contexts().Contexts[memory] = {Filter, ContextType, registration->PoolTag, registration->ContextCleanupCallback};
+        Contexts().Contexts[memory] = {Filter, ContextType, registration->PoolTag,
+                                       registration->ContextCleanupCallback};
     }
     *ReturnedContext = memory;
     return STATUS_SUCCESS;

@@ -74,7 +74,8 @@ void CheckDecision(const Decision& decision, const ShownOperation& shown, const 
         legal = true;
         break;
     case FLT_PREOP_COMPLETE:
-        legal = shown.Data.IoStatus.Status != STATUS_PENDING && shown.Data.IoStatus.Status != STATUS_FLT_DISALLOW_FAST_IO;
+        legal =
+            shown.Data.IoStatus.Status != STATUS_PENDING && shown.Data.IoStatus.Status != STATUS_FLT_DISALLOW_FAST_IO;
         break;
     case FLT_PREOP_PENDING:
         BugCheck("NOT_MODELLED", "a pre-operation callback that pends the operation");
@@ -158,7 +159,9 @@ NTSTATUS SendFiltered(FilterRequest& request, PFLT_INSTANCE instance, IO_STATUS_
     Thread* requestor = request.Requestor != nullptr ? request.Requestor : CurrentThread();
     FLT_IO_PARAMETER_BLOCK callers = request.Parameters;
     callers.TargetInstance = instance;
-    ShownOperation shown{ShownSignature, instance, callers,
+    ShownOperation shown{ShownSignature,
+                         instance,
+                         callers,
                          {request.DataFlags, AsThread(requestor), &shown.Block, {}, nullptr, {}, request.Mode}};
 
     Decision decision;

@@ -48,8 +48,9 @@ NTSTATUS CopyContexts(const FLT_CONTEXT_REGISTRATION* entry, _FLT_FILTER* filter
 {
     for (; entry != nullptr && entry->ContextType != FLT_CONTEXT_END; ++entry)
     {
-        const bool repeated = std::any_of(filter->Contexts.begin(), filter->Contexts.end(), [entry](const auto& other)
-                                          { return other.ContextType == entry->ContextType; });
+        const bool repeated =
+            std::any_of(filter->Contexts.begin(), filter->Contexts.end(),
+                        [entry](const auto& other) { return other.ContextType == entry->ContextType; });
         if (entry->ContextType != FLT_STREAM_CONTEXT || entry->Size == 0 || repeated)
         {
             return STATUS_FLT_INVALID_CONTEXT_REGISTRATION;
@@ -111,8 +112,8 @@ void SetUpInstance(PFLT_FILTER filter, Volume* volume, FLT_INSTANCE_SETUP_FLAGS 
     {
         const FLT_RELATED_OBJECTS related = RelatedObjects(instance.get(), nullptr);
         const CallbackRules rules("instance setup");
-        const NTSTATUS status = filter->Registration.InstanceSetupCallback(&related, flags, volume->DeviceKind,
-                                                                           FilesystemType(*volume));
+        const NTSTATUS status =
+            filter->Registration.InstanceSetupCallback(&related, flags, volume->DeviceKind, FilesystemType(*volume));
         rules.Check();
         if (!NT_SUCCESS(status))
         {

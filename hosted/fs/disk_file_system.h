@@ -46,7 +46,8 @@ private:
     WideString PathOf(const Node* node) const;
     NTSTATUS AddNode(Node* parent, WideView name, bool directory, ULONG attributes, Node** added);
     NTSTATUS AddStream(Node* node, WideView name, Stream** added);
-    // Takes the node out of the tree and the store. Its streams' control blocks still have to be discarded.
+    // Takes the node out of the tree and the store. Its streams' control blocks still have to be discarded, after
+    // the tree lock was released.
     NTSTATUS RemoveNode(Node* node, std::vector<std::shared_ptr<ControlBlock>>* discard);
     NTSTATUS RemoveStream(Node* node, Stream* stream, std::vector<std::shared_ptr<ControlBlock>>* discard);
     void SaveIfChanged(Node* node);
@@ -63,6 +64,9 @@ private:
 
     // streams.cpp
     std::shared_ptr<ControlBlock> Activate(Node* node, Stream* stream);
+    // Gives back what was counted in OpenCount without an open.
+    void Release(const std::shared_ptr<ControlBlock>& block);
+    // Throws away what the cache holds of deleted streams, and gives the blocks back.
     void Discard(const std::vector<std::shared_ptr<ControlBlock>>& blocks);
     NTSTATUS Resize(ControlBlock& block, LONGLONG newSize, bool rewriteEnds);
     NTSTATUS Cleanup(PFILE_OBJECT file);

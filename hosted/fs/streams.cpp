@@ -88,8 +88,7 @@ void DiskFileSystem::TryTearDown(const std::shared_ptr<ControlBlock>& block)
 {
     {
         std::lock_guard guard(tree_);
-        const bool dirty = block->Map != nullptr && CacheHasDirtyPages(block->Map);
-        if (block->OpenCount != 0 || block->TornDown || dirty)
+        if (block->OpenCount != 0 || block->TornDown || (block->Map != nullptr && CacheHasDirtyPages(block->Map)))
         {
             return;
         }
@@ -113,6 +112,15 @@ void DiskFileSystem::TryTearDown(const std::shared_ptr<ControlBlock>& block)
     --activeStreams_;
 }
 
+void DiskFileSystem::Release(const std::shared_ptr<ControlBlock>& block)
+{
+    {
+        std::lock_guard guard(tree_);
+        --block->OpenCount;
+    }
+    TryTearDown(block);
+}
+
 void DiskFileSystem::Discard(const std::vector<std::shared_ptr<ControlBlock>>& blocks)
 {
     for (const std::shared_ptr<ControlBlock>& block : blocks)
@@ -129,7 +137,7 @@ void DiskFileSystem::Discard(const std::vector<std::shared_ptr<ControlBlock>>& b
                     return STATUS_SUCCESS;
                 });
         }
-        TryTearDown(block);
+        Release(block);
     }
 }
 
@@ -263,11 +271,7 @@ NTSTATUS DiskFileSystem::FlushAll()
             status = CacheFlush(block->Map, 0, 0);
         }
         first = NT_SUCCESS(first) ? status : first;
-        {
-            std::lock_guard guard(tree_);
-            --block->OpenCount;
-        }
-        TryTearDown(block);
+        Release(block);
     }
     return first;
 }

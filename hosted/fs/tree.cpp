@@ -211,6 +211,19 @@ NTSTATUS DiskFileSystem::AddStream(Node* node, WideView name, Stream** added)
     return status;
 }
 
+namespace
+{
+void HandToDiscard(const Stream& stream, std::vector<std::shared_ptr<ControlBlock>>* discard)
+{
+    if (stream.Active)
+    {
+        // Counted like an open, so that the block is not torn down before.
+        ++stream.Active->OpenCount;
+        discard->push_back(stream.Active);
+    }
+}
+}
+
 NTSTATUS DiskFileSystem::RemoveNode(Node* node, std::vector<std::shared_ptr<ControlBlock>>* discard)
 {
     NTSTATUS status = store_->Remove(node->Info.Id);
@@ -220,10 +233,7 @@ NTSTATUS DiskFileSystem::RemoveNode(Node* node, std::vector<std::shared_ptr<Cont
     }
     for (auto& [name, stream] : node->Streams)
     {
-        if (stream->Active)
-        {
-            discard->push_back(stream->Active);
-        }
+        HandToDiscard(*stream, discard);
     }
     Node* parent = node->Parent;
     node->Deleted = true;
@@ -243,10 +253,7 @@ NTSTATUS DiskFileSystem::RemoveStream(
     NTSTATUS status = store_->RemoveStream(node->Info.Id, stream->Name);
     if (NT_SUCCESS(status))
     {
-        if (stream->Active)
-        {
-            discard->push_back(stream->Active);
-        }
+        HandToDiscard(*stream, discard);
         node->Streams.erase(WideString(stream->Name)); // may free the stream
     }
     return status;

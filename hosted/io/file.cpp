@@ -22,11 +22,9 @@ NTSTATUS CheckOptions(const OpenRequest& request)
     const ULONG options = request.Options;
     const ULONG synchronous = options & SynchronousOptions;
     const bool waitsForNothing = synchronous != 0 && !(MapFileAccess(request.DesiredAccess) & SYNCHRONIZE);
-    const bool deletesUnasked =
-        options & FILE_DELETE_ON_CLOSE && !(request.DesiredAccess & (DELETE | GENERIC_ALL));
-    const bool destroysDirectory =
-        options & FILE_DIRECTORY_FILE && request.Disposition != FILE_OPEN && request.Disposition != FILE_CREATE &&
-        request.Disposition != FILE_OPEN_IF;
+    const bool deletesUnasked = options & FILE_DELETE_ON_CLOSE && !(request.DesiredAccess & (DELETE | GENERIC_ALL));
+    const bool destroysDirectory = options & FILE_DIRECTORY_FILE && request.Disposition != FILE_OPEN &&
+                                   request.Disposition != FILE_CREATE && request.Disposition != FILE_OPEN_IF;
     const bool bothKinds = options & FILE_DIRECTORY_FILE && options & FILE_NON_DIRECTORY_FILE;
     if (request.Disposition > FILE_OVERWRITE_IF || options >> DispositionShift != 0 || waitsForNothing ||
         synchronous == SynchronousOptions || deletesUnasked || destroysDirectory || bothKinds)
@@ -81,7 +79,8 @@ PFILE_OBJECT PrepareFileObject(const OpenRequest& request, PDEVICE_OBJECT device
 {
     const bool byId = request.Options & FILE_OPEN_BY_FILE_ID;
     const ACCESS_MASK granted = MapFileAccess(request.DesiredAccess);
-    const PFILE_OBJECT file = NewFileObject(device, byId ? IdAsName(request.FileId) : WideView(name), granted, request.Mode);
+    const PFILE_OBJECT file =
+        NewFileObject(device, byId ? IdAsName(request.FileId) : WideView(name), granted, request.Mode);
     file->Flags = FlagsFor(request);
     file->RelatedFileObject = request.Root;
     const bool belowVolume = request.Root == nullptr || request.Root->Flags & FO_VOLUME_OPEN;

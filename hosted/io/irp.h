@@ -5,8 +5,8 @@
 
 namespace host
 {
-// Non-paged pool for the I/O manager itself: watched like every other allocation, never failing by injection. Freed with
-// ExFreePoolWithTag.
+// Non-paged pool for the I/O manager itself: watched like every other allocation, never failing by injection. Freed
+// with ExFreePoolWithTag.
 void* AllocateIoPool(SIZE_T bytes, ULONG tag);
 
 // A zeroed packet with one stack location, both in one pool block, so that overruns are seen. Owned by SendIrp from

@@ -170,8 +170,8 @@ std::string DescribeLiveMdls()
 
 using namespace host;
 
-extern "C" PMDL NTAPI IoAllocateMdl(PVOID VirtualAddress, ULONG Length, BOOLEAN SecondaryBuffer, BOOLEAN /*ChargeQuota*/,
-                                    PIRP Irp)
+extern "C" PMDL NTAPI IoAllocateMdl(PVOID VirtualAddress, ULONG Length, BOOLEAN SecondaryBuffer,
+                                    BOOLEAN /*ChargeQuota*/, PIRP Irp)
 {
     RequireIrql(DISPATCH_LEVEL, "IoAllocateMdl");
     if (SecondaryBuffer && Irp == nullptr)

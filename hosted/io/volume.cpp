@@ -132,7 +132,8 @@ void DismountVolume(Volume* volume)
     {
         std::shared_lock guard(Mounted().Mutex);
         const auto entry = Mounted().Volumes.find(volume);
-        const LONG open = entry == Mounted().Volumes.end() ? 0 : __atomic_load_n(&entry->second.OpenFiles, __ATOMIC_ACQUIRE);
+        const LONG open =
+            entry == Mounted().Volumes.end() ? 0 : __atomic_load_n(&entry->second.OpenFiles, __ATOMIC_ACQUIRE);
         if (entry == Mounted().Volumes.end() || open != 0)
         {
             BugCheck("VOLUME_IN_USE", "dismounted with %d open file objects", open);

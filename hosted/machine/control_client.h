@@ -34,7 +34,7 @@ struct ControlOptions
 {
     OutputBuffer Kind = OutputBuffer::Ordinary;
     // Bytes that really exist, before an inaccessible page, when fewer than the request claims.
-    std::optional<ULONG> Existing;
+    std::optional<ULONG> Existing = {};
     // False: the I/O manager does not look at the buffers, so that the driver meets them as they are.
     bool Probe = true;
     // What the output buffer is filled with before.

@@ -26,7 +26,8 @@ public:
         parameters.SecurityContext = &security;
         parameters.Options = disposition << DispositionShift | options;
         parameters.FileAttributes = FILE_ATTRIBUTE_NORMAL;
-        file_->Flags |= FO_SYNCHRONOUS_IO | (options & FILE_NO_INTERMEDIATE_BUFFERING ? FO_NO_INTERMEDIATE_BUFFERING : 0);
+        file_->Flags |= FO_SYNCHRONOUS_IO;
+        file_->Flags |= options & FILE_NO_INTERMEDIATE_BUFFERING ? FO_NO_INTERMEDIATE_BUFFERING : 0;
         status_ = Send(create);
         opened_ = NT_SUCCESS(status_);
     }

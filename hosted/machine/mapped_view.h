@@ -11,8 +11,8 @@ namespace host
 {
 struct ProgramState;
 
-// STATUS_IN_PAGE_ERROR past the page that holds the end of the file, as the exception that a program would get. Unmapped
-// when it goes or the program exits.
+// STATUS_IN_PAGE_ERROR past the page that holds the end of the file, as the exception that a program would get.
+// Unmapped when it goes or the program exits.
 class MappedView
 {
 public:

@@ -46,9 +46,9 @@ ObjectHeader* HeaderAt(const void* body)
 
 ObjectHeader* HeaderOf(const void* body)
 {
-    ObjectHeader* header = HeaderAt(body);
+    ObjectHeader* header = body != nullptr ? HeaderAt(body) : nullptr;
     std::shared_lock lock(Live().Lock);
-    if (body == nullptr || !Live().Headers.contains(header))
+    if (!Live().Headers.contains(header))
     {
         BugCheck("object-not-live", "no object stands at %p", body);
     }

@@ -88,7 +88,8 @@ typedef enum _PROCESSINFOCLASS
     ProcessImageFileName = 27
 } PROCESSINFOCLASS;
 
-typedef enum _SYSTEM_INFORMATION_CLASS
+// Callers ask for classes that are not listed here, so every value must be one of the type's.
+typedef enum _SYSTEM_INFORMATION_CLASS : int
 {
     SystemProcessInformation = 5,
     SystemPoolZeroingInformation = 227

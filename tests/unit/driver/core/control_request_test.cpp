@@ -1,0 +1,386 @@
+// Every request of the control device: statuses, byte counts, what is printed, what changes.
+
+#include "driver/core/control_device.h"
+#include "driver/core/global_state.h"
+#include "hosted/ke/failure_injection.h"
+#include "hosted/machine/testing.h"
+#include "hosted/rtl/debug_print.h"
+
+#include <gmock/gmock.h>
+#include <tarnveil/control.h>
+
+extern "C" NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT driverObject, PUNICODE_STRING registryPath);
+
+namespace
+{
+using namespace host;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+std::string Word(ULONG value)
+{
+    return std::string(reinterpret_cast<const char*>(&value), sizeof(value));
+}
+
+std::string Terminated(WideView text)
+{
+    std::string bytes(reinterpret_cast<const char*>(text.data()), text.size() * sizeof(WCHAR));
+    return bytes + std::string(sizeof(WCHAR), '\0');
+}
+
+class ControlRequest : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        ASSERT_EQ(Computer.LoadDriver(DriverEntry), STATUS_SUCCESS);
+        Agent.emplace(Computer.StartProcess(L"C:\\Agent.exe"));
+        Computer.ClearDebugPrints();
+    }
+    NTSTATUS Send(ULONG code, std::string_view input = {}, ULONG outputSize = 0)
+    {
+        const ControlResult result = Agent->DeviceControl(code, input, outputSize);
+        EXPECT_EQ(result.Information, 0u);
+        return result.Status;
+    }
+    std::string Key() const
+    {
+        return std::string(reinterpret_cast<const char*>(Global.CryptKey), Global.KeyLength);
+    }
+
+    Machine Computer;
+    std::optional<Program> Agent;
+};
+
+TEST_F(ControlRequest, KeyOfAWrongLengthIsRefused)
+{
+    for (ULONG length : {0u, 1u, 16u, 18u, 24u, 26u, 32u, 34u, 41u})
+    {
+        Computer.ClearDebugPrints();
+        EXPECT_EQ(Send(IOCTL_SET_CRYPTKEY, std::string(length, 'k')), STATUS_INVALID_PARAMETER) << length;
+        EXPECT_THAT(DebugPrints(), ElementsAre("Tarnveil - IOCTL_SET_CRYPTKEY " + std::to_string(length) + "\n"));
+        EXPECT_EQ(Global.KeyLength, 0u);
+    }
+}
+
+TEST_F(ControlRequest, Key128IsSetWithItsMask)
+{
+    EXPECT_EQ(Agent->SetCryptKey("0123456789abcdef", 0x5a), STATUS_SUCCESS);
+    EXPECT_EQ(Key(), "0123456789abcdef");
+    EXPECT_EQ(Global.XorByte, 0x5a);
+    EXPECT_THAT(DebugPrints(), ElementsAre("Tarnveil - IOCTL_SET_CRYPTKEY 17\n"));
+}
+
+TEST_F(ControlRequest, Key192IsSetWithItsMask)
+{
+    EXPECT_EQ(Agent->SetCryptKey("0123456789abcdef01234567", 0x5b), STATUS_SUCCESS);
+    EXPECT_EQ(Key(), "0123456789abcdef01234567");
+    EXPECT_EQ(Global.XorByte, 0x5b);
+}
+
+TEST_F(ControlRequest, Key256IsSetWithItsMask)
+{
+    EXPECT_EQ(Agent->SetCryptKey("0123456789abcdef0123456789abcdef", 0x5c), STATUS_SUCCESS);
+    EXPECT_EQ(Key(), "0123456789abcdef0123456789abcdef");
+    EXPECT_EQ(Global.XorByte, 0x5c);
+}
+
+TEST_F(ControlRequest, SecondKeyIsReportedAsSuccessAndIgnored)
+{
+    ProgramEvent event = Agent->CreateEvent();
+    EXPECT_EQ(Agent->StartLogging(event, 0xffffffff), STATUS_SUCCESS);
+    Agent->DrainLog();
+    EXPECT_EQ(Agent->SetCryptKey("0123456789abcdef", 1), STATUS_SUCCESS);
+    Computer.ClearDebugPrints();
+    EXPECT_EQ(Agent->SetCryptKey("ffffffffffffffffffffffffffffffff", 2), STATUS_SUCCESS);
+    // The length is not even looked at.
+    EXPECT_EQ(Send(IOCTL_SET_CRYPTKEY, "x"), STATUS_SUCCESS);
+    EXPECT_EQ(Key(), "0123456789abcdef");
+    EXPECT_EQ(Global.XorByte, 1);
+    const std::vector<LogRecord> records = Agent->DrainLog();
+    ASSERT_EQ(records.size(), 2u);
+    EXPECT_EQ(records[0].Level, static_cast<ULONG>(TARNVEIL_LEVEL_REFUSED_KEY));
+    EXPECT_EQ(records[0].ProcessId, Agent->ProcessId());
+    EXPECT_EQ(records[0].Message, "IRP = DEV_CTRL IOCTL = SET_CRYPTKEY status = OVERRIDE_KEY");
+    const std::vector<std::string> prints = DebugPrints();
+    ASSERT_GE(prints.size(), 2u);
+    EXPECT_EQ(prints[0], "Tarnveil - IOCTL_SET_CRYPTKEY 33\n");
+    EXPECT_EQ(prints[1], "Tarnveil - Tried to override the crypt key.\n");
+}
+
+TEST_F(ControlRequest, StopKeepsTheKey)
+{
+    EXPECT_EQ(Agent->SetCryptKey("0123456789abcdef", 1), STATUS_SUCCESS);
+    EXPECT_EQ(Agent->StopDriver(), STATUS_SUCCESS);
+    EXPECT_EQ(Key(), "0123456789abcdef");
+}
+
+TEST_F(ControlRequest, AddNeedsExactlyFourBytesOfOutput)
+{
+    for (ULONG code : {IOCTL_ADD_PARENT_PROCESS, IOCTL_ADD_PROCESS, IOCTL_ADD_EXC_PROCESS})
+    {
+        for (ULONG size : {0u, 3u, 5u, 8u})
+        {
+            EXPECT_EQ(Send(code, Terminated(L"C:\\a.exe"), size), STATUS_INVALID_PARAMETER) << size;
+        }
+    }
+    EXPECT_THAT(DebugPrints(), IsEmpty());
+    // Nothing was added on the way.
+    const UNICODE_STRING path = Counted(L"C:\\a.exe");
+    ULONG id = 0;
+    EXPECT_FALSE(FindSetting(ParentProcessNames, &path, &id));
+    EXPECT_FALSE(FindSetting(ProcessNames, &path, &id));
+    EXPECT_FALSE(FindSetting(ExclusionProcessNames, &path, &id));
+}
+
+TEST_F(ControlRequest, AddPrintsThePathAndItsId)
+{
+    const std::string parent = std::to_string(Agent->AddParentProcess(L"C:\\a.exe").Value);
+    const std::string process = std::to_string(Agent->AddProcess(L"C:\\b.exe").Value);
+    const std::string exclusion = std::to_string(Agent->AddExclusion(L"C:\\c.exe").Value);
+    std::vector<std::string> requests;
+    for (const std::string& text : DebugPrints())
+    {
+        if (text.starts_with("Tarnveil - IOCTL_"))
+        {
+            requests.push_back(text);
+        }
+    }
+    EXPECT_THAT(requests, ElementsAre("Tarnveil - IOCTL_ADD_PARENT_PROCESS: 'C:\\a.exe', id(" + parent + ")\n",
+                              "Tarnveil - IOCTL_ADD_PROCESS: 'C:\\b.exe', id(" + process + ")\n",
+                              "Tarnveil - IOCTL_ADD_EXC_PROCESS: 'C:\\c.exe', id(" + exclusion + ")\n"));
+}
+
+TEST_F(ControlRequest, DeleteRemovesTheIdFromEveryList)
+{
+    const ULONG ids[] = {Agent->AddParentProcess(L"C:\\a.exe").Value, Agent->AddProcess(L"C:\\b.exe").Value,
+        Agent->AddExclusion(L"C:\\c.exe").Value};
+    const UNICODE_STRING paths[] = {Counted(L"C:\\a.exe"), Counted(L"C:\\b.exe"), Counted(L"C:\\c.exe")};
+    const ProcessNameSettingList* lists[] = {&ParentProcessNames, &ProcessNames, &ExclusionProcessNames};
+    for (ULONG i = 0; i < 3; ++i)
+    {
+        ULONG id = 0;
+        EXPECT_TRUE(FindSetting(*lists[i], &paths[i], &id));
+        EXPECT_EQ(id, ids[i]);
+        Computer.ClearDebugPrints();
+        EXPECT_EQ(Agent->DelProcess(id), STATUS_SUCCESS);
+        EXPECT_EQ(DebugPrints().at(0), "Tarnveil - IOCTL_DEL_PROCESS: id(" + std::to_string(id) + ")\n");
+        EXPECT_FALSE(FindSetting(*lists[i], &paths[i], &id));
+    }
+    // An id that nobody has is no failure.
+    EXPECT_EQ(Agent->DelProcess(0x7fffffff), STATUS_SUCCESS);
+}
+
+TEST_F(ControlRequest, DeleteWithoutAnIdIsInvalid)
+{
+    EXPECT_EQ(Send(IOCTL_DEL_PROCESS), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(Send(IOCTL_DEL_PROCESS, "abc"), STATUS_INVALID_PARAMETER);
+}
+
+TEST_F(ControlRequest, StartAndStopMayComeAnyNumberOfTimes)
+{
+    for (int round = 0; round < 3; ++round)
+    {
+        Computer.ClearDebugPrints();
+        EXPECT_EQ(Agent->StartDriver(), STATUS_SUCCESS);
+        EXPECT_EQ(Agent->StartDriver(), STATUS_SUCCESS);
+        EXPECT_EQ(Agent->StopDriver(), STATUS_SUCCESS);
+        EXPECT_EQ(Agent->StopDriver(), STATUS_SUCCESS);
+        EXPECT_THAT(DebugPrints(), ElementsAre("Tarnveil - IOCTL_START\n", "Tarnveil - IOCTL_START\n",
+                                       "Tarnveil - IOCTL_STOP\n", "Tarnveil - IOCTL_STOP\n"));
+        EXPECT_NE(Global.Filter, nullptr);
+    }
+}
+
+TEST_F(ControlRequest, StopEmptiesTheListsAndTheCache)
+{
+    EXPECT_EQ(Agent->AddProcess(L"C:\\App.exe").Status, STATUS_SUCCESS);
+    Program app = Computer.StartProcess(L"C:\\App.exe");
+    EXPECT_TRUE(Agent->IsUnderSandbox(app.ProcessId()));
+    const UNICODE_STRING key = Counted(L"C:\\PROGRA~1");
+    EXPECT_EQ(CTInsertElement(&Global.ProcessCache, &key, &key, 0), STATUS_SUCCESS);
+    EXPECT_EQ(Agent->StopDriver(), STATUS_SUCCESS);
+    EXPECT_FALSE(Agent->IsUnderSandbox(app.ProcessId()));
+    EXPECT_FALSE(Agent->IsExistUnderSandbox());
+    EXPECT_EQ(CTLookupElement(&Global.ProcessCache, &key, nullptr, 0), STATUS_NOT_FOUND);
+    const UNICODE_STRING path = Counted(L"C:\\App.exe");
+    ULONG id = 0;
+    EXPECT_FALSE(FindSetting(ProcessNames, &path, &id));
+}
+
+TEST_F(ControlRequest, StopTurnsEncryptionBackOn)
+{
+    EXPECT_EQ(Agent->StopDriver(), STATUS_SUCCESS);
+    EXPECT_EQ(Agent->SetEncryption(0), STATUS_SUCCESS);
+    EXPECT_EQ(Global.EncryptionEnabled, 0u);
+    EXPECT_EQ(Agent->StopDriver(), STATUS_SUCCESS);
+    EXPECT_EQ(Global.EncryptionEnabled, 1u);
+}
+
+TEST_F(ControlRequest, EncryptionIsStoredAsItCame)
+{
+    ProgramEvent event = Agent->CreateEvent();
+    EXPECT_EQ(Agent->StartLogging(event, TARNVEIL_LEVEL_TRACE), STATUS_SUCCESS);
+    Agent->DrainLog();
+    Computer.ClearDebugPrints();
+    EXPECT_EQ(Agent->SetEncryption(7), STATUS_SUCCESS);
+    EXPECT_EQ(Global.EncryptionEnabled, 7u);
+    EXPECT_EQ(Agent->SetEncryption(0), STATUS_SUCCESS);
+    EXPECT_EQ(DebugPrints().at(0), "Tarnveil - IOCTL_SET_ENCRYPTION: Encryption = 7\n");
+    const std::vector<LogRecord> records = Agent->DrainLog();
+    ASSERT_EQ(records.size(), 2u);
+    EXPECT_EQ(records[0].Level, static_cast<ULONG>(TARNVEIL_LEVEL_TRACE));
+    EXPECT_EQ(records[0].Message, "IRP = DEV_CTRL IOCTL = ENCRYPT Encrypt = Enable");
+    EXPECT_EQ(records[1].Message, "IRP = DEV_CTRL IOCTL = ENCRYPT Encrypt = Disable");
+}
+
+TEST_F(ControlRequest, EncryptionNeedsExactlyFourBytes)
+{
+    for (size_t length : {0u, 3u, 5u, 8u})
+    {
+        Computer.ClearDebugPrints();
+        EXPECT_EQ(Send(IOCTL_SET_ENCRYPTION, std::string(length, '\0')), STATUS_INVALID_PARAMETER);
+        EXPECT_THAT(DebugPrints(), ElementsAre("Tarnveil - IOCTL_SET_ENCRYPTION: STATUS_INVALID_PARAMETER\n"));
+    }
+    EXPECT_EQ(Global.EncryptionEnabled, 1u);
+}
+
+TEST_F(ControlRequest, StartLoggingNeedsExactlyTwelveBytes)
+{
+    for (size_t length : {0u, 4u, 11u, 13u, 16u})
+    {
+        Computer.ClearDebugPrints();
+        EXPECT_EQ(Send(IOCTL_START_LOGGING, std::string(length, '\0')), STATUS_INVALID_PARAMETER);
+        EXPECT_THAT(DebugPrints(), ElementsAre("Tarnveil - IOCTL_START_LOGGING: STATUS_INVALID_PARAMETER\n"));
+    }
+}
+
+TEST_F(ControlRequest, StartLoggingPrintsHandleAndFlags)
+{
+    const HANDLE none = reinterpret_cast<HANDLE>(static_cast<ULONG_PTR>(0xabc0));
+    EXPECT_FALSE(NT_SUCCESS(Agent->StartLogging(none, 0x4a)));
+    EXPECT_EQ(
+        DebugPrints().at(0), "Tarnveil - IOCTL_START_LOGGING: Handle = 000000000000ABC0 Flags = 0x0000004A\n");
+    Computer.ClearDebugPrints();
+    EXPECT_EQ(Agent->StopLogging(), STATUS_SUCCESS);
+    EXPECT_EQ(DebugPrints().at(0), "Tarnveil - IOCTL_STOP_LOGGING\n");
+}
+
+TEST_F(ControlRequest, LogDataAloneReportsItsBytes)
+{
+    EXPECT_EQ(Send(IOCTL_GET_LOG_DATA, {}, 1095), STATUS_BUFFER_TOO_SMALL);
+    EXPECT_EQ(Send(IOCTL_GET_LOG_DATA, {}, 1096), STATUS_NO_MORE_ENTRIES);
+    ProgramEvent event = Agent->CreateEvent();
+    EXPECT_EQ(Agent->StartLogging(event, TARNVEIL_LEVEL_TRACE), STATUS_SUCCESS);
+    Agent->DrainLog();
+    EXPECT_EQ(Agent->SetEncryption(1), STATUS_SUCCESS);
+    EXPECT_EQ(Agent->SetEncryption(1), STATUS_SUCCESS);
+    EXPECT_EQ(Send(IOCTL_GET_LOG_DATA, {}, 100), STATUS_BUFFER_TOO_SMALL);
+    Computer.ClearDebugPrints();
+    Global.VerboseTrace = TRUE;
+    const ControlResult result = Agent->DeviceControl(IOCTL_GET_LOG_DATA, {}, 2000);
+    Global.VerboseTrace = FALSE;
+    EXPECT_EQ(result.Status, STATUS_SUCCESS);
+    EXPECT_EQ(result.Information, 1096u);
+    EXPECT_EQ(DebugPrints().at(0), "Tarnveil - IOCTL_GET_LOG_DATA\n");
+}
+
+TEST_F(ControlRequest, UnderSandboxAnswersOneOrZero)
+{
+    EXPECT_EQ(Agent->AddProcess(L"C:\\App.exe").Status, STATUS_SUCCESS);
+    EXPECT_EQ(Agent->AddParentProcess(L"C:\\Shell.exe").Status, STATUS_SUCCESS);
+    EXPECT_EQ(Agent->IsExistUnderSandbox(), (ControlAnswer{STATUS_SUCCESS, 0}));
+    Program app = Computer.StartProcess(L"C:\\App.exe");
+    Program shell = Computer.StartProcess(L"C:\\Shell.exe");
+    Computer.ClearDebugPrints();
+    EXPECT_EQ(Agent->IsUnderSandbox(app.ProcessId()), (ControlAnswer{STATUS_SUCCESS, 1}));
+    EXPECT_EQ(Agent->IsUnderSandbox(shell.ProcessId()), (ControlAnswer{STATUS_SUCCESS, 1}));
+    EXPECT_EQ(Agent->IsUnderSandbox(Agent->ProcessId()), (ControlAnswer{STATUS_SUCCESS, 0}));
+    EXPECT_EQ(Agent->IsExistUnderSandbox(), (ControlAnswer{STATUS_SUCCESS, 1}));
+    EXPECT_THAT(DebugPrints(), IsEmpty());
+}
+
+TEST_F(ControlRequest, UnderSandboxTracesItsAnswer)
+{
+    EXPECT_EQ(Agent->AddProcess(L"C:\\App.exe").Status, STATUS_SUCCESS);
+    Global.VerboseTrace = TRUE;
+    Computer.ClearDebugPrints();
+    Agent->IsUnderSandbox(12345);
+    Agent->IsExistUnderSandbox();
+    EXPECT_THAT(DebugPrints(), ElementsAre("Tarnveil - IOCTL_IS_UNDER_SANDBOX :PID[12345]:FALSE\n",
+                                   "Tarnveil - IOCTL_IS_EXIST_UNDER_SANDBOX :FALSE\n"));
+    Global.VerboseTrace = FALSE;
+    Program app = Computer.StartProcess(L"C:\\App.exe");
+    Global.VerboseTrace = TRUE;
+    Computer.ClearDebugPrints();
+    Agent->IsUnderSandbox(app.ProcessId());
+    Agent->IsExistUnderSandbox();
+    EXPECT_THAT(DebugPrints(),
+        ElementsAre("Tarnveil - IOCTL_IS_UNDER_SANDBOX :PID[" + std::to_string(app.ProcessId()) + "]:TRUE\n",
+            "Tarnveil - IOCTL_IS_EXIST_UNDER_SANDBOX :TRUE\n"));
+    Global.VerboseTrace = FALSE;
+}
+
+TEST_F(ControlRequest, PidListSaysHowManyThereAreWhenTheyDoNotFit)
+{
+    EXPECT_EQ(Agent->AddProcess(L"C:\\App.exe").Status, STATUS_SUCCESS);
+    std::vector<ULONG> ids;
+    for (int i = 0; i < 3; ++i)
+    {
+        ids.push_back(Computer.StartProcess(L"C:\\App.exe").ProcessId());
+    }
+    Computer.ClearDebugPrints();
+    for (ULONG room : {0u, 2u})
+    {
+        const PidListAnswer answer = Agent->PidList(room);
+        EXPECT_EQ(answer.Status, STATUS_BUFFER_TOO_SMALL);
+        EXPECT_EQ(answer.Count, 3u);
+    }
+    const PidListAnswer answer = Agent->PidList(3);
+    EXPECT_EQ(answer.Status, STATUS_SUCCESS);
+    EXPECT_EQ(answer.Count, 3u);
+    EXPECT_EQ(answer.Ids, ids);
+    EXPECT_THAT(DebugPrints(), testing::Each("Tarnveil - IOCTL_GET_PID_LIST_UNDER_SANDBOX\n"));
+}
+
+TEST_F(ControlRequest, PidListOfNobodyIsACountOfZero)
+{
+    const PidListAnswer answer = Agent->PidList(0);
+    EXPECT_EQ(answer.Status, STATUS_SUCCESS);
+    EXPECT_EQ(answer.Count, 0u);
+    EXPECT_EQ(Send(IOCTL_GET_PID_LIST_UNDER_SANDBOX, {}, 3), STATUS_BUFFER_TOO_SMALL);
+    EXPECT_EQ(Send(IOCTL_GET_PID_LIST_UNDER_SANDBOX), STATUS_INVALID_PARAMETER);
+}
+
+TEST_F(ControlRequest, UnknownCodesAreInvalidAndSilent)
+{
+    for (ULONG code = 0x222028; code <= 0x22203c; code += 4)
+    {
+        EXPECT_EQ(Send(code, Word(1), 4), STATUS_INVALID_PARAMETER) << std::hex << code;
+    }
+    EXPECT_EQ(Send(0x22205c), STATUS_INVALID_PARAMETER);
+    EXPECT_THAT(DebugPrints(), IsEmpty());
+}
+
+TEST_F(ControlRequest, MissingRequestIsPrintedAndSucceeds)
+{
+    EXPECT_EQ(DispatchDeviceControl(Global.ControlDevice, nullptr), STATUS_SUCCESS);
+    EXPECT_THAT(DebugPrints(), ElementsAre("Tarnveil - Irp NULL\n"));
+}
+
+TEST_F(ControlRequest, OutputThatCannotBeWrittenChangesNothing)
+{
+    for (OutputBuffer kind : {OutputBuffer::ReadOnly, OutputBuffer::NoAccess, OutputBuffer::Kernel})
+    {
+        ControlOptions options;
+        options.Kind = kind;
+        options.Probe = false;
+        const ControlResult result =
+            Agent->DeviceControl(IOCTL_ADD_PROCESS, Terminated(L"C:\\a.exe"), sizeof(ULONG), options);
+        EXPECT_EQ(result.Status, STATUS_ACCESS_VIOLATION);
+    }
+    const UNICODE_STRING path = Counted(L"C:\\a.exe");
+    ULONG id = 0;
+    EXPECT_FALSE(FindSetting(ProcessNames, &path, &id));
+}
+}
