@@ -6,6 +6,9 @@
 #include <execinfo.h>
 #include <unistd.h>
 
+// Present in coverage builds, where what a run did up to its bug check would otherwise go uncounted.
+extern "C" __attribute__((weak)) int __llvm_profile_write_file(void);
+
 namespace host
 {
 void BugCheck(const char* rule, const char* format, ...)
@@ -25,6 +28,10 @@ void BugCheck(const char* rule, const char* format, ...)
     // Unsymbolised on purpose: starting a symboliser for each expected bug check would take longer than the tests.
     void* frames[32];
     backtrace_symbols_fd(frames, backtrace(frames, 32), STDERR_FILENO);
+    if (__llvm_profile_write_file != nullptr)
+    {
+        __llvm_profile_write_file();
+    }
     abort();
 }
 }

@@ -43,7 +43,7 @@ extern "C"
 {
 
 // Information classes of ZwQuerySystemInformation.
-typedef enum _SYSTEM_INFORMATION_CLASS
+typedef enum _SYSTEM_INFORMATION_CLASS : int
 {
     SystemBasicInformation = 0,
     SystemProcessInformation = 5

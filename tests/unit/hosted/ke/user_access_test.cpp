@@ -5,7 +5,9 @@
 #include <fault_guard.h>
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <cstring>
+#include <sys/mman.h>
 #include <thread>
 #include <vector>
 
@@ -142,6 +144,18 @@ TEST(GuardedAccess, HonoursProtection)
     EXPECT_EQ(STATUS_SUCCESS, TryAccess(write));
     region.Protect(true, true);
     EXPECT_EQ(1, region.Base()[0]);
+}
+
+TEST(GuardedAccess, APageThatCannotBeBroughtInIsItsOwnStatus)
+{
+    UserRegion region(4096);
+    // A page of a file that has no contents there.
+    FILE* file = tmpfile();
+    ASSERT_NE(nullptr, file);
+    void* mapped = mmap(region.Base(), 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_FIXED, fileno(file), 0);
+    ASSERT_EQ(region.Base(), mapped);
+    EXPECT_EQ(STATUS_IN_PAGE_ERROR, TryAccess([&] { Poke(region.Base()); }));
+    fclose(file);
 }
 
 TEST(GuardedAccess, CatchesFaultsInCopies)

@@ -68,10 +68,10 @@ void NTAPI Other(PEPROCESS, HANDLE, PPS_CREATE_NOTIFY_INFO)
 {
 }
 
-class ProcessNotifyTest : public testing::Test
+class ProcessNotifyRoutineTest : public testing::Test
 {
 protected:
-    ProcessNotifyTest()
+    ProcessNotifyRoutineTest()
     {
         seen.clear();
         answer = STATUS_SUCCESS;
@@ -79,7 +79,7 @@ protected:
         EXPECT_EQ(STATUS_SUCCESS, PsSetCreateProcessNotifyRoutineEx(Watch, FALSE));
     }
 
-    ~ProcessNotifyTest() override
+    ~ProcessNotifyRoutineTest() override
     {
         during = {};
         if (RegisteredNotifyRoutines() != 0)
@@ -91,7 +91,7 @@ protected:
     Machine machine_;
 };
 
-TEST_F(ProcessNotifyTest, RefusesASecondRegistrationAndAnUnknownRemoval)
+TEST_F(ProcessNotifyRoutineTest, RefusesASecondRegistrationAndAnUnknownRemoval)
 {
     EXPECT_EQ(STATUS_INVALID_PARAMETER, PsSetCreateProcessNotifyRoutineEx(Watch, FALSE));
     EXPECT_EQ(STATUS_INVALID_PARAMETER, PsSetCreateProcessNotifyRoutineEx(Other, TRUE));
@@ -101,7 +101,7 @@ TEST_F(ProcessNotifyTest, RefusesASecondRegistrationAndAnUnknownRemoval)
     EXPECT_EQ(1u, RegisteredNotifyRoutines());
 }
 
-TEST_F(ProcessNotifyTest, RefusesAnImageWithoutIntegrityChecks)
+TEST_F(ProcessNotifyRoutineTest, RefusesAnImageWithoutIntegrityChecks)
 {
     SetImageForcesIntegrity(false);
     EXPECT_EQ(STATUS_ACCESS_DENIED, PsSetCreateProcessNotifyRoutineEx(Other, FALSE));
@@ -110,7 +110,7 @@ TEST_F(ProcessNotifyTest, RefusesAnImageWithoutIntegrityChecks)
     EXPECT_EQ(STATUS_SUCCESS, PsSetCreateProcessNotifyRoutineEx(Other, TRUE));
 }
 
-TEST_F(ProcessNotifyTest, TellsOfCreationOnTheCreatorsThread)
+TEST_F(ProcessNotifyRoutineTest, TellsOfCreationOnTheCreatorsThread)
 {
     const Program parent = machine_.StartProcess(L"C:\\Apps\\Parent.exe");
     const Program child = parent.Start(L"C:\\Apps\\Child.exe");
@@ -130,7 +130,7 @@ TEST_F(ProcessNotifyTest, TellsOfCreationOnTheCreatorsThread)
     EXPECT_EQ("Child.exe", Narrow(child.Object()->ImageFileName));
 }
 
-TEST_F(ProcessNotifyTest, ACreatorCanChooseAnotherParent)
+TEST_F(ProcessNotifyRoutineTest, ACreatorCanChooseAnotherParent)
 {
     const Program parent = machine_.StartProcess(L"C:\\Apps\\Parent.exe");
     const Program broker = machine_.StartProcess(L"C:\\Apps\\Broker.exe");
@@ -147,7 +147,7 @@ TEST_F(ProcessNotifyTest, ACreatorCanChooseAnotherParent)
     EXPECT_EQ(parent.Id(), child.Object()->ParentId);
 }
 
-TEST_F(ProcessNotifyTest, TellsOfExitOnTheExitingProcess)
+TEST_F(ProcessNotifyRoutineTest, TellsOfExitOnTheExitingProcess)
 {
     const Program program = machine_.StartProcess(L"C:\\Apps\\Editor.exe");
     program.Exit();
@@ -161,7 +161,7 @@ TEST_F(ProcessNotifyTest, TellsOfExitOnTheExitingProcess)
     EXPECT_EQ(STATUS_INVALID_PARAMETER, PsLookupProcessByProcessId(program.Id(), &gone));
 }
 
-TEST_F(ProcessNotifyTest, ARoutineCanRefuseACreation)
+TEST_F(ProcessNotifyRoutineTest, ARoutineCanRefuseACreation)
 {
     answer = STATUS_ACCESS_DENIED;
     const Program program = machine_.StartProcess(L"C:\\Apps\\Editor.exe");
@@ -172,7 +172,7 @@ TEST_F(ProcessNotifyTest, ARoutineCanRefuseACreation)
     EXPECT_EQ(seen[0].Id, seen[1].Id);
 }
 
-TEST_F(ProcessNotifyTest, AMissingImageStartsNothing)
+TEST_F(ProcessNotifyRoutineTest, AMissingImageStartsNothing)
 {
     ProcessParameters parameters;
     parameters.ImagePath = L"\\??\\C:\\Nowhere\\None.exe";
@@ -180,7 +180,7 @@ TEST_F(ProcessNotifyTest, AMissingImageStartsNothing)
     EXPECT_TRUE(seen.empty());
 }
 
-TEST_F(ProcessNotifyTest, RemovalWaitsForARoutineUnderWay)
+TEST_F(ProcessNotifyRoutineTest, RemovalWaitsForARoutineUnderWay)
 {
     std::mutex mutex;
     std::condition_variable changed;
@@ -217,13 +217,13 @@ TEST_F(ProcessNotifyTest, RemovalWaitsForARoutineUnderWay)
     remover.join();
 }
 
-TEST_F(ProcessNotifyTest, StopsAtARoutineThatRemovesItself)
+TEST_F(ProcessNotifyRoutineTest, StopsAtARoutineThatRemovesItself)
 {
     during = [] { PsSetCreateProcessNotifyRoutineEx(Watch, TRUE); };
     EXPECT_DEATH(machine_.StartProcess(L"C:\\Apps\\Editor.exe"), "NOTIFY_ROUTINE_WAITS_FOR_ITSELF");
 }
 
-TEST_F(ProcessNotifyTest, StopsAtARoutineThatReturnsRaised)
+TEST_F(ProcessNotifyRoutineTest, StopsAtARoutineThatReturnsRaised)
 {
     during = [] { SetIrql(APC_LEVEL); };
     EXPECT_DEATH(machine_.StartProcess(L"C:\\Apps\\Editor.exe"), "IRQL_UNEXPECTED_VALUE");
