@@ -52,7 +52,8 @@ tarnveil_program(road hosted/road driver_native hosted)
 function(tarnveil_test NAME FOLDER LABEL)
     tarnveil_program(${NAME} ${FOLDER} ${ARGN} GTest::gmock GTest::gtest_main)
     if(TARGET ${NAME})
-        target_compile_definitions(${NAME} PRIVATE TARNVEIL_IMAGE="${TARNVEIL_IMAGE}")
+        target_compile_definitions(${NAME} PRIVATE
+            TARNVEIL_IMAGE="${TARNVEIL_IMAGE}" TARNVEIL_SOURCES="${CMAKE_SOURCE_DIR}")
         target_precompile_headers(${NAME} PRIVATE <gmock/gmock.h> <gtest/gtest.h>)
         set(INCLUDE_FILE ${CMAKE_BINARY_DIR}/${NAME}_suites.cmake)
         file(GENERATE OUTPUT ${INCLUDE_FILE} CONTENT
@@ -71,7 +72,13 @@ if(TARNVEIL_SANITIZER)
     find_package(GTest REQUIRED)
     # The upcase table is compared with ICU's.
     tarnveil_test(unit_tests tests/unit unit driver_native hosted icuuc)
+    # Routines that a unit test may answer for; see tests/unit/driver/stand_in.h.
+    foreach(ROUTINE FltGetFileNameInformation ZwQuerySymbolicLinkObject _Z12CTInitializeP10CacheTable
+            _Z30RegistMonitoredChildrenProcessPK27_SYSTEM_PROCESS_INFORMATION)
+        target_link_options(unit_tests PRIVATE -Wl,--wrap=${ROUTINE})
+    endforeach()
     tarnveil_test(scenario_tests tests/scenario scenario driver_native hosted)
     tarnveil_test(stress_tests tests/stress stress driver_native hosted)
     tarnveil_test(conformance_image tests/conformance/image image)
+    tarnveil_test(conformance_texts tests/conformance/texts texts)
 endif()

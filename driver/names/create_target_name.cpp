@@ -26,8 +26,8 @@ SIZE_T StackLeft()
     ULONG_PTR low = 0;
     ULONG_PTR high = 0;
     IoGetStackLimits(&low, &high);
-    ULONG_PTR here = reinterpret_cast<ULONG_PTR>(__builtin_frame_address(0));
-    return here - low;
+    // A local variable stands for the place that the stack has reached.
+    return reinterpret_cast<ULONG_PTR>(&low) - low;
 }
 
 NTSTATUS QueryNormalizedName(PFLT_CALLBACK_DATA data, PFLT_FILE_NAME_INFORMATION* information)

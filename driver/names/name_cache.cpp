@@ -167,12 +167,9 @@ NTSTATUS CTInsertElement(CacheTable* table, PCUNICODE_STRING key, PCUNICODE_STRI
     {
         return Report(InsertFailed, STATUS_INVALID_PARAMETER, key);
     }
+    // Never fails for a table.
     ULONG count = 0;
-    NTSTATUS status = CTGetElementCount(table, &count);
-    if (!NT_SUCCESS(status))
-    {
-        return Report("CTGetElementCount fail NTSTATUS = 0x%08x path = %wZ\n", status, key);
-    }
+    CTGetElementCount(table, &count);
     if (count >= CacheTableLimit)
     {
         return Report("CTInsertElement cache full NTSTATUS = 0x%08x path = %wZ\n", STATUS_INSUFFICIENT_RESOURCES, key);
@@ -182,7 +179,7 @@ NTSTATUS CTInsertElement(CacheTable* table, PCUNICODE_STRING key, PCUNICODE_STRI
         return Report(InsertFailed, STATUS_UNSUCCESSFUL, key);
     }
     ULONG hash = 0;
-    status = HashKey(key, &hash);
+    NTSTATUS status = HashKey(key, &hash);
     if (!NT_SUCCESS(status))
     {
         return status;

@@ -1,6 +1,4 @@
 // The exported routines about keys and values.
-#include "hosted/cm/key_routines.h"
-
 #include "hosted/cm/registry_key.h"
 #include "hosted/ke/bug_check.h"
 #include "hosted/ke/failure_injection.h"
@@ -30,8 +28,6 @@ const ObjectType KeyType = {"Key", nullptr, DeleteOpenKey};
 
 namespace
 {
-constexpr NTSTATUS StatusKeyDeleted = static_cast<NTSTATUS>(0xC000017C);
-
 // The form of a value query's answer: a fixed part, then what varies, each piece at its offset.
 struct Answer
 {
@@ -143,7 +139,7 @@ NTSTATUS FindAttributesKey(const OBJECT_ATTRIBUTES& attributes, std::shared_ptr<
     DereferenceObject(root);
     if (deleted)
     {
-        return StatusKeyDeleted;
+        return STATUS_KEY_DELETED;
     }
     return *key != nullptr ? STATUS_SUCCESS : STATUS_OBJECT_NAME_NOT_FOUND;
 }
@@ -153,7 +149,7 @@ NTSTATUS QueryValue(
 {
     if (SystemRegistry().IsDeleted(key))
     {
-        return StatusKeyDeleted;
+        return STATUS_KEY_DELETED;
     }
     std::optional<NamedRegistryValue> value = SystemRegistry().ReadValue(key, name);
     if (!value)
@@ -244,5 +240,5 @@ extern "C" NTSTATUS NTAPI ZwSetValueKey(
     std::span<const UCHAR> bytes(static_cast<const UCHAR*>(Data), DataSize);
     bool written = SystemRegistry().WriteValue(*open->Key, ValueNameOf(ValueName), Type, bytes);
     DereferenceObject(open);
-    return written ? STATUS_SUCCESS : StatusKeyDeleted;
+    return written ? STATUS_SUCCESS : STATUS_KEY_DELETED;
 }

@@ -1,3 +1,5 @@
+#include "hosted/ex/probe.h"
+
 #include "hosted/ke/bug_check.h"
 #include "hosted/ke/irql.h"
 #include "hosted/ke/user_access.h"
@@ -24,6 +26,13 @@ __attribute__((no_sanitize("thread", "address"))) void Touch(ULONG_PTR address)
     }
     *byte = *byte;
 }
+
+thread_local std::function<void()> afterProbe;
+}
+
+void SetAfterProbe(std::function<void()> hook)
+{
+    afterProbe = std::move(hook);
 }
 }
 
@@ -56,5 +65,9 @@ extern "C" void NTAPI ProbeForWrite(volatile void* Address, SIZE_T Length, ULONG
     for (ULONG_PTR page = first; page <= last; page = ALIGN_DOWN_BY(page, PAGE_SIZE) + PAGE_SIZE)
     {
         Touch(page);
+    }
+    if (afterProbe)
+    {
+        afterProbe();
     }
 }

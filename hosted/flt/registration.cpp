@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <condition_variable>
 #include <mutex>
+#include <utility>
 
 namespace host
 {
@@ -29,6 +30,8 @@ struct Manager
     std::mutex Lock;
     std::condition_variable Idle;
     std::unique_ptr<_FLT_FILTER> Filter;
+    // Of the last filter that registered and was not unloaded since.
+    PFLT_FILTER_UNLOAD_CALLBACK LastUnload = nullptr;
     std::vector<Volume*> Volumes;
 };
 
@@ -272,7 +275,33 @@ NTSTATUS UnloadFilter()
     {
         BugCheck("FLT_UNLOADED_REGISTERED", "the filter unloaded without having unregistered");
     }
+    manager.LastUnload = NT_SUCCESS(status) ? nullptr : manager.LastUnload;
     return status;
+}
+
+NTSTATUS UnloadWithoutFilter()
+{
+    RequireIrql(PASSIVE_LEVEL, "UnloadWithoutFilter");
+    Manager& manager = TheManager();
+    PFLT_FILTER_UNLOAD_CALLBACK unload;
+    {
+        std::lock_guard guard(manager.Lock);
+        if (manager.Filter != nullptr || manager.LastUnload == nullptr)
+        {
+            return FilterNotFound;
+        }
+        unload = std::exchange(manager.LastUnload, nullptr);
+    }
+    const CallbackRules rules("filter unload", CallbackRules::MayWait);
+    const NTSTATUS status = unload(0);
+    rules.Check();
+    return status;
+}
+
+void ForgetLastUnload()
+{
+    std::lock_guard guard(TheManager().Lock);
+    TheManager().LastUnload = nullptr;
 }
 
 std::string DescribeLiveFilterObjects()
@@ -313,6 +342,7 @@ extern "C" NTSTATUS NTAPI FltRegisterFilter(PDRIVER_OBJECT Driver, const FLT_REG
         return STATUS_OBJECT_NAME_COLLISION;
     }
     *RetFilter = filter.get();
+    TheManager().LastUnload = filter->Registration.FilterUnloadCallback;
     TheManager().Filter = std::move(filter);
     return STATUS_SUCCESS;
 }

@@ -101,4 +101,9 @@ bool ReadDisk(FileSystem& files, WideView path, std::string* bytes)
 {
     return static_cast<DiskFileSystem&>(files).ReadDisk(path, bytes);
 }
+
+NTSTATUS WriteDisk(FileSystem& files, WideView path, std::string_view bytes)
+{
+    return static_cast<DiskFileSystem&>(files).WriteDisk(path, bytes);
+}
 }

@@ -28,6 +28,7 @@ public:
     bool IsPagingFile(PFILE_OBJECT fileObject) override;
 
     bool ReadDisk(WideView path, std::string* bytes);
+    NTSTATUS WriteDisk(WideView path, std::string_view bytes);
     // Frees the control block if nobody has the stream open and nothing is left to write. No lock is needed; locks
     // of another stream may be held.
     void TryTearDown(const std::shared_ptr<ControlBlock>& block);
@@ -43,6 +44,8 @@ private:
     // Where a file object's name starts: its related file object's node or the root.
     Node* StartOf(PFILE_OBJECT file) const;
     NTSTATUS NodeByFileId(WideView name, Node** found) const;
+    // The data stream that a path names; null when there is none.
+    Stream* FindStream(WideView path, Node** node) const;
     WideString PathOf(const Node* node) const;
     NTSTATUS AddNode(Node* parent, WideView name, bool directory, ULONG attributes, Node** added);
     NTSTATUS AddStream(Node* node, WideView name, Stream** added);

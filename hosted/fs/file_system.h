@@ -25,6 +25,11 @@ std::unique_ptr<FileSystem> CreateFileSystem(
 // past the cache and the filters. False when there is no such stream. `files` was made by CreateFileSystem.
 bool ReadDisk(FileSystem& files, WideView path, std::string* bytes);
 
+// Replaces what the store holds of an existing stream, past the cache and the filters. STATUS_SHARING_VIOLATION while
+// anybody has the stream open or the cache still has some of it, so that neither can hold other bytes than the disk.
+// STATUS_OBJECT_NAME_NOT_FOUND.
+NTSTATUS WriteDisk(FileSystem& files, WideView path, std::string_view bytes);
+
 // The cache map of an open data stream, for mapped views; null for directories and volumes. Valid while the file
 // object is referenced.
 CacheMap* CacheMapOf(PFILE_OBJECT file);

@@ -213,6 +213,9 @@ NTSTATUS DiskFileSystem::AddStream(Node* node, WideView name, Stream** added)
 
 namespace
 {
+// What goes to or from the store at once, past the cache.
+constexpr size_t DiskStep = 1 << 20;
+
 void HandToDiscard(const Stream& stream, std::vector<std::shared_ptr<ControlBlock>>* discard)
 {
     if (stream.Active)
@@ -312,35 +315,69 @@ NTSTATUS DiskFileSystem::NormalizedName(PFILE_OBJECT fileObject, ULONG options, 
     return STATUS_SUCCESS;
 }
 
+Stream* DiskFileSystem::FindStream(WideView path, Node** node) const
+{
+    ParsedPath parsed;
+    if (!NT_SUCCESS(ParsePath(path, false, &parsed)) ||
+        !NT_SUCCESS(Walk(root_.get(), parsed.Components, parsed.Components.size(), node)))
+    {
+        return nullptr;
+    }
+    const auto stream = (*node)->Streams.find(parsed.Stream);
+    const bool none = stream == (*node)->Streams.end() || ((*node)->Info.Directory && parsed.Stream.empty());
+    return none ? nullptr : stream->second.get();
+}
+
 bool DiskFileSystem::ReadDisk(WideView path, std::string* bytes)
 {
     std::shared_ptr<StoreStream> data;
     {
         std::lock_guard guard(tree_);
-        ParsedPath parsed;
         Node* node = nullptr;
-        if (!NT_SUCCESS(ParsePath(path, false, &parsed)) ||
-            !NT_SUCCESS(Walk(root_.get(), parsed.Components, parsed.Components.size(), &node)))
+        const Stream* stream = FindStream(path, &node);
+        if (stream == nullptr)
         {
             return false;
         }
-        auto stream = node->Streams.find(parsed.Stream);
-        if (stream == node->Streams.end() || (node->Info.Directory && parsed.Stream.empty()))
-        {
-            return false;
-        }
-        data = store_->OpenStream(node->Info.Id, stream->second->Name);
+        data = store_->OpenStream(node->Info.Id, stream->Name);
     }
-    constexpr LONGLONG Step = 1 << 20;
     bytes->resize(static_cast<size_t>(data->Size()));
-    for (LONGLONG offset = 0; offset < static_cast<LONGLONG>(bytes->size()); offset += Step)
+    for (size_t offset = 0; offset < bytes->size(); offset += DiskStep)
     {
-        const ULONG length = static_cast<ULONG>(std::min<LONGLONG>(Step, bytes->size() - offset));
-        if (!NT_SUCCESS(data->Read(offset, bytes->data() + offset, length)))
+        const auto length = static_cast<ULONG>(std::min(DiskStep, bytes->size() - offset));
+        if (!NT_SUCCESS(data->Read(static_cast<LONGLONG>(offset), bytes->data() + offset, length)))
         {
             return false;
         }
     }
     return true;
+}
+
+// The tree lock is held throughout: an open that came meanwhile would see a part.
+NTSTATUS DiskFileSystem::WriteDisk(WideView path, std::string_view bytes)
+{
+    std::lock_guard guard(tree_);
+    Node* node = nullptr;
+    Stream* stream = FindStream(path, &node);
+    if (stream == nullptr)
+    {
+        return STATUS_OBJECT_NAME_NOT_FOUND;
+    }
+    if (stream->Active)
+    {
+        return STATUS_SHARING_VIOLATION;
+    }
+    const auto data = store_->OpenStream(node->Info.Id, stream->Name);
+    NTSTATUS status = data->SetSize(static_cast<LONGLONG>(bytes.size()));
+    for (size_t offset = 0; NT_SUCCESS(status) && offset < bytes.size(); offset += DiskStep)
+    {
+        const auto length = static_cast<ULONG>(std::min(DiskStep, bytes.size() - offset));
+        status = data->Write(static_cast<LONGLONG>(offset), bytes.data() + offset, length);
+    }
+    stream->Size = data->Size();
+    node->Info.LastWriteTime = node->Info.ChangeTime = SystemTime();
+    node->Changed = true;
+    SaveIfChanged(node);
+    return status;
 }
 }

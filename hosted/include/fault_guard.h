@@ -6,22 +6,36 @@
 namespace host
 {
 NTSTATUS GuardedCall(void (*body)(void* context), void* context);
-}
-
-// Runs body(), then cleanup(). Nothing unwinds through kernel code natively but guarded access, whose bodies hold
-// no termination handlers, so the order is all there is to keep.
-template <class Body, class Cleanup>
-inline void WithTermination(Body&& body, Cleanup&& cleanup)
-{
-    body();
-    cleanup();
+bool InGuardedCall();
+[[noreturn]] void RaiseStatus(NTSTATUS status);
 }
 
 // Runs body() and returns STATUS_SUCCESS, or the status of the memory fault that ended it. Only user memory may be
-// touched in the body, and the body must own nothing.
+// touched in the body. It may own nothing that needs destruction; locks only through WithTermination.
 template <class Body>
 inline NTSTATUS TryAccess(Body&& body)
 {
     auto* address = &body;
     return host::GuardedCall([](void* context) { (**static_cast<decltype(address)*>(context))(); }, &address);
+}
+
+// Runs body(), then cleanup(): exactly once on every way out, also when a memory fault at a user address leaves the
+// body for a surrounding TryAccess. Locks: none of its own.
+template <class Body, class Cleanup>
+inline void WithTermination(Body&& body, Cleanup&& cleanup)
+{
+    // Nothing unwinds but guarded access. The fault is caught here, while the frame that cleanup() refers to still
+    // stands, and raised again for whoever is further out.
+    if (!host::InGuardedCall())
+    {
+        body();
+        cleanup();
+        return;
+    }
+    const NTSTATUS status = TryAccess(body);
+    cleanup();
+    if (!NT_SUCCESS(status))
+    {
+        host::RaiseStatus(status);
+    }
 }

@@ -152,6 +152,27 @@ NTSTATUS SendDeviceClose(PDEVICE_OBJECT device, PFILE_OBJECT file)
     UncountOpen(device);
     return status;
 }
+
+NTSTATUS SendDeviceWrite(PDEVICE_OBJECT device, PFILE_OBJECT file, void* buffer, ULONG length, LONGLONG offset,
+                         KPROCESSOR_MODE mode, ULONG_PTR* written)
+{
+    RequireIrql(PASSIVE_LEVEL, "write to a device");
+    if (FlagOn(device->Flags, DO_BUFFERED_IO) && length != 0)
+    {
+        BugCheck("NOT_MODELLED", "a write to device %p by a system buffer", static_cast<void*>(device));
+    }
+    PIRP irp = AllocateIrp(device);
+    PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(irp);
+    stack->MajorFunction = IRP_MJ_WRITE;
+    stack->FileObject = file;
+    stack->Parameters.Write.Length = length;
+    stack->Parameters.Write.ByteOffset.QuadPart = offset;
+    irp->Flags = IRP_WRITE_OPERATION | (FlagOn(file->Flags, FO_SYNCHRONOUS_IO) ? IRP_SYNCHRONOUS_API : 0);
+    irp->RequestorMode = mode;
+    irp->UserBuffer = buffer;
+    irp->Tail.Overlay.OriginalFileObject = file;
+    return SendIrp(device, irp, 0, written);
+}
 }
 
 extern "C" NTSTATUS NTAPI IoCreateDevice(PDRIVER_OBJECT DriverObject, ULONG DeviceExtensionSize,

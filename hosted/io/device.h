@@ -13,4 +13,8 @@ namespace host
 NTSTATUS SendDeviceCreate(PDEVICE_OBJECT device, PFILE_OBJECT file);
 NTSTATUS SendDeviceCleanup(PDEVICE_OBJECT device, PFILE_OBJECT file);
 NTSTATUS SendDeviceClose(PDEVICE_OBJECT device, PFILE_OBJECT file);
+// One write of `length` bytes. STATUS_INVALID_DEVICE_REQUEST from a driver that takes none. The buffer reaches the
+// driver as it is; bug check for a device that wants it buffered. IRQL: PASSIVE_LEVEL.
+NTSTATUS SendDeviceWrite(PDEVICE_OBJECT device, PFILE_OBJECT file, void* buffer, ULONG length, LONGLONG offset,
+                         KPROCESSOR_MODE mode, ULONG_PTR* written);
 }

@@ -1,26 +1,36 @@
 #include "hosted/ke/system_time.h"
 
-#include <atomic>
+#include "hosted/ke/shared_user_data.h"
+
+#include <mutex>
 
 namespace host
 {
 namespace
 {
-std::atomic<LONGLONG> now{InitialSystemTime};
+// Held from the reading to the writing of a move, so that none is lost.
+std::mutex movers;
 }
 
 LONGLONG SystemTime()
 {
-    return now.load(std::memory_order_relaxed);
+    return ReadSharedSystemTime();
+}
+
+void SetSystemTime(LONGLONG time)
+{
+    const std::lock_guard lock(movers);
+    WriteSharedSystemTime(time);
 }
 
 void AdvanceSystemTime(LONGLONG interval)
 {
-    now.fetch_add(interval, std::memory_order_relaxed);
+    const std::lock_guard lock(movers);
+    WriteSharedSystemTime(ReadSharedSystemTime() + interval);
 }
 
 void ResetSystemTime()
 {
-    now.store(InitialSystemTime, std::memory_order_relaxed);
+    SetSystemTime(InitialSystemTime);
 }
 }

@@ -10,6 +10,7 @@ inline constexpr LONGLONG InitialSystemTime = 133485408000000000;
 
 // UTC in units of 100 ns since 1601.
 LONGLONG SystemTime();
+void SetSystemTime(LONGLONG time);
 // Moves the clock by so many units of 100 ns; backwards too.
 void AdvanceSystemTime(LONGLONG interval);
 void ResetSystemTime();

@@ -103,6 +103,16 @@ void UserRegion::Protect(bool readable, bool writable)
     ProtectUserPages(base_, size_, readable, writable);
 }
 
+void UserRegion::ProtectFrom(SIZE_T offset, bool readable, bool writable)
+{
+    const SIZE_T first = ALIGN_DOWN_BY(offset, PAGE_SIZE);
+    if (first >= size_)
+    {
+        BugCheck("user-region-range", "page %llu of %llu bytes", first / PAGE_SIZE, size_);
+    }
+    ProtectUserPages(base_ + first, size_ - first, readable, writable);
+}
+
 NTSTATUS GuardedCall(void (*body)(void* context), void* context)
 {
     InstallHandler();

@@ -21,6 +21,8 @@ public:
     SIZE_T Size() const { return size_; }
     UCHAR* Tail(SIZE_T bytes) const { return base_ + size_ - bytes; }
     void Protect(bool readable, bool writable);
+    // The pages from the one at `offset` bytes to the last.
+    void ProtectFrom(SIZE_T offset, bool readable, bool writable);
 
 private:
     UCHAR* base_;
@@ -31,7 +33,7 @@ bool IsUserAddress(const volatile void* address);
 
 // Runs body(context). A memory fault at a user address inside it, or a status raised by RaiseStatus, abandons the
 // body and becomes the result; a fault elsewhere goes on to the ordinary signal action (a crash, with a report).
-// The body must hold nothing that needs destruction. Nests.
+// The body must hold nothing that needs destruction; what it holds through WithTermination is given back. Nests.
 NTSTATUS GuardedCall(void (*body)(void* context), void* context);
 // Whether the calling thread is inside one.
 bool InGuardedCall();

@@ -6,10 +6,10 @@
 // EXPORT_AS(Module, Name, Here): exported as Name; its name here differs, as Name belongs to the host's C library.
 // EXPORT_DATA(Module, Name): a variable; Name points to it.
 // EXPORT_IMAGE(Module, Name): called by compiled code of an image only (the natively built driver has the host's own),
-// so the loader supplies it with the image's calling convention.
+// so the loader supplies it with the image's calling convention. Which of them an image imports is up to its compiler.
 //
 // Routines found by name at run time (MmGetSystemRoutineAddress) are not here: importing them is not allowed.
-// Neither are KeGetCurrentIrql and the fast fail, which are instructions in an image.
+// Neither are KeGetCurrentIrql, KeQuerySystemTime and the fast fail, which are instructions in an image.
 #define HOSTED_EXPORTS(EXPORT, EXPORT_AS, EXPORT_DATA, EXPORT_IMAGE)                                                   \
     EXPORT(Ntoskrnl, DbgPrint)                                                                                         \
     EXPORT(Ntoskrnl, ExAcquireFastMutex)                                                                               \

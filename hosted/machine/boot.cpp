@@ -5,6 +5,7 @@
 #include "hosted/ex/fast_mutex.h"
 #include "hosted/ex/pool.h"
 #include "hosted/ex/system_routines.h"
+#include "hosted/io/mailslot.h"
 #include "hosted/ke/bug_check.h"
 #include "hosted/ke/failure_injection.h"
 #include "hosted/ke/system_time.h"
@@ -28,6 +29,7 @@ void ResetKernel(const SystemModel& model)
         BugCheck("TWO_MACHINES", "one machine at a time");
     }
     Model() = model;
+    // Starting what the system itself needs must not use up a plan, nor count.
     ResetFailures();
     ResetSystemTime();
     ClearDebugPrints();
@@ -38,10 +40,13 @@ void ResetKernel(const SystemModel& model)
     SystemRegistry().Reset();
     ResetPeakPoolBytes();
     ResetPeakCachedBytes();
+    StartMailslots();
+    ResetFailures();
 }
 
 void ReleaseKernel()
 {
+    StopMailslots();
     ShutdownProcesses();
     ShowAllSystemRoutines();
     SetImageForcesIntegrity(true);

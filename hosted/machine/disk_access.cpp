@@ -27,7 +27,6 @@ public:
         parameters.Options = disposition << DispositionShift | options;
         parameters.FileAttributes = FILE_ATTRIBUTE_NORMAL;
         file_->Flags |= FO_SYNCHRONOUS_IO;
-        file_->Flags |= options & FILE_NO_INTERMEDIATE_BUFFERING ? FO_NO_INTERMEDIATE_BUFFERING : 0;
         status_ = Send(create);
         opened_ = NT_SUCCESS(status_);
     }
@@ -46,26 +45,6 @@ public:
     DirectFile& operator=(const DirectFile&) = delete;
 
     NTSTATUS Status() const { return status_; }
-
-    NTSTATUS Write(std::string sectors)
-    {
-        FilterRequest write = NewFileRequest(file_, IRP_MJ_WRITE, IRP_NOCACHE | IRP_WRITE_OPERATION);
-        write.Parameters.Parameters.Write.Length = static_cast<ULONG>(sectors.size());
-        write.Parameters.Parameters.Write.WriteBuffer = sectors.data();
-        return Send(write);
-    }
-
-    NTSTATUS SetEndOfFile(LONGLONG size)
-    {
-        FILE_END_OF_FILE_INFORMATION end{};
-        end.EndOfFile.QuadPart = size;
-        FilterRequest set = NewFileRequest(file_, IRP_MJ_SET_INFORMATION, IRP_SYNCHRONOUS_API);
-        auto& parameters = set.Parameters.Parameters.SetFileInformation;
-        parameters.Length = sizeof(end);
-        parameters.FileInformationClass = FileEndOfFileInformation;
-        parameters.InfoBuffer = &end;
-        return Send(set);
-    }
 
 private:
     NTSTATUS Send(UCHAR majorFunction)
@@ -132,17 +111,12 @@ NTSTATUS WriteDiskFile(WideView path, std::string_view bytes)
     {
         return status;
     }
-    DirectFile file(*volume, name, FILE_OVERWRITE_IF, FILE_NO_INTERMEDIATE_BUFFERING | FILE_NON_DIRECTORY_FILE);
-    if (!NT_SUCCESS(file.Status()) || bytes.empty())
     {
-        return file.Status();
+        // What an earlier program left in the cache goes with the old contents.
+        const DirectFile file(*volume, name, FILE_OVERWRITE_IF, FILE_NON_DIRECTORY_FILE);
+        status = file.Status();
     }
-    std::string sectors(bytes);
-    sectors.resize(ALIGN_UP_BY(sectors.size(), volume->SectorSize));
-    status = file.Write(std::move(sectors));
-    return NT_SUCCESS(status) && bytes.size() % volume->SectorSize != 0
-               ? file.SetEndOfFile(static_cast<LONGLONG>(bytes.size()))
-               : status;
+    return NT_SUCCESS(status) ? WriteDisk(*volume->Files, name, bytes) : status;
 }
 
 NTSTATUS MakeDiskFolder(WideView path)

@@ -14,8 +14,9 @@ Volume* FindVolume(WideView path, WideString* remainder);
 // What lies on the disk, past filters and cache; false when there is no such stream.
 bool ReadDiskFile(WideView path, std::string* bytes);
 
-// Puts a file there beneath the filters, with the folders that are missing, in place of an old one. Nobody may have it
-// open. The status of the first step that failed.
+// Puts a file there beneath the filters, with the folders that are missing, in place of an old one. The cache then
+// holds nothing of it. STATUS_SHARING_VIOLATION while somebody has it open, otherwise the status of the first step that
+// failed.
 NTSTATUS WriteDiskFile(WideView path, std::string_view bytes);
 
 // The folder and those above it.

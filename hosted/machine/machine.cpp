@@ -5,12 +5,14 @@
 #include "hosted/flt/filter_manager.h"
 #include "hosted/ke/bug_check.h"
 #include "hosted/ke/failure_injection.h"
+#include "hosted/ke/system_time.h"
 #include "hosted/machine/boot.h"
 #include "hosted/machine/disk_access.h"
 #include "hosted/machine/program_state.h"
 #include "hosted/ob/name_space.h"
 #include "hosted/ps/process_create.h"
 #include "hosted/ps/process_notify.h"
+#include "hosted/ps/query_hooks.h"
 #include "hosted/rtl/debug_print.h"
 
 #include <algorithm>
@@ -74,6 +76,7 @@ NTSTATUS Machine::LoadDriver(DRIVER_INITIALIZE* entry, WideView registryPath)
     }
     ResetInnermost();
     LearnInnermost();
+    ForgetLastUnload();
     driver_ = CreateDriverObject(DriverName);
     const NTSTATUS status = StartDriver(driver_, entry, registryPath);
     loaded_ = NT_SUCCESS(status);
@@ -82,6 +85,16 @@ NTSTATUS Machine::LoadDriver(DRIVER_INITIALIZE* entry, WideView registryPath)
 
 NTSTATUS Machine::UnloadDriver()
 {
+    return UnloadBy(UnloadFilter);
+}
+
+NTSTATUS Machine::UnloadWithoutFilter()
+{
+    return UnloadBy(host::UnloadWithoutFilter);
+}
+
+NTSTATUS Machine::UnloadBy(NTSTATUS (*unload)())
+{
     if (!loaded_)
     {
         return STATUS_INVALID_DEVICE_REQUEST;
@@ -89,7 +102,7 @@ NTSTATUS Machine::UnloadDriver()
     NTSTATUS status;
     {
         const AttachedProcess system(SystemProcess());
-        status = UnloadFilter();
+        status = unload();
     }
     if (NT_SUCCESS(status))
     {
@@ -107,8 +120,11 @@ void Machine::AbandonDriver()
     }
     const AttachedProcess system(SystemProcess());
     abandoned_ = true;
-    // With a filter registered, its own unload does the most.
-    UnloadFilter();
+    // Where a filter was registered, its own unload does the most.
+    if (!NT_SUCCESS(UnloadFilter()))
+    {
+        host::UnloadWithoutFilter();
+    }
     ResetNotifyRoutines();
     RemoveSymbolicLink(ControlLink);
     while (driver_->DeviceObject != nullptr)
@@ -142,6 +158,16 @@ Program Machine::StartProcess(const ProcessParameters& parameters)
 {
     const AttachedProcess system(SystemProcess());
     return Program::Launch(parameters);
+}
+
+void Machine::ExitAtLookup(const Program& program)
+{
+    SetBeforeProcessLookup([program, id = program.Id()](HANDLE asked) {
+        if (asked == id)
+        {
+            program.Exit();
+        }
+    });
 }
 
 std::string Machine::Disk(WideView path) const
@@ -202,6 +228,22 @@ void Machine::AddVolume(VolumeOptions options)
     volumes_.push_back(std::make_unique<MachineVolume>(std::move(options)));
 }
 
+std::unique_ptr<MailslotReader> Machine::CreateMailslot(WideView path, ULONG mostBytes)
+{
+    std::unique_ptr<MailslotReader> reader;
+    const NTSTATUS status = MailslotReader::Create(path, mostBytes, &reader);
+    if (!NT_SUCCESS(status))
+    {
+        BugCheck("MAILSLOT_NOT_MADE", "%s: 0x%08x", Narrow(path).c_str(), static_cast<unsigned>(status));
+    }
+    return reader;
+}
+
+void Machine::SetTime(LONGLONG time)
+{
+    SetSystemTime(time);
+}
+
 std::vector<std::string> Machine::DebugPrints() const
 {
     return host::DebugPrints();
@@ -226,9 +268,9 @@ void Machine::Shutdown()
         ReleaseProgram(*program);
     }
     FlushAll();
-    if (loaded_)
+    if (!NT_SUCCESS(UnloadDriver()))
     {
-        UnloadDriver();
+        UnloadWithoutFilter();
     }
     if (driver_ != nullptr)
     {

@@ -3,6 +3,7 @@
 
 #include "hosted/cm/registry.h"
 #include "hosted/io/device_driver.h"
+#include "hosted/io/mailslot.h"
 #include "hosted/machine/leaks.h"
 #include "hosted/machine/machine_options.h"
 #include "hosted/machine/machine_volume.h"
@@ -28,6 +29,10 @@ public:
     NTSTATUS LoadDriver(DRIVER_INITIALIZE* entry, WideView registryPath = ServiceKey);
     // The filter's unload, as by "fltmc unload". STATUS_INVALID_DEVICE_REQUEST when no driver is loaded.
     NTSTATUS UnloadDriver();
+    // For a driver that loaded although it took its filter back, which Windows keeps until it is shut down: runs the
+    // unload routine that it had registered. STATUS_INVALID_DEVICE_REQUEST when no driver is loaded, otherwise a
+    // failure when there is a filter (UnloadDriver) or never was one. The end of the machine does it by itself.
+    NTSTATUS UnloadWithoutFilter();
     // After a failed load: takes away what the system can take away by force (filter, notify routine, devices, link),
     // and lets the destructor pass over what remains.
     void AbandonDriver();
@@ -42,10 +47,15 @@ public:
     // The system process with everything said.
     Program StartProcess(const ProcessParameters& parameters);
 
+    // The program ends just before the next look-up of its id, as when it exits between the snapshot that names it and
+    // the question about it. Until the next such plan or the end of the machine.
+    void ExitAtLookup(const Program& program);
+
     // The bytes on the disk, past cache and filters; "" when there is no such stream.
     std::string Disk(WideView path) const;
     bool DiskHas(WideView path) const;
-    // Puts a file on the disk past the filters, with its folders. Nobody may have it open.
+    // Puts a file on the disk past the filters, with its folders; the cache then holds nothing of it.
+    // STATUS_SHARING_VIOLATION while somebody has it open.
     NTSTATUS PutOnDisk(WideView path, std::string_view bytes);
     // An empty folder, with those above it.
     NTSTATUS MakeFolder(WideView path);
@@ -55,6 +65,14 @@ public:
     Volume* VolumeNamed(WideView name) const;
     void Remount(WideView name);
     void AddVolume(VolumeOptions options);
+
+    // What a program that reads a mailslot makes: "\Device\mailslot\Name". `mostBytes` as for CreateMailslot, 0 for
+    // messages of any length. Bug check when it cannot be made.
+    std::unique_ptr<MailslotReader> CreateMailslot(WideView path, ULONG mostBytes = 0);
+
+    // The clock, in UTC by units of 100 ns since 1601; it stands still until it is set. Local time is that less the
+    // system model's time zone bias.
+    void SetTime(LONGLONG time);
 
     // Empty at boot but for the driver's service key.
     host::Registry& Registry() const { return SystemRegistry(); }
@@ -67,6 +85,7 @@ public:
     std::string Leaks() const;
 
 private:
+    NTSTATUS UnloadBy(NTSTATUS (*unload)());
     void UnlinkDriver();
 
     Inventory atBoot_;

@@ -41,12 +41,13 @@ LiveSet& Live()
 
 ObjectHeader* HeaderAt(const void* body)
 {
-    return const_cast<ObjectHeader*>(static_cast<const ObjectHeader*>(body)) - 1;
+    // As a number: a stale or null pointer must be looked up, not reckoned with.
+    return reinterpret_cast<ObjectHeader*>(reinterpret_cast<ULONG_PTR>(body) - sizeof(ObjectHeader));
 }
 
 ObjectHeader* HeaderOf(const void* body)
 {
-    ObjectHeader* header = body != nullptr ? HeaderAt(body) : nullptr;
+    ObjectHeader* header = HeaderAt(body);
     std::shared_lock lock(Live().Lock);
     if (!Live().Headers.contains(header))
     {

@@ -22,6 +22,7 @@ extern const ObjectType KeyType;      // defined by cm/
 extern const ObjectType ProcessType;  // defined by ps/
 extern const ObjectType ThreadType;   // defined by ps/
 extern const ObjectType FileType;     // defined by io/
+extern const ObjectType MailslotType; // defined by io/
 
 // A zero-filled body of that many bytes, 16-byte aligned, with one reference owned by the caller. Never fails.
 void* CreateObject(const ObjectType& type, SIZE_T bodyBytes);

@@ -121,3 +121,8 @@ extern "C" HANDLE NTAPI PsGetCurrentProcessId(void)
 {
     return host::CurrentProcess()->Id;
 }
+
+extern "C" HANDLE NTAPI PsGetCurrentThreadId(void)
+{
+    return host::CurrentThread()->Id;
+}

@@ -99,7 +99,7 @@ NTSTATUS Unregister(PCREATE_PROCESS_NOTIFY_ROUTINE_EX routine)
     const auto found = Find(routine);
     if (found == registrations.end())
     {
-        return STATUS_INVALID_PARAMETER;
+        return STATUS_PROCEDURE_NOT_FOUND;
     }
     const auto registration = *found;
     if (std::ranges::find(inside, registration.get()) != inside.end())
@@ -148,7 +148,7 @@ extern "C" NTSTATUS NTAPI PsSetCreateProcessNotifyRoutineEx(
     host::RequireIrql(PASSIVE_LEVEL, "PsSetCreateProcessNotifyRoutineEx");
     if (host::InjectFailure("PsSetCreateProcessNotifyRoutineEx"))
     {
-        return STATUS_INVALID_PARAMETER;
+        return Remove ? STATUS_PROCEDURE_NOT_FOUND : STATUS_INVALID_PARAMETER;
     }
     return Remove ? host::Unregister(NotifyRoutine) : host::Register(NotifyRoutine);
 }

@@ -193,6 +193,12 @@ typedef struct _IO_STACK_LOCATION
     {
         struct
         {
+            ULONG Length;
+            ULONG POINTER_ALIGNMENT Key;
+            LARGE_INTEGER ByteOffset;
+        } Write;
+        struct
+        {
             ULONG OutputBufferLength;
             ULONG POINTER_ALIGNMENT InputBufferLength;
             ULONG POINTER_ALIGNMENT IoControlCode;

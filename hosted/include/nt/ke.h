@@ -103,6 +103,11 @@ LONG NTAPI KeSetEvent(PRKEVENT Event, KPRIORITY Increment, BOOLEAN Wait);
 NTSTATUS NTAPI KeExpandKernelStackAndCallout(PEXPAND_STACK_CALLOUT Callout, PVOID Parameter, SIZE_T Size);
 void NTAPI IoGetStackLimits(PULONG_PTR LowLimit, PULONG_PTR HighLimit);
 
+
+// Compiled code of an image reads the time from the page that the kernel shares with everybody; this does as well.
+void NTAPI KeQuerySystemTime(PLARGE_INTEGER CurrentTime);
+void NTAPI ExSystemTimeToLocalTime(PLARGE_INTEGER SystemTime, PLARGE_INTEGER LocalTime);
+
 void FASTCALL ExAcquireFastMutex(PFAST_MUTEX FastMutex);
 void FASTCALL ExReleaseFastMutex(PFAST_MUTEX FastMutex);
 

@@ -74,6 +74,22 @@ void NTAPI RtlInitUnicodeString(PUNICODE_STRING DestinationString, PCWSTR Source
 NTSTATUS NTAPI RtlHashUnicodeString(
     PCUNICODE_STRING String, BOOLEAN CaseInSensitive, ULONG HashAlgorithm, PULONG HashValue);
 WCHAR NTAPI RtlUpcaseUnicodeChar(WCHAR SourceCharacter);
+
+// Month and Day count from 1, Weekday from 0 for Sunday.
+typedef struct _TIME_FIELDS
+{
+    CSHORT Year;
+    CSHORT Month;
+    CSHORT Day;
+    CSHORT Hour;
+    CSHORT Minute;
+    CSHORT Second;
+    CSHORT Milliseconds;
+    CSHORT Weekday;
+} TIME_FIELDS, *PTIME_FIELDS;
+
+void NTAPI RtlTimeToTimeFields(PLARGE_INTEGER Time, PTIME_FIELDS TimeFields);
+
 ULONG __cdecl DbgPrint(PCSTR Format, ...);
 
 #define RtlCopyMemory(Destination, Source, Length) __builtin_memcpy((Destination), (Source), (Length))

@@ -4,6 +4,7 @@
 
 #include <ntifs.h>
 #include <fltkernel.h>
+#include <ntstrsafe.h>
 #include <stddef.h>
 
 #define SIZE(Type, Bytes) static_assert(sizeof(Type) == (Bytes))
@@ -28,6 +29,16 @@ AT(LARGE_INTEGER, QuadPart, 0x00);
 SIZE(CLIENT_ID, 0x10);
 AT(CLIENT_ID, UniqueProcess, 0x00);
 AT(CLIENT_ID, UniqueThread, 0x08);
+
+SIZE(TIME_FIELDS, 0x10);
+AT(TIME_FIELDS, Year, 0x00);
+AT(TIME_FIELDS, Month, 0x02);
+AT(TIME_FIELDS, Day, 0x04);
+AT(TIME_FIELDS, Hour, 0x06);
+AT(TIME_FIELDS, Minute, 0x08);
+AT(TIME_FIELDS, Second, 0x0a);
+AT(TIME_FIELDS, Milliseconds, 0x0c);
+AT(TIME_FIELDS, Weekday, 0x0e);
 
 SIZE(RTL_OSVERSIONINFOW, 0x114);
 AT(RTL_OSVERSIONINFOW, dwOSVersionInfoSize, 0x00);
@@ -214,6 +225,9 @@ AT(IO_STACK_LOCATION, MinorFunction, 0x01);
 AT(IO_STACK_LOCATION, Flags, 0x02);
 AT(IO_STACK_LOCATION, Control, 0x03);
 AT(IO_STACK_LOCATION, Parameters, 0x08);
+AT(IO_STACK_LOCATION, Parameters.Write.Length, 0x08);
+AT(IO_STACK_LOCATION, Parameters.Write.Key, 0x10);
+AT(IO_STACK_LOCATION, Parameters.Write.ByteOffset, 0x18);
 AT(IO_STACK_LOCATION, Parameters.DeviceIoControl.OutputBufferLength, 0x08);
 AT(IO_STACK_LOCATION, Parameters.DeviceIoControl.InputBufferLength, 0x10);
 AT(IO_STACK_LOCATION, Parameters.DeviceIoControl.IoControlCode, 0x18);

@@ -4,6 +4,8 @@
 #include "image_rules.h"
 #include "windows7_exports.h"
 
+#include "hosted/ldr/export_list.h"
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -83,6 +85,91 @@ TEST_F(ImageTest, ImportsFromKernelAndFilterManagerOnly)
         modules.insert(import.Module);
     }
     EXPECT_THAT(modules, ElementsAre("FLTMGR.SYS", "ntoskrnl.exe"));
+}
+
+struct HostedExport
+{
+    std::string Name;    // "module!routine"
+    bool ByCompiler;     // calls are the compiler's own idea, so an image may be without
+};
+
+// What the loader of the hosted kernel can bind.
+std::vector<HostedExport> HostedExports()
+{
+    constexpr const char* Ntoskrnl = "ntoskrnl.exe!";
+    constexpr const char* FilterManager = "FLTMGR.SYS!";
+#define NAMED(Module, Name) {std::string(Module) + #Name, false},
+#define NAMED_AS(Module, Name, Here) NAMED(Module, Name)
+#define BY_COMPILER(Module, Name) {std::string(Module) + #Name, true},
+    return {HOSTED_EXPORTS(NAMED, NAMED_AS, NAMED, BY_COMPILER)};
+#undef BY_COMPILER
+#undef NAMED_AS
+#undef NAMED
+}
+
+// One line per import that the hosted kernel cannot bind, and per export that the driver does not import. The list is
+// to say what the driver rests on, so it holds nothing more; routines that are looked up by name at run time stand
+// elsewhere.
+std::vector<std::string> CompareWithHostedExports(const std::vector<pe::Import>& imports)
+{
+    std::set<std::string> imported;
+    for (const pe::Import& import : imports)
+    {
+        imported.insert(import.Module + "!" + import.Routine);
+    }
+    std::vector<std::string> differences;
+    std::set<std::string> exported;
+    for (const auto& [name, byCompiler] : HostedExports())
+    {
+        if (!exported.insert(name).second)
+        {
+            differences.push_back(name + " is exported twice");
+        }
+        if (!imported.contains(name) && !byCompiler)
+        {
+            differences.push_back(name + " is exported and not imported");
+        }
+    }
+    for (const std::string& name : imported)
+    {
+        if (!exported.contains(name))
+        {
+            differences.push_back(name + " is imported and not exported");
+        }
+    }
+    return differences;
+}
+
+TEST_F(ImageTest, ImportsExactlyWhatTheHostedKernelExports)
+{
+    EXPECT_THAT(CompareWithHostedExports(pe::Image(file).Imports()), IsEmpty());
+}
+
+TEST(HostedExports, NoticesWhatIsMissingAndWhatIsTooMuch)
+{
+    std::vector<pe::Import> imports;
+    for (const auto& [name, byCompiler] : HostedExports())
+    {
+        const size_t end = name.find('!');
+        imports.push_back({name.substr(0, end), name.substr(end + 1)});
+    }
+    EXPECT_THAT(CompareWithHostedExports(imports), IsEmpty());
+    std::erase_if(imports, [](const pe::Import& import) { return import.Routine == "memmove"; });
+    EXPECT_THAT(CompareWithHostedExports(imports), IsEmpty());
+    imports.front().Routine = "ExFreePool2";
+    EXPECT_THAT(CompareWithHostedExports(imports),
+                ElementsAre("ntoskrnl.exe!DbgPrint is exported and not imported",
+                            "ntoskrnl.exe!ExFreePool2 is imported and not exported"));
+}
+
+TEST(HostedExports, AreAllExportedByWindows7)
+{
+    for (const HostedExport& exported : HostedExports())
+    {
+        EXPECT_TRUE(std::ranges::any_of(Windows7Exports, [&exported](const Export& entry) {
+            return std::string(entry.Module) + "!" + entry.Routine == exported.Name;
+        })) << exported.Name;
+    }
 }
 
 TEST_F(ImageTest, NoticesAnotherMachine)

@@ -2,12 +2,15 @@
 
 #include "driver/core/filter_registration.h"
 #include "driver/core/global_state.h"
+#include "driver/core/unload.h"
 #include "driver/util/pool.h"
 #include "hosted/ex/pool.h"
+#include "hosted/flt/filter_manager.h"
 #include "hosted/ke/failure_injection.h"
 #include "hosted/machine/testing.h"
 #include "hosted/ps/process_notify.h"
 #include "hosted/rtl/debug_print.h"
+#include "tests/unit/driver/stand_in.h"
 
 #include <gmock/gmock.h>
 
@@ -42,6 +45,13 @@ MachineOptions Modelling(const SystemModel& system)
     return options;
 }
 
+// What the filter manager does at an unload, for a driver that has no filter by which it could be asked to.
+void UnloadWithoutFilter()
+{
+    const AttachedProcess system(SystemProcess());
+    EXPECT_EQ(UnloadDriver(0), STATUS_SUCCESS);
+}
+
 TEST(DriverLoad, PrintsEveryStepInOrder)
 {
     Machine machine;
@@ -58,6 +68,15 @@ TEST(DriverLoad, PrintsEveryStepInOrder)
     ULONG cached = 1;
     EXPECT_EQ(CTGetElementCount(&Global.ProcessCache, &cached), STATUS_SUCCESS);
     EXPECT_EQ(cached, 0u);
+}
+
+TEST(DriverLoad, GoesOnWithoutANameCache)
+{
+    Machine machine;
+    const stand_in::Answer answer(stand_in::Answer::FailCacheInitialization);
+    ASSERT_EQ(machine.LoadDriver(DriverEntry), STATUS_SUCCESS);
+    EXPECT_THAT(DebugPrints(), ElementsAre(EntryText, "Tarnveil - CTInitialize(ProcessCache) failed: c0000001\n",
+                                   VersionText, KeyText, DeviceText, LinkText, ReturnText));
 }
 
 TEST(DriverLoad, UnloadPrintsItsTwoTextsAndForgetsEverything)
@@ -85,15 +104,39 @@ TEST(DriverLoad, CanBeRepeated)
     }
 }
 
-TEST(DriverLoad, EmptiesTheListsAtUnloadWithoutTraces)
+// Only the identifier manager speaks while the lists are emptied; no log record is written.
+TEST(DriverLoad, EmptiesTheListsAtUnloadWithoutLogRecords)
 {
     Machine machine;
     ASSERT_EQ(machine.LoadDriver(DriverEntry), STATUS_SUCCESS);
     Program agent = machine.StartProcess(L"C:\\Agent.exe");
-    EXPECT_EQ(agent.AddProcess(L"C:\\a.exe").Status, STATUS_SUCCESS);
-    EXPECT_EQ(agent.AddParentProcess(L"C:\\b.exe").Status, STATUS_SUCCESS);
-    EXPECT_EQ(agent.AddExclusion(L"C:\\c.exe").Status, STATUS_SUCCESS);
+    ProgramEvent event = agent.CreateEvent();
+    const ULONG parent = agent.AddParentProcess(L"C:\\a.exe").Value;
+    const ULONG process = agent.AddProcess(L"C:\\b.exe").Value;
+    const ULONG exclusion = agent.AddExclusion(L"C:\\c.exe").Value;
+    Program monitoredParent = machine.StartProcess(L"C:\\a.exe");
+    Program monitored = machine.StartProcess(L"C:\\b.exe");
+    EXPECT_TRUE(agent.IsUnderSandbox(monitoredParent.ProcessId()));
+    EXPECT_TRUE(agent.IsUnderSandbox(monitored.ProcessId()));
+    EXPECT_EQ(agent.StartLogging(event, 0xffffffff), STATUS_SUCCESS);
+    agent.DrainLog();
+    event.Clear();
+
+    machine.ClearDebugPrints();
     EXPECT_EQ(machine.UnloadDriver(), STATUS_SUCCESS);
+    auto released = [](ULONG id) { return "[IDMan] ReleaseId = " + std::to_string(id) + "\n"; };
+    const char prefix[] = "Tarnveil.sys: ";
+    EXPECT_THAT(DebugPrints(), ElementsAre("Tarnveil Unload\n", prefix, released(parent), prefix, released(process),
+                                   prefix, released(exclusion), "Tarnveil Unload STATUS_SUCCESS\n"));
+    EXPECT_FALSE(event.IsSet());
+    const UNICODE_STRING paths[] = {Counted(L"C:\\a.exe"), Counted(L"C:\\b.exe"), Counted(L"C:\\c.exe")};
+    ULONG id = 0;
+    EXPECT_FALSE(FindSetting(ParentProcessNames, &paths[0], &id));
+    EXPECT_FALSE(FindSetting(ProcessNames, &paths[1], &id));
+    EXPECT_FALSE(FindSetting(ExclusionProcessNames, &paths[2], &id));
+    EXPECT_FALSE(FindMonitoredParent(monitoredParent.Id(), &id));
+    EXPECT_TRUE(IsMonitoredProcessListEmpty());
+    EXPECT_EQ(LivePoolAllocations(), 0u) << DescribeLivePool();
 }
 
 TEST(DriverLoad, PoolIsExecutableUpToWindows7)
@@ -138,16 +181,6 @@ TEST(DriverLoad, UnknownVersionCountsAsOldAndIsPrinted)
     EXPECT_THAT(prints[1], testing::MatchesRegex("Tarnveil - RtlGetVersion failed: c[0-9a-f]*\n"));
 }
 
-TEST(DriverLoad, SystemRoutinesThatAreMissingArePrintedAndNotFatal)
-{
-    Machine machine;
-    // The look-ups: pool policy's, then the two queries'. They stay resolved from one load to the next.
-    FailRoutine("MmGetSystemRoutineAddress");
-    EXPECT_EQ(machine.LoadDriver(DriverEntry), STATUS_SUCCESS);
-    EXPECT_FALSE(PoolZeroingNative);
-    ResetFailures();
-}
-
 TEST(DriverLoad, WithoutControlDeviceItStillFilters)
 {
     Machine machine;
@@ -185,6 +218,55 @@ TEST(DriverLoad, FailedFilterRegistrationFailsTheLoadAndUndoesNothing)
     EXPECT_NE(Global.ControlDevice, nullptr);
     EXPECT_NE(Global.RegistryPath.Buffer, nullptr);
     EXPECT_FALSE(IsProcessNotifyRegistered());
+    UnloadWithoutFilter();
+    EXPECT_EQ(LivePoolAllocations(), 0u) << DescribeLivePool();
+    machine.AbandonDriver();
+}
+
+TEST(DriverLoad, SucceedsWithoutAnActiveFilterWhenFilteringDoesNotStart)
+{
+    Machine machine;
+    FailRoutine("FltStartFiltering");
+    EXPECT_EQ(machine.LoadDriver(DriverEntry), STATUS_SUCCESS);
+    ResetFailures();
+    EXPECT_THAT(DebugPrints(), ElementsAre(EntryText, VersionText, KeyText, DeviceText, LinkText,
+                                   "FltStartFiltering fail c000009a\n", ReturnText));
+    EXPECT_FALSE(HasInstance(machine.VolumeNamed(L"C:")));
+    // The filter was unregistered, and must not be again.
+    EXPECT_EQ(Global.Filter, nullptr);
+    EXPECT_TRUE(IsProcessNotifyRegistered());
+    Program agent = machine.StartProcess(L"C:\\Agent.exe");
+    EXPECT_EQ(agent.AddProcess(L"C:\\App.exe").Status, STATUS_SUCCESS);
+    EXPECT_TRUE(agent.IsUnderSandbox(machine.StartProcess(L"C:\\App.exe").ProcessId()));
+
+    UnloadWithoutFilter();
+    EXPECT_FALSE(IsProcessNotifyRegistered());
+    EXPECT_EQ(LivePoolAllocations(), 0u) << DescribeLivePool();
+}
+
+// The last two calls of a load that can fail are the start of filtering and the process routine's registration.
+TEST(DriverLoad, FailsWhenNeitherFilteringNorTheProcessRoutineStarts)
+{
+    uint64_t calls = 0;
+    {
+        Machine machine;
+        ResetFailures();
+        EXPECT_EQ(machine.LoadDriver(DriverEntry), STATUS_SUCCESS);
+        calls = FallibleCalls();
+    }
+    Machine machine;
+    ResetFailures();
+    FailFromCall(calls - 1);
+    const NTSTATUS status = machine.LoadDriver(DriverEntry);
+    EXPECT_EQ(InjectedFailures(), 2u);
+    ResetFailures();
+    EXPECT_FALSE(NT_SUCCESS(status));
+    EXPECT_THAT(DebugPrints(),
+        ElementsAre(EntryText, VersionText, KeyText, DeviceText, LinkText, "FltStartFiltering fail c000009a\n",
+            Hex("Tarnveil - PsSetCreateProcessNotifyRoutineEx - %08x\n", status),
+            Hex("Tarnveil DriverEntry return %x\n", status)));
+    UnloadWithoutFilter();
+    EXPECT_EQ(LivePoolAllocations(), 0u) << DescribeLivePool();
     machine.AbandonDriver();
 }
 
@@ -229,6 +311,48 @@ TEST(DriverLoad, AttachesToDiskFileSystemsOnly)
     for (DEVICE_TYPE kind : {FILE_DEVICE_NETWORK_FILE_SYSTEM, FILE_DEVICE_CD_ROM_FILE_SYSTEM, FILE_DEVICE_DISK})
     {
         EXPECT_EQ(InstanceSetup(nullptr, 0, kind, FLT_FSTYPE_NTFS), static_cast<NTSTATUS>(0xC01C000F));
+    }
+}
+
+TEST(DriverLoad, VolumesThatAreNoLocalDisksGetNoInstance)
+{
+    Machine machine;
+    VolumeOptions disc;
+    disc.DeviceName = L"\\Device\\CdRom0";
+    disc.DosName = L"D:";
+    disc.Kind = FILE_DEVICE_CD_ROM_FILE_SYSTEM;
+    machine.AddVolume(disc);
+    VolumeOptions network;
+    network.DeviceName = L"\\Device\\Mup";
+    network.DosName = L"";
+    network.Kind = FILE_DEVICE_NETWORK_FILE_SYSTEM;
+    machine.AddVolume(network);
+    ASSERT_EQ(machine.LoadDriver(DriverEntry), STATUS_SUCCESS);
+    EXPECT_TRUE(HasInstance(machine.VolumeNamed(L"C:")));
+    EXPECT_FALSE(HasInstance(machine.VolumeNamed(L"D:")));
+    EXPECT_FALSE(HasInstance(machine.VolumeNamed(L"\\Device\\Mup")));
+    // One that comes later is asked about too.
+    VolumeOptions stick;
+    stick.DeviceName = L"\\Device\\HarddiskVolume2";
+    stick.DosName = L"E:";
+    machine.AddVolume(stick);
+    EXPECT_TRUE(HasInstance(machine.VolumeNamed(L"E:")));
+}
+
+TEST(DriverLoad, StartedChangesNothingAboutFiltering)
+{
+    Machine machine;
+    machine.Registry().SetString(Machine::ServiceKey, L"SandboxPath", L"\\Device\\HarddiskVolume1\\Sandbox");
+    ASSERT_EQ(machine.PutOnDisk(L"C:\\Sandbox\\plan.txt", "plan"), STATUS_SUCCESS);
+    ASSERT_EQ(machine.LoadDriver(DriverEntry), STATUS_SUCCESS);
+    Program agent = machine.StartProcess(L"C:\\Agent.exe");
+    EXPECT_EQ(agent.Open(L"C:\\Sandbox\\plan.txt").Status(), STATUS_ACCESS_DENIED);
+    for (int round = 0; round < 3; ++round)
+    {
+        EXPECT_EQ(agent.StartDriver(), STATUS_SUCCESS);
+        EXPECT_EQ(agent.Open(L"C:\\Sandbox\\plan.txt").Status(), STATUS_ACCESS_DENIED);
+        EXPECT_EQ(agent.StopDriver(), STATUS_SUCCESS);
+        EXPECT_EQ(agent.Open(L"C:\\Sandbox\\plan.txt").Status(), STATUS_ACCESS_DENIED);
     }
 }
 

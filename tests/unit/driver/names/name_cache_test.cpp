@@ -1,6 +1,7 @@
 // The bounded map of path names.
 
 #include "driver/names/name_cache.h"
+#include "driver/util/pool.h"
 #include "hosted/ex/pool.h"
 #include "hosted/ke/failure_injection.h"
 #include "hosted/ke/irql.h"
@@ -22,6 +23,8 @@ class NameCache : public testing::Test
 protected:
     void SetUp() override
     {
+        // An earlier machine may have been another system.
+        InitializePoolPolicy();
         ASSERT_EQ(CTInitialize(&Table), STATUS_SUCCESS);
     }
     void TearDown() override

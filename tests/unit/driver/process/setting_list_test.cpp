@@ -1,6 +1,7 @@
 // The agent's lists of executables.
 #include "driver/process/setting_list.h"
 #include "tests/unit/driver/process/agent_fixture.h"
+#include "tests/unit/driver/stand_in.h"
 
 using namespace agent_test;
 
@@ -107,6 +108,26 @@ TEST_P(SettingListTest, AnEntryHoldsItsOwnTerminatedText)
             EXPECT_EQ(entry->SettingId, Id(0));
             EXPECT_EQ(entry->Kind, GetParam().Kind);
         });
+}
+
+TEST_P(SettingListTest, OfALengthBeyond16BitsOnlyTheLowBitsRemain)
+{
+    // 65536 + 8 bytes.
+    const WideString path = L"C:\\a" + WideString(32768, L'x');
+    ULONG id = 77777;
+    // What a scan makes of such a path is another matter.
+    AddSetting(*GetParam().List, path.c_str(), &id);
+    EXPECT_EQ(id, Id(0));
+    ULONG found = 77777;
+    if (GetParam().List == &ExclusionProcessNames)
+    {
+        EXPECT_TRUE(Find(L"C:\\a", &found));
+        EXPECT_EQ(found, Id(0));
+        EXPECT_EQ(Add(L"c:\\A"), Added(Id(0))) << "the same setting";
+    }
+    EXPECT_FALSE(Find(L"C:\\ax", &found));
+    DeleteSettingsByPath(*GetParam().List, path.c_str());
+    EXPECT_FALSE(Find(L"C:\\a", &found));
 }
 
 TEST_P(SettingListTest, AWildcardStandsForItself)
@@ -334,5 +355,15 @@ TEST_F(SettingListsTest, APathThatIsNoDrivePathIsTakenBack)
             Text("IRP = DEV_CTRL IOCTL = ADD_PROCESS status = DELETED_SETTING id = %u path = a.exe", Id(0))));
     // A setting that concerns processes to come may name anything.
     EXPECT_EQ(agent_.AddExclusion(L"a.exe"), Added(Id(0)));
+}
+
+TEST_F(SettingListsTest, AFailedScanForChildrenTakesTheParentSettingBack)
+{
+    Listen();
+    const stand_in::Answer answer(stand_in::Answer::FailChildrenScan);
+    EXPECT_THAT(PrintsOf([&] { EXPECT_EQ(agent_.AddParentProcess(L"C:\\a.exe").Status, STATUS_UNSUCCESSFUL); }),
+        testing::Contains("Tarnveil - RegistMonitoredChildrenProcess error - c0000001\n"));
+    EXPECT_THAT(Messages(), ElementsAre(Text("IRP = DEV_CTRL IOCTL = ADD_PARENT status = ADDED_SETTING id = %u path = C:\\a.exe", Id(0)),
+                                Text("IRP = DEV_CTRL IOCTL = ADD_PARENT status = DELETED_SETTING id = %u path = C:\\a.exe", Id(0))));
 }
 }

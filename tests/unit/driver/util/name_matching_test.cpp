@@ -1,6 +1,7 @@
 // Comparing counted names.
 
 #include "driver/util/name_matching.h"
+#include "driver/util/pool.h"
 #include "hosted/ex/pool.h"
 #include "hosted/ke/failure_injection.h"
 #include "hosted/machine/testing.h"
@@ -13,6 +14,11 @@ using namespace host;
 class NameMatching : public testing::Test
 {
 protected:
+    void SetUp() override
+    {
+        // An earlier machine may have been another system.
+        InitializePoolPolicy();
+    }
     bool Matches(WideView name, WideView pattern)
     {
         const UNICODE_STRING nameString = Counted(name);

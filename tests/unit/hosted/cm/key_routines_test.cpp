@@ -1,4 +1,3 @@
-#include "hosted/cm/key_routines.h"
 
 #include "hosted/cm/registry.h"
 #include "hosted/ke/failure_injection.h"
@@ -14,7 +13,6 @@ namespace host
 namespace
 {
 constexpr WideView Service = L"\\Registry\\Machine\\System\\CurrentControlSet\\Services\\Tarnveil";
-constexpr NTSTATUS StatusKeyDeleted = static_cast<NTSTATUS>(0xC000017C);
 constexpr UCHAR Untouched = 0xA5;
 
 class KeyRoutines : public testing::Test
@@ -231,10 +229,10 @@ TEST_F(KeyRoutines, SetValue)
 TEST_F(KeyRoutines, DeletedKeysStayOpenButUseless)
 {
     EXPECT_TRUE(SystemRegistry().DeleteKey(Service));
-    EXPECT_EQ(StatusKeyDeleted, Query(L"SandboxCryptKey", KeyValuePartialInformation, 256));
-    EXPECT_EQ(StatusKeyDeleted, ZwSetValueKey(key_, nullptr, 0, REG_NONE, nullptr, 0));
+    EXPECT_EQ(STATUS_KEY_DELETED, Query(L"SandboxCryptKey", KeyValuePartialInformation, 256));
+    EXPECT_EQ(STATUS_KEY_DELETED, ZwSetValueKey(key_, nullptr, 0, REG_NONE, nullptr, 0));
     HANDLE handle;
-    EXPECT_EQ(StatusKeyDeleted, Open(L"", &handle, key_));
+    EXPECT_EQ(STATUS_KEY_DELETED, Open(L"", &handle, key_));
 }
 
 TEST_F(KeyRoutines, RulesDeath)

@@ -38,6 +38,29 @@ TEST_F(FltOperation, ShowsTheOperation)
     EXPECT_EQ(files_->Count(IRP_MJ_READ), 1u);
 }
 
+TEST_F(FltOperation, APagingFileIsToldByTheFlagBeforeAnythingElseKnowsIt)
+{
+    ULONG calls = 0;
+    Pre(
+        [&](PFLT_CALLBACK_DATA data, PVOID*)
+        {
+            if (data->Iopb->MajorFunction == IRP_MJ_CREATE)
+            {
+                ++calls;
+                EXPECT_TRUE(data->Iopb->OperationFlags & SL_OPEN_PAGING_FILE);
+                EXPECT_FALSE(FsRtlIsPagingFile(data->Iopb->TargetFileObject));
+            }
+            return FLT_PREOP_SUCCESS_NO_CALLBACK;
+        });
+    OpenRequest request;
+    request.Path = L"\\??\\Q:\\pagefile.sys";
+    request.StackFlags = SL_OPEN_PAGING_FILE;
+    PFILE_OBJECT paging;
+    ASSERT_EQ(OpenFile(request, &paging), STATUS_SUCCESS);
+    EXPECT_EQ(calls, 1u);
+    CloseFile(paging);
+}
+
 TEST_F(FltOperation, PostSeesTheResultAndMayChangeIt)
 {
     int marker = 0;

@@ -2,6 +2,8 @@
 
 #include "hosted/ob/handle_table.h"
 
+#include <gmock/gmock.h>
+
 namespace flt_test
 {
 namespace
@@ -10,14 +12,15 @@ class ZwFile : public VolumeTest
 {
 protected:
     NTSTATUS Open(WideView path, HANDLE root = nullptr, ULONG attributes = OBJ_KERNEL_HANDLE | OBJ_CASE_INSENSITIVE,
-                  ACCESS_MASK access = FILE_LIST_DIRECTORY | SYNCHRONIZE)
+                  ACCESS_MASK access = FILE_LIST_DIRECTORY | SYNCHRONIZE,
+                  ULONG options = FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT)
     {
         UNICODE_STRING name = Counted(path);
         OBJECT_ATTRIBUTES object;
         InitializeObjectAttributes(&object, &name, attributes, root, nullptr);
         handle_ = nullptr;
         return ZwOpenFile(&handle_, access, &object, &status_, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                          FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT);
+                          options);
     }
     NTSTATUS Query(HANDLE handle, PUNICODE_STRING pattern = nullptr)
     {
@@ -107,6 +110,47 @@ TEST_F(ZwFile, QueriesADirectory)
     EXPECT_EQ(Query(handle_), STATUS_NO_MORE_FILES);
     EXPECT_EQ(status_.Status, STATUS_NO_MORE_FILES) << "a warning reaches the status block";
     files_->Handler = nullptr;
+    EXPECT_EQ(ZwClose(handle_), STATUS_SUCCESS);
+}
+
+TEST_F(ZwFile, WritesWhereItIsToldOrWhereTheFileStands)
+{
+    ASSERT_EQ(Open(L"\\??\\Q:\\file", nullptr, OBJ_KERNEL_HANDLE, GENERIC_WRITE, FILE_SYNCHRONOUS_IO_NONALERT),
+              STATUS_SUCCESS);
+    std::vector<LONGLONG> offsets;
+    files_->Handler = [&](FLT_IO_PARAMETER_BLOCK& operation, IO_STATUS_BLOCK& status)
+    {
+        if (operation.MajorFunction != IRP_MJ_WRITE)
+        {
+            return files_->Default(operation, status);
+        }
+        offsets.push_back(operation.Parameters.Write.ByteOffset.QuadPart);
+        status = {{STATUS_SUCCESS}, operation.Parameters.Write.Length};
+        return STATUS_SUCCESS;
+    };
+    const auto write = [this](PLARGE_INTEGER offset)
+    { return ZwWriteFile(handle_, nullptr, nullptr, nullptr, &status_, buffer_, 10, offset, nullptr); };
+    LARGE_INTEGER offset;
+    EXPECT_EQ(write(nullptr), STATUS_SUCCESS);
+    EXPECT_EQ(status_.Information, 10u);
+    offset.QuadPart = 100;
+    EXPECT_EQ(write(&offset), STATUS_SUCCESS);
+    offset = {{FILE_USE_FILE_POINTER_POSITION, -1}};
+    EXPECT_EQ(write(&offset), STATUS_SUCCESS);
+    offset = {{FILE_WRITE_TO_END_OF_FILE, -1}};
+    EXPECT_EQ(write(&offset), STATUS_SUCCESS);
+    EXPECT_EQ(write(nullptr), STATUS_SUCCESS);
+    EXPECT_THAT(offsets, testing::ElementsAre(0, 100, 110, -1, 120));
+    files_->Handler = nullptr;
+    EXPECT_EQ(ZwClose(handle_), STATUS_SUCCESS);
+}
+
+TEST_F(ZwFile, AWriteWithoutAPlaceNeedsASynchronousFile)
+{
+    ASSERT_EQ(Open(L"\\??\\Q:\\file", nullptr, OBJ_KERNEL_HANDLE, GENERIC_WRITE, 0), STATUS_SUCCESS);
+    EXPECT_EQ(ZwWriteFile(handle_, nullptr, nullptr, nullptr, &status_, buffer_, 1, nullptr, nullptr),
+              STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(files_->Count(IRP_MJ_WRITE), 0u);
     EXPECT_EQ(ZwClose(handle_), STATUS_SUCCESS);
 }
 

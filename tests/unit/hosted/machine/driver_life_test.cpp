@@ -1,6 +1,7 @@
 // Loading and unloading on a machine.
 #include "hosted/ex/pool.h"
 #include "hosted/ke/failure_injection.h"
+#include "hosted/machine/native_image.h"
 #include "hosted/machine/testing.h"
 #include "hosted/ps/process_notify.h"
 #include "tests/unit/hosted/machine/fake_driver.h"
@@ -77,6 +78,39 @@ TEST_F(DriverLifeTest, AFailedLoadLeavesEverything)
         EXPECT_EQ(STATUS_SUCCESS, machine.LoadDriver(fake_driver::Entry));
     }
     fake_driver::FreeForgotten();
+}
+
+TEST_F(DriverLifeTest, ALoadedDriverWithoutItsFilterIsUnloadedByForce)
+{
+    fake_driver::behaviour.TakeFilterBack = true;
+    {
+        Machine machine;
+        EXPECT_EQ(STATUS_INVALID_DEVICE_REQUEST, machine.UnloadWithoutFilter());
+        EXPECT_EQ(STATUS_SUCCESS, machine.LoadDriver(fake_driver::Entry));
+        EXPECT_FALSE(NT_SUCCESS(machine.UnloadDriver()));
+        EXPECT_TRUE(machine.DriverLoaded());
+        EXPECT_EQ(STATUS_SUCCESS, machine.UnloadWithoutFilter());
+        EXPECT_FALSE(machine.DriverLoaded());
+        EXPECT_EQ(0u, RegisteredNotifyRoutines());
+        // The end of the machine does the same.
+        EXPECT_EQ(STATUS_SUCCESS, machine.LoadDriver(fake_driver::Entry));
+    }
+    fake_driver::behaviour.TakeFilterBack = false;
+    Machine machine;
+    EXPECT_EQ(STATUS_SUCCESS, machine.LoadDriver(fake_driver::Entry));
+    EXPECT_FALSE(NT_SUCCESS(machine.UnloadWithoutFilter()));
+    EXPECT_TRUE(machine.DriverLoaded());
+}
+
+TEST_F(DriverLifeTest, TheRealDriverWhoseFilteringDoesNotStart)
+{
+    Machine machine;
+    FailRoutine("FltStartFiltering");
+    EXPECT_EQ(STATUS_SUCCESS, machine.LoadDriver(Image::Native));
+    ResetFailures();
+    EXPECT_FALSE(NT_SUCCESS(machine.UnloadDriver()));
+    EXPECT_EQ(STATUS_SUCCESS, machine.UnloadWithoutFilter());
+    EXPECT_EQ(STATUS_SUCCESS, machine.LoadDriver(Image::Native));
 }
 
 TEST_F(DriverLifeTest, ALoadWithoutAFilterIsAbandonedByForce)

@@ -71,7 +71,10 @@ UNICODE_STRING Name(PCWSTR text)
 NTSTATUS NTAPI Unload(FLT_FILTER_UNLOAD_FLAGS)
 {
     PsSetCreateProcessNotifyRoutineEx(Notify, TRUE);
-    FltUnregisterFilter(filter);
+    if (!behaviour.TakeFilterBack)
+    {
+        FltUnregisterFilter(filter);
+    }
     UNICODE_STRING link = Name(L"\\DosDevices\\Tarnveil");
     IoDeleteSymbolicLink(&link);
     IoDeleteDevice(device);
@@ -120,6 +123,10 @@ NTSTATUS NTAPI Entry(PDRIVER_OBJECT driver, PUNICODE_STRING)
     }
     FltStartFiltering(filter);
     PsSetCreateProcessNotifyRoutineEx(Notify, FALSE);
+    if (behaviour.TakeFilterBack)
+    {
+        FltUnregisterFilter(filter);
+    }
     return behaviour.FailEntryAtTheEnd ? STATUS_UNSUCCESSFUL : STATUS_SUCCESS;
 }
 }

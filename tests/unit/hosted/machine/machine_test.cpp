@@ -232,6 +232,35 @@ TEST_F(MachineTest, FilesCanBePutOnTheDiskBeneath)
     EXPECT_EQ(STATUS_SUCCESS, machine_.PutOnDisk(L"C:\\Put\\Here\\file.bin", "short"));
     EXPECT_EQ("short", editor_.OpenForReading(L"C:\\Put\\Here\\file.bin").ReadAll());
     EXPECT_EQ(STATUS_NO_SUCH_DEVICE, machine_.PutOnDisk(L"X:\\file.bin", "none"));
+    EXPECT_EQ(STATUS_SUCCESS, machine_.PutOnDisk(L"C:\\Put\\Here\\file.bin:notes", "stream"));
+    EXPECT_EQ("stream", machine_.Disk(L"C:\\Put\\Here\\file.bin:notes"));
+    EXPECT_EQ(STATUS_FILE_IS_A_DIRECTORY, machine_.PutOnDisk(L"C:\\Put\\Here", "none"));
+}
+
+TEST_F(MachineTest, WhatIsPutOnTheDiskReplacesWhatTheCacheHeld)
+{
+    editor_.Create(L"C:\\Data\\old.txt").Write(std::string(9000, 'o'));
+    const SIZE_T cached = CachedBytes();
+    EXPECT_NE(0u, cached) << "dirty, and nobody has it open";
+    const std::string bytes(4999, 'n');
+    EXPECT_EQ(STATUS_SUCCESS, machine_.PutOnDisk(L"C:\\Data\\old.txt", bytes));
+    EXPECT_EQ(0u, CachedBytes());
+    EXPECT_EQ(bytes, machine_.Disk(L"C:\\Data\\old.txt"));
+    machine_.FlushAll();
+    EXPECT_EQ(bytes, machine_.Disk(L"C:\\Data\\old.txt"));
+    EXPECT_EQ(bytes, editor_.OpenForReading(L"C:\\Data\\old.txt").ReadAll());
+    machine_.Remount(L"C:");
+    EXPECT_EQ(bytes, machine_.Disk(L"C:\\Data\\old.txt"));
+}
+
+TEST_F(MachineTest, NothingIsPutUnderAnOpenFile)
+{
+    ProgramFile file = editor_.Create(L"C:\\Data\\open.txt");
+    file.Write("mine");
+    EXPECT_EQ(STATUS_SHARING_VIOLATION, machine_.PutOnDisk(L"C:\\Data\\open.txt", "theirs"));
+    EXPECT_EQ("mine", file.ReadAll());
+    file.Flush();
+    EXPECT_EQ("mine", machine_.Disk(L"C:\\Data\\open.txt"));
 }
 
 TEST_F(MachineTest, SeveralThreadsWorkAtOnce)
@@ -255,6 +284,39 @@ TEST_F(MachineTest, SeveralThreadsWorkAtOnce)
     {
         thread.join();
     }
+}
+
+TEST_F(MachineTest, AProgramEndsWhenItIsLookedUp)
+{
+    const Program other = machine_.StartProcess(L"C:\\Apps\\Other.exe");
+    machine_.ExitAtLookup(editor_);
+    PEPROCESS found = nullptr;
+    ASSERT_EQ(STATUS_SUCCESS, PsLookupProcessByProcessId(other.Id(), &found));
+    ObDereferenceObject(found);
+    EXPECT_TRUE(editor_.IsRunning());
+    EXPECT_EQ(STATUS_INVALID_PARAMETER, PsLookupProcessByProcessId(editor_.Id(), &found));
+    EXPECT_FALSE(editor_.IsRunning());
+    EXPECT_TRUE(other.IsRunning());
+}
+
+TEST_F(MachineTest, TheClockIsSet)
+{
+    machine_.SetTime(42);
+    LARGE_INTEGER time;
+    KeQuerySystemTime(&time);
+    EXPECT_EQ(42, time.QuadPart);
+}
+
+TEST_F(MachineTest, TheProductKeyTakesLists)
+{
+    machine_.Registry().SetMultiString(Machine::ProductKey, L"Parents", {L"one.exe", L"two.exe"});
+    const auto value = machine_.Registry().GetValue(
+        L"\\registry\\machine\\SOFTWARE\\WOW6432Node\\Orvane Works\\Hollowbay", L"parents");
+    ASSERT_TRUE(value.has_value());
+    EXPECT_EQ(static_cast<ULONG>(REG_MULTI_SZ), value->Type);
+    const WideView expected(L"one.exe\0two.exe\0", 17);
+    ASSERT_EQ((expected.size()) * sizeof(WCHAR), value->Bytes.size());
+    EXPECT_EQ(0, __builtin_memcmp(expected.data(), value->Bytes.data(), value->Bytes.size()));
 }
 
 TEST(MachineVolumeTest, VolumesHaveKindsAndLetters)

@@ -129,6 +129,7 @@ TEST_F(Object, StaleReferencesDeath)
     EXPECT_DEATH(ReferenceObject(body), "object-not-live");
     EXPECT_DEATH(ReferenceCount(body), "object-not-live");
     EXPECT_DEATH(TypeOf(nullptr), "object-not-live");
+    EXPECT_DEATH(DereferenceObject(reinterpret_cast<void*>(8)), "object-not-live");
 }
 
 TEST_F(Object, OverDereferencedWhileDeletionWaitsDeath)

@@ -94,7 +94,7 @@ protected:
 TEST_F(ProcessNotifyRoutineTest, RefusesASecondRegistrationAndAnUnknownRemoval)
 {
     EXPECT_EQ(STATUS_INVALID_PARAMETER, PsSetCreateProcessNotifyRoutineEx(Watch, FALSE));
-    EXPECT_EQ(STATUS_INVALID_PARAMETER, PsSetCreateProcessNotifyRoutineEx(Other, TRUE));
+    EXPECT_EQ(STATUS_PROCEDURE_NOT_FOUND, PsSetCreateProcessNotifyRoutineEx(Other, TRUE));
     EXPECT_EQ(1u, RegisteredNotifyRoutines());
     FailRoutine("PsSetCreateProcessNotifyRoutineEx");
     EXPECT_EQ(STATUS_INVALID_PARAMETER, PsSetCreateProcessNotifyRoutineEx(Other, FALSE));

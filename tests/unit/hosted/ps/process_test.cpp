@@ -107,6 +107,20 @@ TEST_F(ProcessTest, AttachingNests)
     EXPECT_EQ(SystemProcess(), CurrentProcess());
 }
 
+TEST_F(ProcessTest, TheThreadsIdIsTheOneThatIsPlayed)
+{
+    Process* a = Add(L"a.exe");
+    const HANDLE mine = PsGetCurrentThreadId();
+    EXPECT_EQ(CurrentThread()->Id, mine);
+    {
+        const AttachedProcess playA(a);
+        const RaisedIrql raised(HIGH_LEVEL);
+        EXPECT_EQ(CurrentThread()->Id, PsGetCurrentThreadId());
+        EXPECT_NE(mine, PsGetCurrentThreadId());
+    }
+    EXPECT_EQ(mine, PsGetCurrentThreadId());
+}
+
 TEST_F(ProcessTest, HostThreadsPlayDifferentThreads)
 {
     Process* a = Add(L"a.exe");

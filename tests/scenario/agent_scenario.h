@@ -1,0 +1,71 @@
+// A machine with the driver loaded and an agent that talks to it; nothing of the driver's inside is looked at.
+#pragma once
+
+#include "hosted/machine/native_image.h"
+#include "hosted/machine/testing.h"
+
+#include <cstdio>
+#include <gmock/gmock.h>
+#include <tarnveil/control.h>
+
+namespace scenario_test
+{
+using namespace host;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+inline std::string Text(const char* format, auto... arguments)
+{
+    char text[2048];
+    std::snprintf(text, sizeof(text), format, arguments...);
+    return text;
+}
+
+class AgentScenario : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        ASSERT_EQ(machine_.LoadDriver(Image::Native), STATUS_SUCCESS);
+        // Numbers go on over loads; this one stays in use, so the settings of a test count from the next.
+        const ControlAnswer first = agent_.AddExclusion(L"C:\\nobody.exe");
+        ASSERT_EQ(first.Status, STATUS_SUCCESS);
+        base_ = first.Value + 1;
+    }
+
+    // The number of a test's nth setting.
+    ULONG Id(ULONG n) const
+    {
+        return base_ + n;
+    }
+    bool IsUnder(const Program& program)
+    {
+        const ControlAnswer answer = agent_.IsUnderSandbox(program.ProcessId());
+        EXPECT_EQ(answer.Status, STATUS_SUCCESS);
+        EXPECT_LE(answer.Value, 1u);
+        return answer.Value == 1;
+    }
+    void Listen(ULONG levels = 0x7f)
+    {
+        ASSERT_EQ(agent_.StartLogging(event_, levels), STATUS_SUCCESS);
+        agent_.DrainLog();
+        event_.Clear();
+    }
+    std::vector<std::string> Messages()
+    {
+        std::vector<std::string> messages;
+        for (const LogRecord& record : agent_.DrainLog())
+        {
+            messages.push_back(record.Message);
+        }
+        return messages;
+    }
+
+    Machine machine_;
+    Program agent_ = machine_.StartProcess(L"C:\\Agent\\agent.exe");
+    ProgramEvent event_ = agent_.CreateEvent();
+
+private:
+    ULONG base_ = 0;
+};
+}

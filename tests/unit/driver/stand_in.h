@@ -1,0 +1,26 @@
+// Answers that the driver copes with although nothing here gives them: the system documents them, or a routine of the
+// driver may come to give them. The linker leads every call of the routines named here through this file.
+#pragma once
+
+#include <ntifs.h>
+
+namespace stand_in
+{
+// While it lives, the routine gives the answer instead of doing its work. One at a time for each routine.
+class Answer
+{
+public:
+    // FltGetFileNameInformation: success without any information.
+    static const char NoFileNameInformation[];
+    // ZwQuerySymbolicLinkObject: too small a buffer for a target of no length.
+    static const char EmptyLinkTarget[];
+    // STATUS_UNSUCCESSFUL.
+    static const char FailCacheInitialization[];
+    static const char FailChildrenScan[];
+
+    explicit Answer(const char* which);
+    ~Answer();
+    Answer(const Answer&) = delete;
+    Answer& operator=(const Answer&) = delete;
+};
+}
