@@ -74,6 +74,7 @@ if(TARNVEIL_SANITIZER)
     tarnveil_test(unit_tests tests/unit unit driver_native hosted icuuc)
     # Routines that a unit test may answer for; see tests/unit/driver/stand_in.h.
     foreach(ROUTINE FltGetFileNameInformation ZwQuerySymbolicLinkObject _Z12CTInitializeP10CacheTable
+            _Z17CTGetElementCountP10CacheTablePj _Z12DecodeBase64PKwjPhPj
             _Z30RegistMonitoredChildrenProcessPK27_SYSTEM_PROCESS_INFORMATION)
         target_link_options(unit_tests PRIVATE -Wl,--wrap=${ROUTINE})
     endforeach()

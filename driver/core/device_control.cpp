@@ -29,6 +29,9 @@ constexpr RequestEntry Requests[] = {
     {IOCTL_GET_PID_LIST_UNDER_SANDBOX, AnyLength, GetPidListUnderSandbox},
     {IOCTL_ADD_EXC_PROCESS, SettingIdBytes, AddExclusionProcess},
     {IOCTL_SET_ENCRYPTION, AnyLength, SetEncryption},
+    {IOCTL_ADD_FILE_PROTECTION, SettingIdBytes, AddFileProtection},
+    {IOCTL_DEL_FILE_PROTECTION, AnyLength, DeleteFileProtection},
+    {IOCTL_OUTPUT_CURRENT_PARAM, AnyLength, OutputCurrentParam},
 };
 
 NTSTATUS HandleRequest(ULONG code, Request& request)

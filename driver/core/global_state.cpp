@@ -1,8 +1,8 @@
 #include "driver/core/global_state.h"
 
+#include "driver/config/browser_mode_list.h"
 #include "driver/core/system_routines.h"
 #include "driver/log/log_channel.h"
-#include "driver/process/setting_id.h"
 #include "driver/util/pool.h"
 
 GlobalState Global;
@@ -13,7 +13,7 @@ void InitializeLocks()
 {
     FastLock* const locks[] = {&Global.CreateDecisionLock, &Global.ParentProcessNameList.Lock,
         &Global.ProcessNameList.Lock, &Global.ExclusionProcessNameList.Lock, &Global.MonitoredParentProcessList.Lock,
-        &Global.MonitoredProcessList.Lock, &Global.NotifyLock, &Global.StartedLock};
+        &Global.MonitoredProcessList.Lock, &Global.NotifyLock, &Global.StartedLock, &Global.FileProtections.Lock};
     for (FastLock* lock : locks)
     {
         lock->Initialize();
@@ -28,6 +28,7 @@ void InitializeLists() NO_LOCK_ANALYSIS
     Global.ExclusionProcessNameList.Entries.Initialize();
     Global.MonitoredParentProcessList.Entries.Initialize();
     Global.MonitoredProcessList.Entries.Initialize();
+    Global.FileProtections.Entries.Initialize();
 }
 
 void RecordSystemVersion()
@@ -51,6 +52,8 @@ void InitializeGlobalState()
     Global.PoolTag = DriverPoolTag;
     InitializeLocks();
     InitializeLists();
+    InitializeBuiltInList(&Global.BrowserModeList);
+    InitializeBuiltInList(&Global.ProductModeList);
     Global.EncryptionEnabled = 1;
     InitializeSystemRoutines();
     InitializeLogChannel();
@@ -59,6 +62,7 @@ void InitializeGlobalState()
     {
         DbgPrint("Tarnveil - CTInitialize(ProcessCache) failed: %08x\n", status);
     }
+    BRPLBuild();
     IdManInitialize();
     RecordSystemVersion();
 }

@@ -4,8 +4,11 @@
 // written only at load, the key only once, EncryptionEnabled is a word of which the last writer wins.
 #pragma once
 
+#include "driver/config/built_in_list.h"
 #include "driver/names/name_cache.h"
+#include "driver/process/file_protection.h"
 #include "driver/process/monitored_process.h"
+#include "driver/process/setting_id.h"
 #include "driver/process/setting_list.h"
 #include "driver/util/list.h"
 
@@ -47,6 +50,8 @@ struct GlobalState
     LockedList<ProcessNameEntry> ExclusionProcessNameList;
     LockedList<MonitoredProcessEntry> MonitoredParentProcessList;
     LockedList<MonitoredProcessEntry> MonitoredProcessList;
+    LockedList<FileProtection> FileProtections;
+    IdentifierManager Identifiers;
 
     // A record of the agent's last command; nothing reads it.
     BOOLEAN Started GUARDED_BY(StartedLock);
@@ -58,6 +63,10 @@ struct GlobalState
     ULONG OsVersion;
     // 1 = permitted opens in the sandbox get a cipher context.
     ULONG EncryptionEnabled;
+    BuiltInList BrowserModeList;
+    BuiltInList ProductModeList;
+    // Set once the browser-mode list was built for an installer mode other than 1.
+    BOOLEAN BrowserModeActive;
     // Gates the frequent traces. Nothing sets it; a debugger may.
     BOOLEAN VerboseTrace;
 };

@@ -38,6 +38,10 @@ NTSTATUS AddProcess(Request& request);
 NTSTATUS AddExclusionProcess(Request& request);
 NTSTATUS DeleteProcess(Request& request);
 
+NTSTATUS AddFileProtection(Request& request);
+NTSTATUS DeleteFileProtection(Request& request);
+NTSTATUS OutputCurrentParam(Request& request);
+
 NTSTATUS IsUnderSandbox(Request& request);
 NTSTATUS IsExistUnderSandbox(Request& request);
 NTSTATUS GetPidListUnderSandbox(Request& request);

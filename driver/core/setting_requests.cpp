@@ -1,58 +1,18 @@
 // Requests that add and delete settings.
 
+#include "driver/core/input_string.h"
 #include "driver/core/request.h"
+#include "driver/process/file_protection.h"
 #include "driver/process/monitored_process.h"
 #include "driver/process/setting_list.h"
-#include "driver/util/pool.h"
+#include "driver/util/debug_print.h"
 
 namespace
 {
-// The string of a request's input. The agent terminates it; one that is not ends where the input ends.
-class InputString
-{
-public:
-    // False when there is no memory for a terminated copy.
-    bool Take(const Request& request)
-    {
-        text_ = static_cast<PCWSTR>(request.SystemBuffer);
-        ULONG characters = request.InputLength / sizeof(WCHAR);
-        if (text_ == nullptr || IsTerminated(characters))
-        {
-            return true;
-        }
-        copy_ = PoolPointer<WCHAR>::Allocate((characters + 1) * sizeof(WCHAR));
-        if (copy_)
-        {
-            RtlCopyMemory(copy_.Get(), text_, characters * sizeof(WCHAR));
-        }
-        text_ = copy_.Get();
-        return text_ != nullptr;
-    }
-
-    // Null for a request without input.
-    PCWSTR Text() const
-    {
-        return text_;
-    }
-
-private:
-    bool IsTerminated(ULONG characters) const
-    {
-        for (ULONG i = 0; i < characters; ++i)
-        {
-            if (text_[i] == UNICODE_NULL)
-            {
-                return true;
-            }
-        }
-        return false;
-    }
-
-    PCWSTR text_ = nullptr;
-    PoolPointer<WCHAR> copy_;
-};
-
-NTSTATUS AddSettingRequest(const ProcessNameSettingList& list, const Request& request, PCSTR format)
+// Adds a setting with add(path, &id) and answers its id straight into the caller's buffer, whose four bytes are then
+// printed with print(path, id). The path begins at `offset` of the input.
+template <class Add, class Print>
+NTSTATUS AddAndAnswer(const Request& request, ULONG offset, Add&& add, Print&& print)
 {
     NTSTATUS status = ProbeCallerOutput(request, sizeof(ULONG));
     ULONG id = 0;
@@ -65,30 +25,37 @@ NTSTATUS AddSettingRequest(const ProcessNameSettingList& list, const Request& re
         return status;
     }
     InputString path;
-    if (!path.Take(request))
+    if (!path.Take(request, offset))
     {
         return STATUS_INSUFFICIENT_RESOURCES;
     }
-    status = AddSetting(list, path.Text(), &id);
+    status = add(path.Text(), &id);
     NTSTATUS written = WriteCallerWord(request, id);
-    DbgPrint(format, path.Text(), id);
+    print(path.Text(), id);
     return NT_SUCCESS(written) ? status : written;
+}
+
+NTSTATUS AddNameSetting(const ProcessNameSettingList& list, const Request& request, PCSTR format)
+{
+    return AddAndAnswer(
+        request, 0, [&list](PCWSTR path, PULONG id) { return AddSetting(list, path, id); },
+        [format](PCWSTR path, ULONG id) { DbgPrint(format, path, id); });
 }
 }
 
 NTSTATUS AddParentProcess(Request& request)
 {
-    return AddSettingRequest(ParentProcessNames, request, "Tarnveil - IOCTL_ADD_PARENT_PROCESS: '%ws', id(%d)\n");
+    return AddNameSetting(ParentProcessNames, request, "Tarnveil - IOCTL_ADD_PARENT_PROCESS: '%ws', id(%d)\n");
 }
 
 NTSTATUS AddProcess(Request& request)
 {
-    return AddSettingRequest(ProcessNames, request, "Tarnveil - IOCTL_ADD_PROCESS: '%ws', id(%d)\n");
+    return AddNameSetting(ProcessNames, request, "Tarnveil - IOCTL_ADD_PROCESS: '%ws', id(%d)\n");
 }
 
 NTSTATUS AddExclusionProcess(Request& request)
 {
-    return AddSettingRequest(ExclusionProcessNames, request, "Tarnveil - IOCTL_ADD_EXC_PROCESS: '%ws', id(%d)\n");
+    return AddNameSetting(ExclusionProcessNames, request, "Tarnveil - IOCTL_ADD_EXC_PROCESS: '%ws', id(%d)\n");
 }
 
 NTSTATUS DeleteProcess(Request& request)
@@ -104,5 +71,32 @@ NTSTATUS DeleteProcess(Request& request)
     DeleteSettingsById(ExclusionProcessNames, id);
     RemoveMonitoredParentsById(id);
     RemoveMonitoredProcessesById(id);
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS AddFileProtection(Request& request)
+{
+    ULONG process = 0;
+    if (!InputWord(request, &process))
+    {
+        return STATUS_INVALID_PARAMETER;
+    }
+    return AddAndAnswer(
+        request, sizeof(process), [process](PCWSTR path, PULONG id)
+        { return AddFileProtectionSetting(ProcessIdHandle(process), path, id); },
+        [process](PCWSTR path, ULONG id)
+        { DbgPrint("Tarnveil - IOCTL_ADD_FILE_PROTECTION: pid =  %d path = '%ws', id(%d)\n", process, path, id); });
+}
+
+NTSTATUS DeleteFileProtection(Request& request)
+{
+    ULONG id = 0;
+    if (!InputWord(request, &id))
+    {
+        return STATUS_INVALID_PARAMETER;
+    }
+    DbgPrint("Tarnveil - IOCTL_DEL_FILE_PROTECTION: id(%d)\n", id);
+    constexpr bool byProcess = false;
+    DeleteFileProtectionSettings(nullptr, id, byProcess);
     return STATUS_SUCCESS;
 }

@@ -1,5 +1,6 @@
 // Requests that set the key and the switches.
 
+#include "driver/config/browser_mode_list.h"
 #include "driver/core/global_state.h"
 #include "driver/core/request.h"
 #include "driver/log/log_channel.h"
@@ -64,6 +65,8 @@ NTSTATUS SetEncryption(Request& request)
 NTSTATUS Start(Request&)
 {
     DbgPrint("Tarnveil - IOCTL_START\n");
+    // The installer may have written what the list is built from since the last attempt.
+    BRPLBuild();
     SetStarted(TRUE);
     return STATUS_SUCCESS;
 }

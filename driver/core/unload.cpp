@@ -1,5 +1,7 @@
 #include "driver/core/unload.h"
 
+#include "driver/config/browser_mode_list.h"
+#include "driver/config/product_mode_list.h"
 #include "driver/core/control_device.h"
 #include "driver/core/global_state.h"
 #include "driver/core/system_routines.h"
@@ -48,6 +50,7 @@ void EmptyLists()
     ClearSettings(ExclusionProcessNames, log);
     ClearMonitoredParents(log);
     ClearMonitoredProcesses(log);
+    ClearFileProtections();
 }
 }
 
@@ -64,6 +67,8 @@ NTSTATUS NTAPI UnloadDriver(FLT_FILTER_UNLOAD_FLAGS)
     FreeConfiguration();
     EmptyLists();
     CTFinalize(&Global.ProcessCache);
+    BRPLClear();
+    HBPLClear();
     IdManFinalize();
     FinalizeLogChannel();
     FinalizeSystemRoutines();

@@ -1,9 +1,12 @@
 #include "driver/filter/create_decision.h"
 
+#include "driver/config/browser_mode_list.h"
+#include "driver/config/product_mode_list.h"
 #include "driver/core/global_state.h"
 #include "driver/log/elided_name.h"
 #include "driver/log/log_channel.h"
 #include "driver/names/full_path_name.h"
+#include "driver/process/file_protection.h"
 #include "driver/process/monitored_process.h"
 #include "driver/util/debug_print.h"
 #include "driver/util/name_matching.h"
@@ -13,6 +16,8 @@
 namespace
 {
 constexpr USHORT LoggedPathBytes = 520;
+constexpr char AllowedTrace[] = "Tarnveil - PID(%d) %ws %ws status = STATUS_SUCCESS path = %wZ\n";
+constexpr char DeniedTrace[] = "Tarnveil - PID(%d) %ws %ws status = ACCESS_DENIED path = %wZ\n";
 
 // One create as it is judged.
 struct Opening
@@ -59,13 +64,24 @@ NTSTATUS WriteCreateRecord(ULONG level, const Opening& opening, NTSTATUS status)
         OperationPre, status, &path);
 }
 
-FLT_PREOP_CALLBACK_STATUS Deny(const Opening& opening, ULONG level)
+void TraceDecision(PCSTR format, const Opening& opening)
 {
-    WriteCreateRecord(level, opening, STATUS_ACCESS_DENIED);
+    TracePrint(format, ProcessIdNumber(opening.ProcessId), SourceCreate, OperationPre, opening.Path);
+}
+
+// To the opener as a denial is; the record is the caller's business.
+FLT_PREOP_CALLBACK_STATUS Refuse(const Opening& opening)
+{
     opening.Data->IoStatus.Status = STATUS_ACCESS_DENIED;
     opening.Data->IoStatus.Information = 0;
     FltSetCallbackDataDirty(opening.Data);
     return FLT_PREOP_COMPLETE;
+}
+
+FLT_PREOP_CALLBACK_STATUS Deny(const Opening& opening, ULONG level)
+{
+    WriteCreateRecord(level, opening, STATUS_ACCESS_DENIED);
+    return Refuse(opening);
 }
 
 FLT_PREOP_CALLBACK_STATUS JudgeInSandbox(const Opening& opening, bool keyIsSet)
@@ -77,13 +93,46 @@ FLT_PREOP_CALLBACK_STATUS JudgeInSandbox(const Opening& opening, bool keyIsSet)
     ULONG settingId = 0;
     if (!FindMonitoredProcess(opening.ProcessId, MonitoredKindAny, &settingId))
     {
-        TracePrint("Tarnveil - PID(%d) %ws %ws status = ACCESS_DENIED path = %wZ\n",
-            ProcessIdNumber(opening.ProcessId), SourceCreate, OperationPre, opening.Path);
+        TraceDecision(DeniedTrace, opening);
         return Deny(opening, LevelDeniedOpen);
+    }
+    // The browser product's data has the browser's own programs, whoever else is under the sandbox.
+    if (IsBrowserModeActive() && BRPLIsDataPath(opening.Path) && !NT_SUCCESS(BRPLLookup(opening.ProcessId)))
+    {
+        return Deny(opening, LevelTrace);
     }
     WriteCreateRecord(LevelAllowedOpen, opening, STATUS_SUCCESS);
     return LoadUnlocked(Global.EncryptionEnabled) == 1 ? FLT_PREOP_SUCCESS_WITH_CALLBACK
                                                        : FLT_PREOP_SUCCESS_NO_CALLBACK;
+}
+
+// Programs that have business in the product's own folder.
+bool MayOpenProduct(HANDLE processId)
+{
+    ULONG settingId = 0;
+    return FindMonitoredParent(processId, &settingId) ||
+           FindMonitoredProcess(processId, MonitoredKindAny, &settingId) || NT_SUCCESS(HBPLLookup(processId));
+}
+
+FLT_PREOP_CALLBACK_STATUS JudgeOutside(const Opening& opening)
+{
+    BOOLEAN isProtected = FALSE;
+    BOOLEAN isDenied = FALSE;
+    CheckFileProtection(opening.ProcessId, opening.Path, &isProtected, &isDenied);
+    if (isDenied)
+    {
+        TraceDecision(DeniedTrace, opening);
+        return Deny(opening, LevelDeniedOpen);
+    }
+    if (isProtected)
+    {
+        TraceDecision(AllowedTrace, opening);
+        WriteCreateRecord(LevelAllowedOpen, opening, STATUS_SUCCESS);
+        return FLT_PREOP_SUCCESS_NO_CALLBACK;
+    }
+    // Without a record: every search of the disk comes by here.
+    return HBPLIsProductPath(opening.Path) && !MayOpenProduct(opening.ProcessId) ? Refuse(opening)
+                                                                                 : FLT_PREOP_SUCCESS_NO_CALLBACK;
 }
 
 bool IsJudged(PFILE_OBJECT fileObject)
@@ -105,10 +154,6 @@ FLT_PREOP_CALLBACK_STATUS NTAPI PreCreate(PFLT_CALLBACK_DATA data, PCFLT_RELATED
         return FLT_PREOP_SUCCESS_NO_CALLBACK;
     }
     SandboxView sandbox = CompareWithSandbox(&path.Get());
-    if (!sandbox.Inside)
-    {
-        return FLT_PREOP_SUCCESS_NO_CALLBACK;
-    }
     Opening opening = {data, &path.Get(), FltGetRequestorProcessIdEx(data)};
-    return JudgeInSandbox(opening, sandbox.KeyIsSet);
+    return sandbox.Inside ? JudgeInSandbox(opening, sandbox.KeyIsSet) : JudgeOutside(opening);
 }

@@ -15,6 +15,9 @@ inline constexpr WCHAR OperationAddParent[] = L"IOCTL = ADD_PARENT";
 inline constexpr WCHAR OperationAddProcess[] = L"IOCTL = ADD_PROCESS";
 inline constexpr WCHAR OperationAddExclusion[] = L"IOCTL = ADD_EXC_PROC";
 inline constexpr WCHAR OperationDeleteProcess[] = L"IOCTL = DEL_PROCESS";
+inline constexpr WCHAR OperationAddProtection[] = L"IOCTL = ADD_PROTECT";
+inline constexpr WCHAR OperationDeleteProtection[] = L"IOCTL = DEL_PROTECT";
+inline constexpr WCHAR OperationOutputParameters[] = L"IOCTL = OUTPUT_PARAM";
 inline constexpr WCHAR OperationStop[] = L"IOCTL = STOP";
 inline constexpr WCHAR OperationPre[] = L"Ope = PRE";
 

@@ -106,6 +106,12 @@ void Clear(MonitoredList& list, bool log, OutcomeOf outcome)
             }
         });
 }
+
+// A program's buffer may begin at any address.
+void PutWord(PULONG place, ULONG word)
+{
+    RtlCopyMemory(reinterpret_cast<PUCHAR>(place), &word, sizeof(word));
+}
 }
 
 NTSTATUS InsertMonitoredParent(PEPROCESS process, HANDLE processId, ULONG settingId)
@@ -146,14 +152,14 @@ NTSTATUS GetMonitoredPidList(PULONG buffer, ULONG bytes)
     {
         return STATUS_BUFFER_TOO_SMALL;
     }
-    buffer[0] = 0;
+    PutWord(buffer, 0);
     NTSTATUS status = STATUS_SUCCESS;
     MonitoredList& list = Global.MonitoredProcessList;
     WithLock(list.Lock,
         [&]() REQUIRES_LOCK(list.Lock)
         {
             ULONG count = list.Entries.Count();
-            buffer[0] = count;
+            PutWord(buffer, count);
             if (sizeof(ULONG) + sizeof(ULONG) * static_cast<SIZE_T>(count) > bytes)
             {
                 status = STATUS_BUFFER_TOO_SMALL;
@@ -161,7 +167,7 @@ NTSTATUS GetMonitoredPidList(PULONG buffer, ULONG bytes)
             }
             PULONG next = buffer + 1;
             list.Entries.ForEach(
-                [&next](MonitoredProcessEntry* entry) { *next++ = ProcessIdNumber(entry->ProcessId); });
+                [&next](MonitoredProcessEntry* entry) { PutWord(next++, ProcessIdNumber(entry->ProcessId)); });
         });
     return status;
 }

@@ -1,9 +1,12 @@
 #include "driver/process/process_notify.h"
 
+#include "driver/config/browser_mode_list.h"
+#include "driver/config/product_mode_list.h"
 #include "driver/core/global_state.h"
 #include "driver/log/log_channel.h"
 #include "driver/names/long_path_name.h"
 #include "driver/names/process_image_name.h"
+#include "driver/process/file_protection.h"
 #include "driver/process/monitored_process.h"
 #include "driver/process/setting_list.h"
 #include "driver/util/debug_print.h"
@@ -109,6 +112,11 @@ void OnProcessCreate(PEPROCESS process, HANDLE processId, const PS_CREATE_NOTIFY
         DbgPrint("Tarnveil - KernelGetLongPathName failed %08x\n", status);
         return;
     }
+    if (IsBrowserModeActive())
+    {
+        BRPLInsert(processId, &longPath.Get());
+    }
+    HBPLInsert(processId, &longPath.Get());
     Creation creation = {process, processId, createInfo->ParentProcessId, &longPath.Get()};
     if (!JudgeByImage(creation))
     {
@@ -127,6 +135,11 @@ void OnProcessExit(HANDLE processId)
     {
         RemoveMonitoredProcessesByProcess(processId);
     }
+    constexpr ULONG anyId = 0;
+    constexpr bool byProcess = true;
+    DeleteFileProtectionSettings(processId, anyId, byProcess);
+    BRPLRemove(processId);
+    HBPLRemove(processId);
 }
 }
 

@@ -1,24 +1,12 @@
 #include "driver/process/setting_id.h"
 
+#include "driver/core/global_state.h"
 #include "driver/util/debug_print.h"
-#include "driver/util/list.h"
 #include "driver/util/pool.h"
 
 namespace
 {
-struct ReleasedIdEntry
-{
-    LIST_ENTRY Links;
-    ULONG Id;
-};
-
-struct IdManager
-{
-    LockedList<ReleasedIdEntry> Released;
-    ULONG NextId GUARDED_BY(Released.Lock);
-};
-
-IdManager Manager;
+IdentifierManager& Manager = Global.Identifiers;
 
 ULONG TakeReleasedId(ReleasedIdEntry* entry) REQUIRES_LOCK(Manager.Released.Lock)
 {

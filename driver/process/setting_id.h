@@ -3,7 +3,21 @@
 // Its lock may be taken inside a list's lock; the manager calls nothing of the driver while it holds it.
 #pragma once
 
-#include <ntifs.h>
+#include "driver/util/list.h"
+
+struct ReleasedIdEntry
+{
+    LIST_ENTRY Links;
+    ULONG Id;
+};
+
+// One for the whole driver, in the global state: with that it starts at 0 at each load.
+struct IdentifierManager
+{
+    // Oldest first; each below NextId and at most once.
+    LockedList<ReleasedIdEntry> Released;
+    ULONG NextId GUARDED_BY(Released.Lock);
+};
 
 // At load, before any other routine here. The next fresh number is left as it is.
 NTSTATUS IdManInitialize();

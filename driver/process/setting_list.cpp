@@ -1,5 +1,6 @@
 #include "driver/process/setting_list.h"
 
+#include "driver/config/browser_mode_list.h"
 #include "driver/core/global_state.h"
 #include "driver/log/log_channel.h"
 #include "driver/process/process_scan.h"
@@ -37,6 +38,12 @@ NTSTATUS RegisterRunningProcesses(const SYSTEM_PROCESS_INFORMATION* snapshot, PC
     if (!NT_SUCCESS(status))
     {
         DbgPrint("Tarnveil - RegistMonitoredProcess error - %x\n", status);
+        return status;
+    }
+    status = BRPLRegistProcess(snapshot, path);
+    if (!NT_SUCCESS(status))
+    {
+        DbgPrint("Tarnveil - BRPLRegistProcess error - %x\n", status);
     }
     return status;
 }

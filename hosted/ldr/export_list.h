@@ -17,6 +17,7 @@
     EXPORT_DATA(Ntoskrnl, ExEventObjectType)                                                                           \
     EXPORT(Ntoskrnl, ExFreePoolWithTag)                                                                                \
     EXPORT(Ntoskrnl, ExReleaseFastMutex)                                                                               \
+    EXPORT(Ntoskrnl, ExSystemTimeToLocalTime)                                                                          \
     EXPORT(Ntoskrnl, FsRtlIsPagingFile)                                                                                \
     EXPORT(Ntoskrnl, IoAllocateMdl)                                                                                    \
     EXPORT(Ntoskrnl, IoCreateDevice)                                                                                   \
@@ -38,6 +39,7 @@
     EXPORT(Ntoskrnl, ObReferenceObjectByHandle)                                                                        \
     EXPORT(Ntoskrnl, ProbeForWrite)                                                                                    \
     EXPORT(Ntoskrnl, PsGetCurrentProcessId)                                                                            \
+    EXPORT(Ntoskrnl, PsGetCurrentThreadId)                                                                             \
     EXPORT(Ntoskrnl, PsLookupProcessByProcessId)                                                                       \
     EXPORT(Ntoskrnl, PsSetCreateProcessNotifyRoutineEx)                                                                \
     EXPORT(Ntoskrnl, RtlDeleteElementGenericTable)                                                                     \
@@ -49,6 +51,7 @@
     EXPORT(Ntoskrnl, RtlInsertElementGenericTable)                                                                     \
     EXPORT(Ntoskrnl, RtlLookupElementGenericTable)                                                                     \
     EXPORT(Ntoskrnl, RtlNumberGenericTableElements)                                                                    \
+    EXPORT(Ntoskrnl, RtlTimeToTimeFields)                                                                              \
     EXPORT(Ntoskrnl, RtlUpcaseUnicodeChar)                                                                             \
     EXPORT(Ntoskrnl, ZwClose)                                                                                          \
     EXPORT(Ntoskrnl, ZwOpenFile)                                                                                       \
@@ -57,6 +60,8 @@
     EXPORT(Ntoskrnl, ZwQueryDirectoryFile)                                                                             \
     EXPORT(Ntoskrnl, ZwQuerySymbolicLinkObject)                                                                        \
     EXPORT(Ntoskrnl, ZwQueryValueKey)                                                                                  \
+    EXPORT(Ntoskrnl, ZwSetValueKey)                                                                                    \
+    EXPORT(Ntoskrnl, ZwWriteFile)                                                                                      \
     EXPORT_AS(Ntoskrnl, _vsnwprintf, KernelVsnwprintf)                                                                 \
     EXPORT_AS(Ntoskrnl, towupper, KernelToUpper)                                                                       \
     EXPORT_IMAGE(Ntoskrnl, __C_specific_handler)                                                                       \

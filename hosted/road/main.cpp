@@ -4,6 +4,7 @@
 // anew. Exit code 0 when every step held, 1 when one did not, 2 for wrong use.
 
 #include "hosted/road/journey.h"
+#include "hosted/road/report.h"
 
 #include <cstdio>
 #include <cstring>

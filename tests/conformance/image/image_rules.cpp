@@ -58,6 +58,32 @@ void CheckImports(const pe::Image& image, Findings& findings)
     }
 }
 
+// sub rsp with a number. Pushes are no sign: the AES tables stand among the code and look like anything.
+bool MakesFrame(const pe::Image& image, std::size_t offset)
+{
+    const auto code = image.File().subspan(offset, 3);
+    return code[0] == 0x48 && (code[1] == 0x83 || code[1] == 0x81) && code[2] == 0xec;
+}
+
+// A function that makes a frame must be described, or a fault cannot unwind through it. Functions begin at multiples of
+// 16. Those that are found so stand for the others: the compiler describes all or only those with handlers.
+void CheckUnwindTable(const pe::Image& image, Findings& findings)
+{
+    const auto ranges = image.UnwindRanges();
+    for (const pe::Section& section : image.Sections())
+    {
+        const std::uint32_t bytes = std::min(section.FileSize, section.VirtualSize);
+        for (std::uint32_t at = 0; (section.Characteristics & pe::SectionExecute) != 0 && at + 16 <= bytes; at += 16)
+        {
+            const std::uint32_t address = section.VirtualAddress + at;
+            const bool described = std::ranges::any_of(
+                ranges, [=](const pe::UnwindRange& range) { return address >= range.Begin && address < range.End; });
+            Require(described || !MakesFrame(image, section.FileOffset + at), findings,
+                    "unwinding: no entry for the function at " + std::to_string(address));
+        }
+    }
+}
+
 void CheckDebugRecord(const pe::Image& image, Findings& findings)
 {
     const std::string name = image.PdbName();
@@ -72,6 +98,7 @@ std::vector<std::string> FindBrokenRules(const pe::Image& image)
     CheckHeaders(image, findings);
     CheckSections(image, findings);
     CheckImports(image, findings);
+    CheckUnwindTable(image, findings);
     CheckDebugRecord(image, findings);
     return findings;
 }

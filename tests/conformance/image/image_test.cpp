@@ -178,6 +178,21 @@ TEST_F(ImageTest, NoticesAnotherMachine)
     EXPECT_THAT(FindingsWithFreshChecksum(), ElementsAre("machine: not x64"));
 }
 
+TEST_F(ImageTest, NoticesAFunctionThatCannotBeUnwound)
+{
+    // All entries lose their ranges.
+    const pe::Image image(file);
+    const auto ranges = image.UnwindRanges();
+    ASSERT_GT(ranges.size(), 100u);
+    for (size_t i = 0; i < ranges.size(); ++i)
+    {
+        Write32(image.UnwindTableOffset() + i * 12 + 4, ranges[i].Begin);
+    }
+    const auto findings = FindingsWithFreshChecksum();
+    EXPECT_GT(findings.size(), 10u);
+    EXPECT_THAT(findings, testing::Each(StartsWith("unwinding: no entry for the function at ")));
+}
+
 TEST_F(ImageTest, NoticesAnotherSubsystem)
 {
     Write16(pe::Image(file).SubsystemOffset(), 3);

@@ -15,6 +15,7 @@ constexpr std::size_t ImportDescriptorSize = 20;
 constexpr std::size_t DebugEntrySize = 28;
 constexpr std::uint16_t OptionalHeaderMagic64 = 0x20b;
 constexpr std::size_t ImportDirectory = 1;
+constexpr std::size_t ExceptionDirectory = 3;
 constexpr std::size_t DebugDirectory = 6;
 constexpr std::uint32_t DebugTypeCodeView = 2;
 constexpr std::uint32_t CodeViewSignature = 0x53445352; // "RSDS"
@@ -142,6 +143,24 @@ std::vector<Import> Image::Imports() const
         ReadModuleImports(ReadText(FileOffset(Read32(descriptor + 12))), lookupTable, imports);
     }
     return imports;
+}
+
+std::size_t Image::UnwindTableOffset() const
+{
+    return FileOffset(Directory(ExceptionDirectory).VirtualAddress);
+}
+
+std::vector<UnwindRange> Image::UnwindRanges() const
+{
+    constexpr std::uint32_t entrySize = 12;
+    std::vector<UnwindRange> ranges;
+    const DirectoryEntry directory = Directory(ExceptionDirectory);
+    for (std::uint32_t position = 0; position + entrySize <= directory.Size; position += entrySize)
+    {
+        const std::size_t entry = FileOffset(directory.VirtualAddress + position);
+        ranges.push_back({Read32(entry), Read32(entry + 4)});
+    }
+    return ranges;
 }
 
 void Image::ReadModuleImports(const std::string& module, std::uint32_t lookupTable, std::vector<Import>& imports) const

@@ -48,6 +48,13 @@ struct Import
     std::string Routine; // "#N" for an import by ordinal
 };
 
+// A stretch of code that the unwinder knows: addresses relative to the image.
+struct UnwindRange
+{
+    std::uint32_t Begin;
+    std::uint32_t End;
+};
+
 class Image
 {
 public:
@@ -109,12 +116,17 @@ public:
         return sections;
     }
     std::vector<Import> Imports() const;
+    // In the order of the table.
+    std::vector<UnwindRange> UnwindRanges() const;
 
     // The name by which the debug record refers to the PDB, empty without such a record.
     std::string PdbName() const;
 
     // Where the byte at a virtual address (relative to the image) stands in the file. Throws Malformed if nowhere.
     std::size_t FileOffset(std::uint32_t virtualAddress) const;
+
+    // Where the unwind table stands in the file.
+    std::size_t UnwindTableOffset() const;
 
     std::span<const std::uint8_t> File() const
     {

@@ -16,7 +16,10 @@ public:
     static const char EmptyLinkTarget[];
     // STATUS_UNSUCCESSFUL.
     static const char FailCacheInitialization[];
+    static const char FailCacheCount[];
     static const char FailChildrenScan[];
+    // False.
+    static const char FailBase64[];
 
     explicit Answer(const char* which);
     ~Answer();

@@ -59,7 +59,7 @@ protected:
         EXPECT_EQ(Narrow(View(Global.PrefixSandboxPath)), path + "\\");
         EXPECT_EQ(Global.SandboxPath.MaximumLength, Global.SandboxPath.Length + 4);
         EXPECT_EQ(Global.PrefixSandboxPath.Length, Global.SandboxPath.Length + 2);
-        EXPECT_EQ(Global.PrefixSandboxPath.MaximumLength, Global.SandboxPath.Length + 4);
+        EXPECT_EQ(Global.PrefixSandboxPath.MaximumLength, Global.PrefixSandboxPath.Length + 4);
         const size_t end = Global.SandboxPath.Length / sizeof(WCHAR);
         EXPECT_EQ(Global.SandboxPath.Buffer[end], 0);
         EXPECT_EQ(Global.SandboxPath.Buffer[end + 1], 0);
@@ -228,7 +228,9 @@ TEST_F(RegistryConfiguration, FolderThatIsEmptyTextGivesABareBackslash)
 TEST_F(RegistryConfiguration, MissingServiceKeyIsSilent)
 {
     EXPECT_EQ(Computer.LoadDriver(DriverEntry, L"\\Registry\\Machine\\System\\None"), STATUS_SUCCESS);
-    EXPECT_THAT(DebugPrints(), ElementsAre("Tarnveil Driver Entry \\Registry\\Machine\\System\\None\n",
+    EXPECT_THAT(DebugPrints(), ElementsAre("Tarnveil Driver Entry \\Registry\\Machine\\System\\None\n", "Tarnveil.sys: ",
+                                   "Failed to ZwOpenKey. Path = \\Registry\\Machine\\SOFTWARE\\WOW6432Node\\"
+                                   "Orvane Works\\Hollowbay NTStatus = c0000034\n",
                                    "Tarnveil - OS Version: 0x06010000\n", "Create NT Device \\Device\\Tarnveil\n",
                                    "Tarnveil - IoCreateSymbolicLink success \\DosDevices\\Tarnveil\n",
                                    "Tarnveil DriverEntry return 0\n"));
@@ -240,7 +242,8 @@ TEST_F(RegistryConfiguration, FailedOpenReadsNothing)
 {
     SetCryptKey(17);
     SetFolder(Folder);
-    FailRoutine("ZwOpenKey");
+    // The product's key is opened before.
+    FailRoutine("ZwOpenKey", 2);
     EXPECT_THAT(Load(), ElementsAre());
     ResetFailures();
     EXPECT_EQ(Global.KeyLength, 0u);
@@ -266,26 +269,51 @@ TEST_F(RegistryConfiguration, FailedQueryStopsTheReadingThere)
     }
 }
 
-// Allocations in order: registry path, key record, folder record, folder, prefix.
+// Allocations in order: registry path, key record, folder record, folder.
 TEST_F(RegistryConfiguration, FailedAllocationStopsTheReadingThere)
 {
     SetCryptKey(17);
     SetFolder(Folder);
-    for (uint64_t number : {1, 2, 3, 4, 5})
+    for (uint64_t number : {1, 2, 3, 4})
     {
         SCOPED_TRACE(number);
         FailRoutine("ExAllocatePoolWithTag", number);
         const std::vector<std::string> prints = Load();
         EXPECT_EQ(InjectedFailures(), 1u);
         ResetFailures();
-        EXPECT_EQ(prints.size(), number == 1 ? 0u : number == 5 ? 2u : 1u);
+        EXPECT_EQ(prints.size(), number == 1 ? 0u : 1u);
         EXPECT_EQ(Global.RegistryPath.Buffer == nullptr, number == 1);
         EXPECT_EQ(Global.KeyLength, number <= 2 ? 0u : 16u);
-        EXPECT_EQ(Global.SandboxPath.Buffer == nullptr, number != 5);
-        EXPECT_EQ(Global.PrefixSandboxPath.Buffer, nullptr);
+        ExpectNoFolder();
         EXPECT_EQ(Computer.UnloadDriver(), STATUS_SUCCESS);
         Computer.ClearDebugPrints();
     }
+}
+
+// Between the folder and its prefix the product-mode list is built, whose failures stop nothing.
+TEST_F(RegistryConfiguration, FailedAllocationOfThePrefixStopsTheReadingThere)
+{
+    SetFolder(Folder);
+    const std::string protectionText =
+        "Tarnveil - ZwQueryValueKey ValueName = ProtectionFiles NTStatus = c0000034\n";
+    size_t stops = 0;
+    bool failed = true;
+    for (uint64_t number = 4; failed; ++number)
+    {
+        SCOPED_TRACE(number);
+        FailRoutine("ExAllocatePoolWithTag", number);
+        const std::vector<std::string> prints = Load();
+        failed = InjectedFailures() != 0;
+        ResetFailures();
+        EXPECT_EQ(Narrow(View(Global.SandboxPath)), Narrow(Folder));
+        const bool stopped = Global.PrefixSandboxPath.Buffer == nullptr;
+        stops += stopped ? 1 : 0;
+        EXPECT_EQ(prints.size(), stopped ? 2u : 3u);
+        EXPECT_EQ(std::ranges::count(DebugPrints(), protectionText), stopped ? 0 : 1);
+        EXPECT_EQ(Computer.UnloadDriver(), STATUS_SUCCESS);
+        Computer.ClearDebugPrints();
+    }
+    EXPECT_EQ(stops, 1u);
 }
 
 TEST_F(RegistryConfiguration, NothingSurvivesIntoTheNextLoad)

@@ -25,6 +25,10 @@ using testing::Not;
 
 const char EntryText[] =
     "Tarnveil Driver Entry \\Registry\\Machine\\System\\CurrentControlSet\\Services\\Tarnveil\n";
+// The browser-mode list asks which product is installed; here there is none.
+const char DriverNameText[] = "Tarnveil.sys: ";
+const char ProductText[] = "Failed to ZwOpenKey. Path = \\Registry\\Machine\\SOFTWARE\\WOW6432Node\\Orvane "
+                           "Works\\Hollowbay NTStatus = c0000034\n";
 const char VersionText[] = "Tarnveil - OS Version: 0x06010000\n";
 const char KeyText[] = "SandboxCryptKey Query c0000034\n";
 const char DeviceText[] = "Create NT Device \\Device\\Tarnveil\n";
@@ -56,7 +60,8 @@ TEST(DriverLoad, PrintsEveryStepInOrder)
 {
     Machine machine;
     ASSERT_EQ(machine.LoadDriver(DriverEntry), STATUS_SUCCESS);
-    EXPECT_THAT(DebugPrints(), ElementsAre(EntryText, VersionText, KeyText, DeviceText, LinkText, ReturnText));
+    EXPECT_THAT(DebugPrints(),
+        ElementsAre(EntryText, DriverNameText, ProductText, VersionText, KeyText, DeviceText, LinkText, ReturnText));
     EXPECT_EQ(Global.PoolTag, 0x76726154u);
     EXPECT_EQ(Global.DriverObject, machine.Driver());
     EXPECT_EQ(Global.ControlDevice, machine.Driver()->DeviceObject);
@@ -76,7 +81,7 @@ TEST(DriverLoad, GoesOnWithoutANameCache)
     const stand_in::Answer answer(stand_in::Answer::FailCacheInitialization);
     ASSERT_EQ(machine.LoadDriver(DriverEntry), STATUS_SUCCESS);
     EXPECT_THAT(DebugPrints(), ElementsAre(EntryText, "Tarnveil - CTInitialize(ProcessCache) failed: c0000001\n",
-                                   VersionText, KeyText, DeviceText, LinkText, ReturnText));
+                                   DriverNameText, ProductText, VersionText, KeyText, DeviceText, LinkText, ReturnText));
 }
 
 TEST(DriverLoad, UnloadPrintsItsTwoTextsAndForgetsEverything)
@@ -99,7 +104,8 @@ TEST(DriverLoad, CanBeRepeated)
     {
         machine.ClearDebugPrints();
         EXPECT_EQ(machine.LoadDriver(DriverEntry), STATUS_SUCCESS);
-        EXPECT_THAT(DebugPrints(), ElementsAre(EntryText, VersionText, KeyText, DeviceText, LinkText, ReturnText));
+        EXPECT_THAT(DebugPrints(),
+            ElementsAre(EntryText, DriverNameText, ProductText, VersionText, KeyText, DeviceText, LinkText, ReturnText));
         EXPECT_EQ(machine.UnloadDriver(), STATUS_SUCCESS);
     }
 }
@@ -177,8 +183,8 @@ TEST(DriverLoad, UnknownVersionCountsAsOldAndIsPrinted)
     EXPECT_EQ(DefaultMdlProtection, 0u);
     EXPECT_EQ(Global.OsVersion, 0u);
     const std::vector<std::string> prints = DebugPrints();
-    ASSERT_EQ(prints.size(), 6u);
-    EXPECT_THAT(prints[1], testing::MatchesRegex("Tarnveil - RtlGetVersion failed: c[0-9a-f]*\n"));
+    ASSERT_EQ(prints.size(), 8u);
+    EXPECT_THAT(prints[3], testing::MatchesRegex("Tarnveil - RtlGetVersion failed: c[0-9a-f]*\n"));
 }
 
 TEST(DriverLoad, WithoutControlDeviceItStillFilters)
@@ -187,7 +193,8 @@ TEST(DriverLoad, WithoutControlDeviceItStillFilters)
     FailRoutine("IoCreateDevice");
     EXPECT_EQ(machine.LoadDriver(DriverEntry), STATUS_SUCCESS);
     ResetFailures();
-    EXPECT_THAT(DebugPrints(), ElementsAre(EntryText, VersionText, KeyText, DeviceText, ReturnText));
+    EXPECT_THAT(DebugPrints(),
+        ElementsAre(EntryText, DriverNameText, ProductText, VersionText, KeyText, DeviceText, ReturnText));
     EXPECT_EQ(Global.ControlDevice, nullptr);
     EXPECT_NE(Global.Filter, nullptr);
     EXPECT_TRUE(IsProcessNotifyRegistered());
@@ -202,7 +209,8 @@ TEST(DriverLoad, WithoutLinkTheAgentCannotReachTheDevice)
     FailRoutine("IoCreateSymbolicLink");
     EXPECT_EQ(machine.LoadDriver(DriverEntry), STATUS_SUCCESS);
     ResetFailures();
-    EXPECT_THAT(DebugPrints(), ElementsAre(EntryText, VersionText, KeyText, DeviceText, ReturnText));
+    EXPECT_THAT(DebugPrints(),
+        ElementsAre(EntryText, DriverNameText, ProductText, VersionText, KeyText, DeviceText, ReturnText));
     EXPECT_NE(Global.ControlDevice, nullptr);
 }
 
@@ -213,7 +221,8 @@ TEST(DriverLoad, FailedFilterRegistrationFailsTheLoadAndUndoesNothing)
     const NTSTATUS status = machine.LoadDriver(DriverEntry);
     ResetFailures();
     EXPECT_FALSE(NT_SUCCESS(status));
-    EXPECT_THAT(DebugPrints(), ElementsAre(EntryText, VersionText, KeyText, DeviceText, LinkText,
+    EXPECT_THAT(DebugPrints(),
+        ElementsAre(EntryText, DriverNameText, ProductText, VersionText, KeyText, DeviceText, LinkText,
                                    Hex("FltRegisterFilter fail %x\n", status)));
     EXPECT_NE(Global.ControlDevice, nullptr);
     EXPECT_NE(Global.RegistryPath.Buffer, nullptr);
@@ -229,7 +238,8 @@ TEST(DriverLoad, SucceedsWithoutAnActiveFilterWhenFilteringDoesNotStart)
     FailRoutine("FltStartFiltering");
     EXPECT_EQ(machine.LoadDriver(DriverEntry), STATUS_SUCCESS);
     ResetFailures();
-    EXPECT_THAT(DebugPrints(), ElementsAre(EntryText, VersionText, KeyText, DeviceText, LinkText,
+    EXPECT_THAT(DebugPrints(),
+        ElementsAre(EntryText, DriverNameText, ProductText, VersionText, KeyText, DeviceText, LinkText,
                                    "FltStartFiltering fail c000009a\n", ReturnText));
     EXPECT_FALSE(HasInstance(machine.VolumeNamed(L"C:")));
     // The filter was unregistered, and must not be again.
@@ -262,7 +272,8 @@ TEST(DriverLoad, FailsWhenNeitherFilteringNorTheProcessRoutineStarts)
     ResetFailures();
     EXPECT_FALSE(NT_SUCCESS(status));
     EXPECT_THAT(DebugPrints(),
-        ElementsAre(EntryText, VersionText, KeyText, DeviceText, LinkText, "FltStartFiltering fail c000009a\n",
+
+            ElementsAre(EntryText, DriverNameText, ProductText, VersionText, KeyText, DeviceText, LinkText, "FltStartFiltering fail c000009a\n",
             Hex("Tarnveil - PsSetCreateProcessNotifyRoutineEx - %08x\n", status),
             Hex("Tarnveil DriverEntry return %x\n", status)));
     UnloadWithoutFilter();
@@ -278,7 +289,7 @@ TEST(DriverLoad, FailedProcessRoutineFailsTheLoadAlthoughFilteringRuns)
     ResetFailures();
     EXPECT_FALSE(NT_SUCCESS(status));
     EXPECT_THAT(DebugPrints(),
-        ElementsAre(EntryText, VersionText, KeyText, DeviceText, LinkText,
+        ElementsAre(EntryText, DriverNameText, ProductText, VersionText, KeyText, DeviceText, LinkText,
             Hex("Tarnveil - PsSetCreateProcessNotifyRoutineEx - %08x\n", status),
             Hex("Tarnveil DriverEntry return %x\n", status)));
     EXPECT_NE(Global.Filter, nullptr);

@@ -116,7 +116,7 @@ TEST(FailureSweep, EachCallOfTheUnload)
 }
 
 // Machine and agent stay; each request starts from the same settings.
-class RequestSweep : public testing::Test
+class RequestFailureSweep : public testing::Test
 {
 protected:
     void SetUp() override
@@ -191,22 +191,22 @@ protected:
     uint64_t Swept = 0;
 };
 
-TEST_F(RequestSweep, AddParentProcess)
+TEST_F(RequestFailureSweep, AddParentProcess)
 {
     SweepAdd(ParentProcessNames, &ControlClient::AddParentProcess);
 }
 
-TEST_F(RequestSweep, AddProcess)
+TEST_F(RequestFailureSweep, AddProcess)
 {
     SweepAdd(ProcessNames, &ControlClient::AddProcess);
 }
 
-TEST_F(RequestSweep, AddExclusion)
+TEST_F(RequestFailureSweep, AddExclusion)
 {
     SweepAdd(ExclusionProcessNames, &ControlClient::AddExclusion);
 }
 
-TEST_F(RequestSweep, DeleteProcess)
+TEST_F(RequestFailureSweep, DeleteProcess)
 {
     Sweep([this] { return Agent->DelProcess(Setting); }, {0},
         [this](NTSTATUS)
@@ -219,7 +219,7 @@ TEST_F(RequestSweep, DeleteProcess)
     EXPECT_GT(Swept, 2u);
 }
 
-TEST_F(RequestSweep, Stop)
+TEST_F(RequestFailureSweep, Stop)
 {
     Sweep([this] { return Agent->StopDriver(); }, {0},
         [this](NTSTATUS)
@@ -233,26 +233,26 @@ TEST_F(RequestSweep, Stop)
     EXPECT_GT(Swept, 2u);
 }
 
-TEST_F(RequestSweep, Start)
+TEST_F(RequestFailureSweep, Start)
 {
     Sweep([this] { return Agent->StartDriver(); }, {0});
 }
 
-TEST_F(RequestSweep, SetCryptKey)
+TEST_F(RequestFailureSweep, SetCryptKey)
 {
     Sweep([this] { return Agent->SetCryptKey("0123456789abcdef", 1); }, {0},
         [](NTSTATUS) { EXPECT_EQ(Global.XorByte, 7); });
     EXPECT_GT(Swept, 0u);
 }
 
-TEST_F(RequestSweep, SetEncryption)
+TEST_F(RequestFailureSweep, SetEncryption)
 {
     Sweep([this] { return Agent->SetEncryption(0); }, {0},
         [](NTSTATUS) { EXPECT_EQ(Global.EncryptionEnabled, 0u); });
     EXPECT_GT(Swept, 0u);
 }
 
-TEST_F(RequestSweep, StartLogging)
+TEST_F(RequestFailureSweep, StartLogging)
 {
     Sweep(
         [this]
@@ -264,13 +264,13 @@ TEST_F(RequestSweep, StartLogging)
     EXPECT_GT(Swept, 0u);
 }
 
-TEST_F(RequestSweep, GetLogDataAndStopLogging)
+TEST_F(RequestFailureSweep, GetLogDataAndStopLogging)
 {
     Sweep([this] { return Agent->GetLogData(4).Status; }, {0});
     Sweep([this] { return Agent->StopLogging(); }, {0});
 }
 
-TEST_F(RequestSweep, Questions)
+TEST_F(RequestFailureSweep, Questions)
 {
     Sweep([this] { return Agent->IsUnderSandbox(App->ProcessId()).Status; }, {0});
     Sweep([this] { return Agent->IsExistUnderSandbox().Status; }, {0});

@@ -38,7 +38,9 @@ protected:
         char version[60];
         snprintf(version, sizeof(version), "Tarnveil - OS Version: 0x%02x%02x0000\n",
             static_cast<unsigned>(GetParam().MajorVersion), static_cast<unsigned>(GetParam().MinorVersion));
-        return "Tarnveil Driver Entry " + Narrow(Machine::ServiceKey) + "\n" + unresolved + version +
+        return "Tarnveil Driver Entry " + Narrow(Machine::ServiceKey) + "\n" + unresolved +
+               "Tarnveil.sys: Failed to ZwOpenKey. Path = " + Narrow(Machine::ProductKey) + " NTStatus = c0000034\n" +
+               version +
                "SandboxCryptKey Query c0000034\n"
                "Create NT Device \\Device\\Tarnveil\n"
                "Tarnveil - IoCreateSymbolicLink success \\DosDevices\\Tarnveil\n"

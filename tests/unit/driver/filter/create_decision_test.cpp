@@ -11,7 +11,8 @@ protected:
     void SetUp() override
     {
         CipherTest::SetUp();
-        Global.CreateDecisionLock.Initialize();
+        // What a create looks at is there, and empty, without a load.
+        InitializeGlobalState();
         Global.KeyLength = 0;
         Global.PrefixSandboxPath = Prefix;
         file_ = OpenStream();

@@ -17,6 +17,8 @@ protected:
         return prints;
     }
     // A pointer as %p prints it.
+    static constexpr char NoIdleProcess[] = "PsLookupProcessByProcessId Failed: 0xC000000DL, ProcessId = 0\n";
+
     static std::string Pointer(const Program& program)
     {
         return Text("%016llX", static_cast<unsigned long long>(reinterpret_cast<ULONG_PTR>(program.Object())));
@@ -28,7 +30,7 @@ protected:
     // What a scan says of the idle process, which cannot be looked up, and of the system process, which has no image.
     static std::vector<std::string> Visited(const char* scan)
     {
-        return {Text("Tarnveil - %s: 0 - (null)\n", scan), "PsLookupProcessByProcessId Failed: 0xC000000DL, ProcessId = 0\n",
+        return {Text("Tarnveil - %s: 0 - (null)\n", scan), NoIdleProcess,
             "Tarnveil - GetProcessImageNameFromProcessId Failed: 0xC000000DL\n",
             Text("Tarnveil - %s: 4 - System\n", scan), "Tarnveil - KernelGetLongPathName failed c000000d\n"};
     }
@@ -80,6 +82,8 @@ TEST_F(ProcessTraceTest, AScanForProcessesTellsWhatItVisitsAndInserts)
         {Text("Tarnveil - RegistMonitoredProcess: %u - agent.exe\n", agent),
             Text("Tarnveil - RegistMonitoredProcess: %u - e.exe\n", editor.ProcessId()),
             Text("Tarnveil - insert process %s %u C:\\e.exe\n", Pointer(editor).c_str(), editor.ProcessId()),
+            NoIdleProcess, "Tarnveil.sys: ",
+            Text("[BRPL] ForcedInsert PID = %u ProcName = %s\n", editor.ProcessId(), Device("\\e.exe").c_str()),
             Text("Tarnveil - IOCTL_ADD_PROCESS: 'C:\\e.exe', id(%d)\n", Id(0))});
 
     const auto second = Traced([&] { EXPECT_EQ(agent_.AddProcess(L"C:\\E.exe"), Added(Id(0))); });
@@ -87,7 +91,7 @@ TEST_F(ProcessTraceTest, AScanForProcessesTellsWhatItVisitsAndInserts)
         {Text("Tarnveil - RegistMonitoredProcess: %u - agent.exe\n", agent),
             Text("Tarnveil - RegistMonitoredProcess: %u - e.exe\n", editor.ProcessId()),
             Text("Tarnveil - %s (%u) has already been added.\n", Device("\\e.exe").c_str(), editor.ProcessId()),
-            Text("Tarnveil - IOCTL_ADD_PROCESS: 'C:\\E.exe', id(%d)\n", Id(0))});
+            NoIdleProcess, Text("Tarnveil - IOCTL_ADD_PROCESS: 'C:\\E.exe', id(%d)\n", Id(0))});
 }
 
 TEST_F(ProcessTraceTest, ACreationTellsTheListsThatHoldTheImage)

@@ -53,6 +53,11 @@ protected:
                                             "Tarnveil - GetProcessImageNameFromProcessId Failed: 0xC000000DL\n",
                                             "Tarnveil - KernelGetLongPathName failed c000000d\n"});
         }
+        if (GetParam().List == &ProcessNames)
+        {
+            // The browser-mode list looks at the processes once more.
+            before.push_back("PsLookupProcessByProcessId Failed: 0xC000000DL, ProcessId = 0\n");
+        }
         before.push_back(std::move(after));
         return before;
     }

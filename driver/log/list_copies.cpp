@@ -1,0 +1,89 @@
+#include "driver/log/list_copies.h"
+
+#include "driver/util/counted_string.h"
+
+namespace
+{
+// One slot per entry in list order, filled by fill(entry, slot), which is false without memory. The caller holds the
+// list's lock.
+template <class Entry, class Slot, class Fill>
+NTSTATUS CopyEntries(const List<Entry>& entries, ListCopy<Slot>* copy, Fill&& fill)
+{
+    if (!copy->Allocate(entries.Count()))
+    {
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
+    ULONG next = 0;
+    Entry* failed = entries.Find([&](Entry* entry) { return !fill(entry, &(*copy)[next++]); });
+    if (failed != nullptr)
+    {
+        copy->Free();
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
+    return STATUS_SUCCESS;
+}
+
+bool FillName(const ProcessNameEntry* entry, NameSlot* slot)
+{
+    if (entry->Name.Length == 0 || entry->Name.Buffer == nullptr)
+    {
+        return true;
+    }
+    CountedString name;
+    if (!name.Copy(entry->Name, entry->Name.Length))
+    {
+        return false;
+    }
+    slot->Name = name.Detach();
+    slot->SettingId = entry->SettingId;
+    return true;
+}
+
+bool FillProcess(const MonitoredProcessEntry* entry, ProcessSlot* slot)
+{
+    *slot = {entry->ProcessId, entry->SettingId, entry->Kind};
+    return true;
+}
+
+bool FillAllowedProcess(const AllowedProcessEntry* entry, AllowedProcessSlot* slot)
+{
+    slot->ProcessId = entry->ProcessId;
+    return true;
+}
+}
+
+NTSTATUS DuplicateProcessNameList(LockedList<ProcessNameEntry>* list, ListCopy<NameSlot>* copy)
+{
+    if (list == nullptr || copy == nullptr)
+    {
+        return STATUS_INVALID_PARAMETER;
+    }
+    NTSTATUS status = STATUS_SUCCESS;
+    WithLockBelowDispatch(list->Lock, [&, list]() REQUIRES_LOCK(list->Lock)
+        { status = CopyEntries(list->Entries, copy, FillName); });
+    return status;
+}
+
+NTSTATUS DuplicateMonProcList(LockedList<MonitoredProcessEntry>* list, ListCopy<ProcessSlot>* copy)
+{
+    if (list == nullptr || copy == nullptr)
+    {
+        return STATUS_INVALID_PARAMETER;
+    }
+    NTSTATUS status = STATUS_SUCCESS;
+    WithLockBelowDispatch(list->Lock, [&, list]() REQUIRES_LOCK(list->Lock)
+        { status = CopyEntries(list->Entries, copy, FillProcess); });
+    return status;
+}
+
+NTSTATUS DuplicateAllowedProcessList(
+    List<AllowedProcessEntry>* list, FastLock* lock, ListCopy<AllowedProcessSlot>* copy)
+{
+    if (list == nullptr || lock == nullptr || copy == nullptr)
+    {
+        return STATUS_INVALID_PARAMETER;
+    }
+    NTSTATUS status = STATUS_SUCCESS;
+    WithLockBelowDispatch(*lock, [&] { status = CopyEntries(*list, copy, FillAllowedProcess); });
+    return status;
+}

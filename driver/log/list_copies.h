@@ -1,0 +1,95 @@
+// Copies of the lists that the parameter dump shows: made under a list's lock, printed without it. Each owns what it
+// copied. IRQL PASSIVE_LEVEL; above APC_LEVEL a list is copied without its lock.
+#pragma once
+
+#include "driver/process/file_protection.h"
+#include "driver/process/monitored_process.h"
+#include "driver/process/setting_list.h"
+#include "driver/util/pool.h"
+
+// A fixed number of slots in one block; frees what they own with the slot's own Free().
+template <class Slot>
+class ListCopy
+{
+public:
+    ListCopy() = default;
+    ListCopy(const ListCopy&) = delete;
+    ListCopy& operator=(const ListCopy&) = delete;
+    ~ListCopy()
+    {
+        Free();
+    }
+
+    // Zeroed slots; with none of them there is no block. False without memory.
+    bool Allocate(ULONG count)
+    {
+        Free();
+        if (count == 0)
+        {
+            return true;
+        }
+        slots_ = PoolPointer<Slot>::Allocate(count * sizeof(Slot));
+        count_ = slots_ ? count : 0;
+        return static_cast<bool>(slots_);
+    }
+
+    void Free()
+    {
+        for (ULONG i = 0; i < count_; ++i)
+        {
+            slots_[i].Free();
+        }
+        slots_ = PoolPointer<Slot>();
+        count_ = 0;
+    }
+
+    ULONG Count() const
+    {
+        return count_;
+    }
+    Slot& operator[](ULONG index) const
+    {
+        return slots_[index];
+    }
+
+private:
+    PoolPointer<Slot> slots_;
+    ULONG count_ = 0;
+};
+
+struct NameSlot
+{
+    // Without a buffer for an entry without a name.
+    UNICODE_STRING Name;
+    ULONG SettingId;
+    void Free()
+    {
+        FreePool(Name.Buffer);
+    }
+};
+
+struct ProcessSlot
+{
+    HANDLE ProcessId;
+    ULONG SettingId;
+    ULONG Kind;
+    void Free()
+    {
+    }
+};
+
+struct AllowedProcessSlot
+{
+    HANDLE ProcessId;
+    void Free()
+    {
+    }
+};
+
+// All: STATUS_INVALID_PARAMETER for a null argument, STATUS_INSUFFICIENT_RESOURCES without memory; the copy is then
+// empty.
+NTSTATUS DuplicateProcessNameList(LockedList<ProcessNameEntry>* list, ListCopy<NameSlot>* copy);
+NTSTATUS DuplicateMonProcList(LockedList<MonitoredProcessEntry>* list, ListCopy<ProcessSlot>* copy);
+// The lock is the one that guards the entry.
+NTSTATUS DuplicateAllowedProcessList(
+    List<AllowedProcessEntry>* list, FastLock* lock, ListCopy<AllowedProcessSlot>* copy);

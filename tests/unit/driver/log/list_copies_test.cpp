@@ -1,0 +1,91 @@
+// Copies of lists: null arguments, names without text, no memory half way.
+
+#include "driver/log/list_copies.h"
+
+#include "hosted/machine/testing.h"
+#include "tests/unit/driver/process/agent_fixture.h"
+
+namespace agent_test
+{
+namespace
+{
+class ListCopies : public AgentTest
+{
+};
+
+TEST_F(ListCopies, MissingArgumentsAreRefused)
+{
+    ListCopy<NameSlot> names;
+    ListCopy<ProcessSlot> processes;
+    ListCopy<AllowedProcessSlot> allowed;
+    FileProtection protection = {};
+    protection.AllowedProcesses.Initialize();
+    EXPECT_EQ(DuplicateProcessNameList(nullptr, &names), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(DuplicateProcessNameList(&Global.ProcessNameList, nullptr), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(DuplicateMonProcList(nullptr, &processes), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(DuplicateMonProcList(&Global.MonitoredProcessList, nullptr), STATUS_INVALID_PARAMETER);
+    FastLock* lock = &Global.FileProtections.Lock;
+    EXPECT_EQ(DuplicateAllowedProcessList(nullptr, lock, &allowed), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(DuplicateAllowedProcessList(&protection.AllowedProcesses, nullptr, &allowed), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(DuplicateAllowedProcessList(&protection.AllowedProcesses, lock, nullptr), STATUS_INVALID_PARAMETER);
+}
+
+TEST_F(ListCopies, AnEmptyListNeedsNoMemory)
+{
+    ListCopy<NameSlot> names;
+    FailRoutine("ExAllocatePoolWithTag", 1, true);
+    EXPECT_EQ(DuplicateProcessNameList(&Global.ProcessNameList, &names), STATUS_SUCCESS);
+    EXPECT_EQ(InjectedFailures(), 0u);
+    ResetFailures();
+    EXPECT_EQ(names.Count(), 0u);
+}
+
+TEST_F(ListCopies, AnEmptyNameKeepsItsSlot)
+{
+    EXPECT_EQ(agent_.AddExclusion(L"C:\\a.exe"), Added(Id(0)));
+    EXPECT_EQ(agent_.AddExclusion(L""), Added(Id(1)));
+    EXPECT_EQ(agent_.AddExclusion(L"C:\\b.exe"), Added(Id(2)));
+    ListCopy<NameSlot> names;
+    ASSERT_EQ(DuplicateProcessNameList(&Global.ExclusionProcessNameList, &names), STATUS_SUCCESS);
+    ASSERT_EQ(names.Count(), 3u);
+    EXPECT_EQ(Narrow(View(names[0].Name)), "C:\\a.exe");
+    EXPECT_EQ(names[0].SettingId, Id(0));
+    EXPECT_EQ(names[1].Name.Buffer, nullptr);
+    EXPECT_EQ(names[1].Name.Length, 0);
+    EXPECT_EQ(names[1].SettingId, 0u);
+    EXPECT_EQ(Narrow(View(names[2].Name)), "C:\\b.exe");
+    EXPECT_EQ(names[2].SettingId, Id(2));
+}
+
+TEST_F(ListCopies, WithoutMemoryHalfWayNothingRemains)
+{
+    EXPECT_EQ(agent_.AddExclusion(L"C:\\a.exe"), Added(Id(0)));
+    EXPECT_EQ(agent_.AddExclusion(L"C:\\b.exe"), Added(Id(1)));
+    for (const uint64_t number : {1, 2, 3})
+    {
+        ListCopy<NameSlot> names;
+        FailRoutine("ExAllocatePoolWithTag", number);
+        EXPECT_EQ(DuplicateProcessNameList(&Global.ExclusionProcessNameList, &names), STATUS_INSUFFICIENT_RESOURCES);
+        ResetFailures();
+        EXPECT_EQ(names.Count(), 0u);
+    }
+}
+
+TEST_F(ListCopies, MonitoredProcessesAreCopiedWithTheirSettings)
+{
+    EXPECT_EQ(agent_.AddParentProcess(L"C:\\Launcher.exe"), Added(Id(0)));
+    const Program launcher = machine_.StartProcess(L"C:\\Launcher.exe");
+    const Program child = launcher.Start(L"C:\\child.exe");
+    ListCopy<ProcessSlot> processes;
+    ASSERT_EQ(DuplicateMonProcList(&Global.MonitoredProcessList, &processes), STATUS_SUCCESS);
+    ASSERT_EQ(processes.Count(), 1u);
+    EXPECT_EQ(processes[0].ProcessId, child.Id());
+    EXPECT_EQ(processes[0].SettingId, Id(0));
+    EXPECT_EQ(processes[0].Kind, 2u);
+    FailRoutine("ExAllocatePoolWithTag");
+    EXPECT_EQ(DuplicateMonProcList(&Global.MonitoredProcessList, &processes), STATUS_INSUFFICIENT_RESOURCES);
+    ResetFailures();
+    EXPECT_EQ(processes.Count(), 0u);
+}
+}
+}
