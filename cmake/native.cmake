@@ -4,6 +4,7 @@ find_package(Threads REQUIRED)
 # The AES routines that the driver calls below the EVP layer are visible in the static library only.
 find_library(LIBCRYPTO_STATIC libcrypto.a REQUIRED)
 set(TARNVEIL_SANITIZER "" CACHE STRING "What -fsanitize= is given, in every target")
+option(TARNVEIL_COVERAGE "Count which lines and branches of the driver run" OFF)
 set(TARNVEIL_IMAGE ${CMAKE_SOURCE_DIR}/build/windows/Tarnveil.sys CACHE FILEPATH "The driver image that tests read")
 
 # WCHAR has 16 bits on Windows.
@@ -12,9 +13,13 @@ add_link_options(-fuse-ld=lld)
 if(TARNVEIL_SANITIZER)
     add_compile_options(-fsanitize=${TARNVEIL_SANITIZER} -fno-sanitize-recover=all)
     add_link_options(-fsanitize=${TARNVEIL_SANITIZER})
-else()
-    # Sanitizers pad every frame, so the limit is kept where frames are what they are.
+elseif(NOT TARNVEIL_COVERAGE)
+    # Sanitizers and counters pad every frame, so the limit is kept where frames are what they are.
     list(APPEND TARNVEIL_DRIVER_OPTIONS -Wframe-larger-than=1024)
+endif()
+if(TARNVEIL_COVERAGE)
+    list(APPEND TARNVEIL_DRIVER_OPTIONS -fprofile-instr-generate -fcoverage-mapping)
+    add_link_options(-fprofile-instr-generate)
 endif()
 include_directories(${CMAKE_SOURCE_DIR} ${CMAKE_SOURCE_DIR}/include ${CMAKE_SOURCE_DIR}/hosted/include)
 
@@ -67,7 +72,7 @@ include([[${CMAKE_SOURCE_DIR}/cmake/test_suites.cmake]])
 endfunction()
 
 # The release configuration is for running and measuring; its tests are built where they are run.
-if(TARNVEIL_SANITIZER)
+if(TARNVEIL_SANITIZER OR TARNVEIL_COVERAGE)
     enable_testing()
     find_package(GTest REQUIRED)
     # The upcase table is compared with ICU's.

@@ -46,10 +46,6 @@ public:
     {
         return static_cast<PUCHAR>(buffer_);
     }
-    PMDL Mdl() const
-    {
-        return mdl_;
-    }
     void MoveTo(WriteSwapContext* swap);
 
 private:

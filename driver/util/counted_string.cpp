@@ -61,12 +61,6 @@ UNICODE_STRING CountedString::Detach()
     return string;
 }
 
-void CountedString::Adopt(const UNICODE_STRING& string)
-{
-    Free();
-    string_ = string;
-}
-
 UNICODE_STRING SubString(const UNICODE_STRING& string, USHORT offset, USHORT length)
 {
     UNICODE_STRING part;

@@ -26,8 +26,6 @@ public:
     void Free();
     // Hands the buffer to the caller.
     UNICODE_STRING Detach();
-    // Frees the present buffer and takes over one from the driver's pool.
-    void Adopt(const UNICODE_STRING& string);
 
     const UNICODE_STRING& Get() const
     {

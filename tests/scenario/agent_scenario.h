@@ -27,7 +27,7 @@ protected:
     void SetUp() override
     {
         ASSERT_EQ(machine_.LoadDriver(Image::Native), STATUS_SUCCESS);
-        // Numbers go on over loads; this one stays in use, so the settings of a test count from the next.
+        // This number stays in use, so that those of a test differ from an output that nobody wrote.
         const ControlAnswer first = agent_.AddExclusion(L"C:\\nobody.exe");
         ASSERT_EQ(first.Status, STATUS_SUCCESS);
         base_ = first.Value + 1;

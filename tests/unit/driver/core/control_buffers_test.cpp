@@ -1,53 +1,13 @@
 // Packets and buffers of the control device's requests: what is missing, too short, unterminated or out of reach.
 
-#include "driver/core/control_device.h"
-#include "driver/core/global_state.h"
 #include "hosted/io/irp.h"
-#include "hosted/ke/failure_injection.h"
-#include "hosted/machine/testing.h"
-#include "hosted/rtl/debug_print.h"
+#include "tests/unit/driver/core/request_fixture.h"
 
-#include <gmock/gmock.h>
-#include <tarnveil/control.h>
-
-extern "C" NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT driverObject, PUNICODE_STRING registryPath);
-
+namespace request_test
+{
 namespace
 {
-using namespace host;
-using testing::ElementsAre;
-using testing::IsEmpty;
-
-std::string Word(ULONG value)
-{
-    return std::string(reinterpret_cast<const char*>(&value), sizeof(value));
-}
-
-std::string Terminated(WideView text)
-{
-    std::string bytes(reinterpret_cast<const char*>(text.data()), text.size() * sizeof(WCHAR));
-    return bytes + std::string(sizeof(WCHAR), '\0');
-}
-
-class ControlBuffers : public testing::Test
-{
-protected:
-    void SetUp() override
-    {
-        ASSERT_EQ(Computer.LoadDriver(DriverEntry), STATUS_SUCCESS);
-        Agent.emplace(Computer.StartProcess(L"C:\\Agent.exe"));
-        Computer.ClearDebugPrints();
-    }
-    NTSTATUS Send(ULONG code, std::string_view input = {}, ULONG outputSize = 0)
-    {
-        const ControlResult result = Agent->DeviceControl(code, input, outputSize);
-        EXPECT_EQ(result.Information, 0u);
-        return result.Status;
-    }
-
-    Machine Computer;
-    std::optional<Program> Agent;
-};
+using ControlBuffers = RequestTest;
 
 TEST_F(ControlBuffers, MissingStackLocationIsPrintedAndNothingIsCompleted)
 {
@@ -149,5 +109,6 @@ TEST_F(ControlBuffers, AnswersThatCannotBeWrittenAreAccessViolations)
     }
     // The list's lock was given back.
     EXPECT_EQ(Agent->PidList().Count, 1u);
+}
 }
 }

@@ -1,55 +1,18 @@
 // Every request of the control device: statuses, byte counts, what is printed, what changes.
 
-#include "driver/core/control_device.h"
-#include "driver/core/global_state.h"
-#include "hosted/ke/failure_injection.h"
-#include "hosted/machine/testing.h"
-#include "hosted/rtl/debug_print.h"
+#include "tests/unit/driver/core/request_fixture.h"
 
-#include <gmock/gmock.h>
-#include <tarnveil/control.h>
-
-extern "C" NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT driverObject, PUNICODE_STRING registryPath);
-
+namespace request_test
+{
 namespace
 {
-using namespace host;
-using testing::ElementsAre;
-using testing::IsEmpty;
-
-std::string Word(ULONG value)
-{
-    return std::string(reinterpret_cast<const char*>(&value), sizeof(value));
-}
-
-std::string Terminated(WideView text)
-{
-    std::string bytes(reinterpret_cast<const char*>(text.data()), text.size() * sizeof(WCHAR));
-    return bytes + std::string(sizeof(WCHAR), '\0');
-}
-
-class ControlRequest : public testing::Test
+class ControlRequest : public RequestTest
 {
 protected:
-    void SetUp() override
-    {
-        ASSERT_EQ(Computer.LoadDriver(DriverEntry), STATUS_SUCCESS);
-        Agent.emplace(Computer.StartProcess(L"C:\\Agent.exe"));
-        Computer.ClearDebugPrints();
-    }
-    NTSTATUS Send(ULONG code, std::string_view input = {}, ULONG outputSize = 0)
-    {
-        const ControlResult result = Agent->DeviceControl(code, input, outputSize);
-        EXPECT_EQ(result.Information, 0u);
-        return result.Status;
-    }
     std::string Key() const
     {
         return std::string(reinterpret_cast<const char*>(Global.CryptKey), Global.KeyLength);
     }
-
-    Machine Computer;
-    std::optional<Program> Agent;
 };
 
 TEST_F(ControlRequest, KeyOfAWrongLengthIsRefused)
@@ -386,5 +349,6 @@ TEST_F(ControlRequest, OutputThatCannotBeWrittenChangesNothing)
     const UNICODE_STRING path = Counted(L"C:\\a.exe");
     ULONG id = 0;
     EXPECT_FALSE(FindSetting(ProcessNames, &path, &id));
+}
 }
 }

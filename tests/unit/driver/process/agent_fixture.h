@@ -34,7 +34,7 @@ protected:
     {
         ResetFailures();
         ASSERT_EQ(machine_.LoadDriver(Image::Native), STATUS_SUCCESS);
-        // Numbers go on over loads; this one stays in use, so the settings of a test count from the next.
+        // This number stays in use, so that those of a test differ from an output that nobody wrote.
         base_ = IssueId() + 1;
         machine_.ClearDebugPrints();
     }
