@@ -2,9 +2,25 @@
 
 namespace host
 {
+namespace
+{
+bool everyPoolIsGuarded = false;
+}
+
 SystemModel& Model()
 {
     static SystemModel model;
     return model;
+}
+
+void GuardEveryPool()
+{
+    everyPoolIsGuarded = true;
+}
+
+void SetModel(const SystemModel& model)
+{
+    Model() = model;
+    Model().GuardedPool = model.GuardedPool || everyPoolIsGuarded;
 }
 }

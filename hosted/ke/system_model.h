@@ -25,4 +25,9 @@ struct SystemModel
 };
 
 SystemModel& Model();
+
+// Each machine that boots from now on has a guarded pool, whatever it is asked for.
+void GuardEveryPool();
+// The model that a machine is to be booted with.
+void SetModel(const SystemModel& model);
 }

@@ -5,6 +5,7 @@
 #include "hosted/ke/irql.h"
 #include "hosted/ke/user_space.h"
 
+#include <atomic>
 #include <csetjmp>
 #include <csignal>
 #include <mutex>
@@ -18,7 +19,10 @@ struct Guard
     sigjmp_buf Jump;
     Guard* Outer;
     NTSTATUS Status;
+    size_t CallOuts;
 };
+
+std::atomic<const ImageFaultHooks*> imageHooks;
 
 constinit thread_local Guard* currentGuard = nullptr;
 struct sigaction previousSegv;
@@ -52,13 +56,46 @@ void PassOn(int signal, siginfo_t* information, void* context)
     }
 }
 
+size_t CallOutDepth()
+{
+    const ImageFaultHooks* hooks = imageHooks;
+    return hooks == nullptr ? 0 : hooks->CallOutDepth();
+}
+
+// Whether the kernel was last entered by an image, later than the innermost guarded call was.
+bool CalledByImage()
+{
+    const Guard* guard = currentGuard;
+    return CallOutDepth() > (guard == nullptr ? 0 : guard->CallOuts);
+}
+
+// Leaves for whoever handles the status, the innermost first; returns when nobody does.
+void Raise(NTSTATUS status, const void* address)
+{
+    if (CalledByImage())
+    {
+        imageHooks.load()->OnRoutineFault(status, address);
+    }
+    Guard* guard = currentGuard;
+    if (guard != nullptr)
+    {
+        guard->Status = status;
+        siglongjmp(guard->Jump, 1);
+    }
+}
+
 void OnFault(int signal, siginfo_t* information, void* context)
 {
-    Guard* guard = currentGuard;
-    if (guard != nullptr && IsPageFault(signal, information) && IsUserAddress(information->si_addr))
+    const NTSTATUS status = signal == SIGSEGV ? STATUS_ACCESS_VIOLATION : STATUS_IN_PAGE_ERROR;
+    const bool isUserAddress = IsPageFault(signal, information) && IsUserAddress(information->si_addr);
+    const ImageFaultHooks* hooks = imageHooks;
+    if (hooks != nullptr && hooks->OnImageFault(status, information->si_addr, isUserAddress, context))
     {
-        guard->Status = signal == SIGSEGV ? STATUS_ACCESS_VIOLATION : STATUS_IN_PAGE_ERROR;
-        siglongjmp(guard->Jump, 1);
+        return;
+    }
+    if (isUserAddress)
+    {
+        Raise(status, information->si_addr);
     }
     PassOn(signal, information, context);
 }
@@ -121,6 +158,7 @@ NTSTATUS GuardedCall(void (*body)(void* context), void* context)
     Guard guard;
     guard.Outer = currentGuard;
     guard.Status = STATUS_SUCCESS;
+    guard.CallOuts = CallOutDepth();
     if (sigsetjmp(guard.Jump, 1) == 0)
     {
         currentGuard = &guard;
@@ -129,23 +167,28 @@ NTSTATUS GuardedCall(void (*body)(void* context), void* context)
         return STATUS_SUCCESS;
     }
     currentGuard = guard.Outer;
+    if (CallOutDepth() != guard.CallOuts)
+    {
+        imageHooks.load()->TrimCallOuts(guard.CallOuts);
+    }
     RequireNothingHeld(level, mutexes);
     return guard.Status;
 }
 
 bool InGuardedCall()
 {
-    return currentGuard != nullptr;
+    return currentGuard != nullptr || CalledByImage();
+}
+
+void SetImageFaultHooks(const ImageFaultHooks* hooks)
+{
+    imageHooks = hooks;
+    InstallHandler();
 }
 
 void RaiseStatus(NTSTATUS status)
 {
-    Guard* guard = currentGuard;
-    if (guard == nullptr)
-    {
-        BugCheck("unhandled-exception", "status %08X was raised outside guarded access", static_cast<ULONG>(status));
-    }
-    guard->Status = status;
-    siglongjmp(guard->Jump, 1);
+    Raise(status, nullptr);
+    BugCheck("unhandled-exception", "status %08X was raised outside guarded access", static_cast<ULONG>(status));
 }
 }

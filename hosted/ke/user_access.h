@@ -35,8 +35,22 @@ bool IsUserAddress(const volatile void* address);
 // body and becomes the result; a fault elsewhere goes on to the ordinary signal action (a crash, with a report).
 // The body must hold nothing that needs destruction; what it holds through WithTermination is given back. Nests.
 NTSTATUS GuardedCall(void (*body)(void* context), void* context);
-// Whether the calling thread is inside one.
+// Whether the calling thread is inside one, or was called by an image, which may have a handler.
 bool InGuardedCall();
+
+// What a loaded driver image adds: its own handlers, by its own unwind tables.
+struct ImageFaultHooks
+{
+    // A fault at any instruction. True: the instruction is to be done again, with what changed in the signal's context.
+    // Returns false for what is not the image's, and when the image has no handler for it.
+    bool (*OnImageFault)(NTSTATUS status, const void* address, bool isUserAddress, void* signalContext);
+    // A fault or raised status in a routine that an image called. Returns when the image has no handler for it.
+    void (*OnRoutineFault)(NTSTATUS status, const void* address);
+    // The thread's calls from images into the kernel that are under way; and forgetting those beyond the first few.
+    size_t (*CallOutDepth)();
+    void (*TrimCallOuts)(size_t depth);
+};
+void SetImageFaultHooks(const ImageFaultHooks* hooks);
 
 // As an exception raised by a kernel routine: bug check when no guarded call is under way on this thread.
 [[noreturn]] void RaiseStatus(NTSTATUS status);

@@ -9,10 +9,10 @@ namespace
 constexpr const char* Ntoskrnl = "ntoskrnl.exe";
 constexpr const char* FilterManager = "FLTMGR.SYS";
 
-#define ROUTINE(Module, Name) {Module, #Name, reinterpret_cast<void*>(&::Name), false},
-#define RENAMED(Module, Name, Here) {Module, #Name, reinterpret_cast<void*>(&::Here), false},
-#define VARIABLE(Module, Name) {Module, #Name, static_cast<void*>(::Name), false},
-#define IMAGE_ONLY(Module, Name) {Module, #Name, nullptr, true},
+#define ROUTINE(Module, Name) {Module, #Name, reinterpret_cast<void*>(&::Name), false, false},
+#define RENAMED(Module, Name, Here) {Module, #Name, reinterpret_cast<void*>(&::Here), false, false},
+#define VARIABLE(Module, Name) {Module, #Name, static_cast<void*>(::Name), false, true},
+#define IMAGE_ONLY(Module, Name) {Module, #Name, nullptr, true, false},
 }
 
 const ExportedRoutine* ExportedRoutines(size_t* count)

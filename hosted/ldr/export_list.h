@@ -97,6 +97,7 @@ struct ExportedRoutine
     const char* Name;
     void* Address;      // what an import is bound to; null for ImageOnly
     bool ImageOnly;     // the loader has its own
+    bool Data;          // a variable
 };
 
 // The list as a table; *count receives its length.

@@ -28,7 +28,7 @@ void ResetKernel(const SystemModel& model)
     {
         BugCheck("TWO_MACHINES", "one machine at a time");
     }
-    Model() = model;
+    SetModel(model);
     // Starting what the system itself needs must not use up a plan, nor count.
     ResetFailures();
     ResetSystemTime();

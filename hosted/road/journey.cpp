@@ -11,8 +11,8 @@ namespace
 // Returns the registry as the machine left it.
 std::string BeforeRestart(const Plan& plan, const Key& key)
 {
-    Stage stage(plan.Volume, {}, key);
-    FileWalk walk(stage, plan.Volume, key);
+    Stage stage(plan.Where, {}, key);
+    FileWalk walk(stage, plan.Where.Disk, key);
     for (const auto& file : plan.Files)
     {
         walk.Take(file);
@@ -25,7 +25,7 @@ std::string BeforeRestart(const Plan& plan, const Key& key)
 void AfterRestart(const Plan& plan, const Key& key, const std::string& registry)
 {
     Say("restart", "the machine boots again with the same disk and registry");
-    Stage stage(plan.Volume, registry, key);
+    Stage stage(plan.Where, registry, key);
     FindDocumentProtected(stage);
     stage.Leave();
 }

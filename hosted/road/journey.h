@@ -3,14 +3,15 @@
 // over a restart; nothing is left over.
 #pragma once
 
-#include <filesystem>
+#include "hosted/road/stage.h"
+
 #include <vector>
 
 namespace road
 {
 struct Plan
 {
-    std::filesystem::path Volume; // the folder that backs drive C:
+    Scenery Where;
     std::vector<std::filesystem::path> Files;
 };
 

@@ -1,6 +1,6 @@
-// road --volume DIR --image PATH FILE...
+// road --volume DIR --image PATH [--driver native|windows] FILE...
 //
-// Takes files through the driver in the hosted kernel. DIR is kept for the volume, whose disk is DIR/disk and is made
+// Takes files through the driver in the hosted kernel: the natively built one, or the image. DIR is kept for the volume, whose disk is DIR/disk and is made
 // anew. Exit code 0 when every step held, 1 when one did not, 2 for wrong use.
 
 #include "hosted/road/journey.h"
@@ -16,6 +16,7 @@ struct Arguments
 {
     std::filesystem::path Volume;
     std::filesystem::path Image;
+    std::filesystem::path Driver = "native";
     std::vector<std::filesystem::path> Files;
 };
 
@@ -25,7 +26,8 @@ bool Parse(int count, char** values, Arguments* arguments)
     {
         std::filesystem::path* option = std::strcmp(values[i], "--volume") == 0  ? &arguments->Volume
                                         : std::strcmp(values[i], "--image") == 0 ? &arguments->Image
-                                                                                 : nullptr;
+                                        : std::strcmp(values[i], "--driver") == 0 ? &arguments->Driver
+                                                                                  : nullptr;
         if (option == nullptr)
         {
             arguments->Files.emplace_back(values[i]);
@@ -37,7 +39,8 @@ bool Parse(int count, char** values, Arguments* arguments)
         }
         *option = values[i];
     }
-    return !arguments->Volume.empty() && !arguments->Image.empty() && !arguments->Files.empty();
+    const bool known = arguments->Driver == "native" || arguments->Driver == "windows";
+    return known && !arguments->Volume.empty() && !arguments->Image.empty() && !arguments->Files.empty();
 }
 
 bool AreFiles(const std::vector<std::filesystem::path>& files)
@@ -59,7 +62,7 @@ int main(int count, char** values)
     Arguments arguments;
     if (!Parse(count, values, &arguments))
     {
-        std::fprintf(stderr, "usage: road --volume DIR --image PATH FILE...\n");
+        std::fprintf(stderr, "usage: road --volume DIR --image PATH [--driver native|windows] FILE...\n");
         return 2;
     }
     if (!AreFiles(arguments.Files))
@@ -71,7 +74,7 @@ int main(int count, char** values)
     {
         std::filesystem::remove_all(disk);
         std::filesystem::create_directories(disk);
-        road::Travel({disk, arguments.Files});
+        road::Travel({{disk, arguments.Driver == "windows" ? arguments.Image : ""}, arguments.Files});
         if (!std::filesystem::is_regular_file(arguments.Image))
         {
             throw road::StepFailed("the driver image " + arguments.Image.string() + " was not built");

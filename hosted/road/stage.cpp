@@ -21,9 +21,14 @@ host::MachineOptions Options(const std::filesystem::path& disk)
 }
 }
 
-Stage::Stage(const std::filesystem::path& disk, const std::string& registry, const Key& key) : machine_(Options(disk))
+Stage::Stage(const Scenery& scenery, const std::string& registry, const Key& key) : machine_(Options(scenery.Disk))
 {
-    Load(registry);
+    if (!scenery.Image.empty())
+    {
+        image_.emplace(scenery.Image);
+    }
+    Configure(registry);
+    Load();
     agent_.emplace(machine_.StartProcess(L"C:\\Agent\\agent.exe"));
     event_.emplace(agent_->CreateEvent());
     ExpectStatus(agent_->StartLogging(*event_, AllLevels), STATUS_SUCCESS, "starting the log");
@@ -32,7 +37,7 @@ Stage::Stage(const std::filesystem::path& disk, const std::string& registry, con
     ReportLog();
 }
 
-void Stage::Load(const std::string& registry)
+void Stage::Configure(const std::string& registry)
 {
     if (registry.empty())
     {
@@ -46,8 +51,13 @@ void Stage::Load(const std::string& registry)
         Expect(machine_.Registry().ImportReg(registry, &error), "taking over the registry: " + error);
     }
     ExpectStatus(machine_.MakeFolder(L"C:\\Sandbox"), STATUS_SUCCESS, "making the sandbox folder");
-    ExpectStatus(machine_.LoadDriver(host::Image::Native), STATUS_SUCCESS, "loading the driver");
-    Say("loaded", "the driver, sandbox folder C:\\Sandbox");
+}
+
+void Stage::Load()
+{
+    DRIVER_INITIALIZE* const entry = image_ ? image_->Entry() : host::Image::Native;
+    ExpectStatus(machine_.LoadDriver(entry), STATUS_SUCCESS, "loading the driver");
+    Say("loaded", std::string(image_ ? "the shipping image" : "the driver") + ", sandbox folder C:\\Sandbox");
 }
 
 void Stage::GiveKey(const Key& key) const

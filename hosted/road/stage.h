@@ -1,6 +1,7 @@
 // A booted machine with the driver loaded and the programs that the road needs.
 #pragma once
 
+#include "hosted/ldr/loaded_image.h"
 #include "hosted/machine/machine.h"
 #include "hosted/road/expected_disk.h"
 
@@ -9,12 +10,18 @@
 
 namespace road
 {
+struct Scenery
+{
+    std::filesystem::path Disk;  // the folder that backs drive C:
+    std::filesystem::path Image; // the driver image to run; empty: the native driver
+};
+
 class Stage
 {
 public:
-    // Boots with the folder as drive C: and with the registry of an earlier stage, or with a new one when that is
-    // empty. The agent gives the driver the key and the setting for the editor.
-    Stage(const std::filesystem::path& disk, const std::string& registry, const Key& key);
+    // Boots with the registry of an earlier stage, or with a new one when that is empty. The agent gives the driver the
+    // key and the setting for the editor.
+    Stage(const Scenery& scenery, const std::string& registry, const Key& key);
 
     host::Machine& Computer() { return machine_; }
     const host::Program& Agent() const { return *agent_; }
@@ -29,10 +36,12 @@ public:
     std::string Leave();
 
 private:
-    void Load(const std::string& registry);
+    void Configure(const std::string& registry);
+    void Load();
     void GiveKey(const Key& key) const;
     void StartPrograms();
 
+    std::optional<host::LoadedImage> image_;
     host::Machine machine_;
     std::optional<host::Program> agent_;
     std::optional<host::Program> editor_;

@@ -1,5 +1,6 @@
 // What the agent is told, and how it hears of it.
 #include "tests/scenario/agent_scenario.h"
+#include "tests/scenario/driver_under_test.h"
 
 namespace scenario_test
 {
@@ -66,7 +67,7 @@ TEST_F(AgentLog, OnlyTheLevelsAskedForAreQueued)
 {
     machine_.Registry().SetString(Machine::ServiceKey, L"SandboxPath", L"\\Device\\HarddiskVolume1\\Sandbox");
     ASSERT_EQ(machine_.UnloadDriver(), STATUS_SUCCESS);
-    ASSERT_EQ(machine_.LoadDriver(Image::Native), STATUS_SUCCESS);
+    ASSERT_EQ(machine_.LoadDriver(scenario_test::DriverUnderTest()), STATUS_SUCCESS);
     ASSERT_EQ(machine_.MakeFolder(L"C:\\Sandbox"), STATUS_SUCCESS);
     agent_.SetCryptKey("0123456789abcdef", 1);
     agent_.AddProcess(L"C:\\e.exe");
@@ -151,7 +152,7 @@ TEST_F(AgentLog, RecordsAndRegistrationEndWithTheDriver)
     Listen();
     MakeRecord();
     ASSERT_EQ(machine_.UnloadDriver(), STATUS_SUCCESS);
-    ASSERT_EQ(machine_.LoadDriver(Image::Native), STATUS_SUCCESS);
+    ASSERT_EQ(machine_.LoadDriver(scenario_test::DriverUnderTest()), STATUS_SUCCESS);
     event_.Clear();
     MakeRecord();
     EXPECT_FALSE(event_.IsSet());

@@ -1,8 +1,8 @@
 // A machine with the driver loaded and an agent that talks to it; nothing of the driver's inside is looked at.
 #pragma once
 
-#include "hosted/machine/native_image.h"
 #include "hosted/machine/testing.h"
+#include "tests/scenario/driver_under_test.h"
 
 #include <cstdio>
 #include <gmock/gmock.h>
@@ -26,7 +26,7 @@ class AgentScenario : public testing::Test
 protected:
     void SetUp() override
     {
-        ASSERT_EQ(machine_.LoadDriver(Image::Native), STATUS_SUCCESS);
+        ASSERT_EQ(machine_.LoadDriver(scenario_test::DriverUnderTest()), STATUS_SUCCESS);
         // This number stays in use, so that those of a test differ from an output that nobody wrote.
         const ControlAnswer first = agent_.AddExclusion(L"C:\\nobody.exe");
         ASSERT_EQ(first.Status, STATUS_SUCCESS);

@@ -4,10 +4,9 @@
 #include "hosted/cm/registry.h"
 #include "hosted/machine/testing.h"
 #include "tests/unit/driver/filter/cipher_vectors.h"
+#include "tests/scenario/driver_under_test.h"
 
 #include <span>
-
-extern "C" DRIVER_INITIALIZE DriverEntry;
 
 namespace cipher_test
 {
@@ -37,7 +36,7 @@ public:
         }
         SystemRegistry().SetString(Machine::ServiceKey, L"SandboxPath", L"\\Device\\HarddiskVolume1\\Sandbox");
         EXPECT_EQ(Computer.MakeFolder(L"C:\\Sandbox"), STATUS_SUCCESS);
-        EXPECT_EQ(Computer.LoadDriver(DriverEntry), STATUS_SUCCESS);
+        EXPECT_EQ(Computer.LoadDriver(scenario_test::DriverUnderTest()), STATUS_SUCCESS);
         Agent.emplace(Computer.StartProcess(L"C:\\Agent\\agent.exe"));
         EXPECT_EQ(Agent->AddProcess(L"C:\\Apps\\Editor.exe").Status, STATUS_SUCCESS);
         Editor.emplace(Computer.StartProcess(L"C:\\Apps\\Editor.exe"));

@@ -2,8 +2,8 @@
 // Told from outside: by programs, by the agent's log and by what the debugger hears.
 
 #include "hosted/ke/failure_injection.h"
-#include "hosted/machine/native_image.h"
 #include "hosted/machine/testing.h"
+#include "tests/scenario/driver_under_test.h"
 
 #include <gmock/gmock.h>
 
@@ -45,7 +45,7 @@ protected:
         ASSERT_EQ(computer_.PutOnDisk(L"C:\\Bay\\HbKit.exe", "image"), STATUS_SUCCESS);
         // Ran before the load, so the product's folder was open to it.
         kit_.emplace(computer_.StartProcess(L"C:\\Bay\\HbKit.exe"));
-        ASSERT_EQ(computer_.LoadDriver(Image::Native), STATUS_SUCCESS);
+        ASSERT_EQ(computer_.LoadDriver(scenario_test::DriverUnderTest()), STATUS_SUCCESS);
         agent_.emplace(computer_.StartProcess(L"C:\\Agent\\agent.exe"));
         ASSERT_EQ(agent_->AddProcess(L"C:\\Apps\\Editor.exe").Status, STATUS_SUCCESS);
         ASSERT_EQ(agent_->AddParentProcess(L"C:\\Apps\\Launcher.exe").Status, STATUS_SUCCESS);

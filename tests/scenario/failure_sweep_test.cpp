@@ -2,8 +2,8 @@
 // crash, each answer is one that is documented, and afterwards everything works again.
 
 #include "hosted/ke/failure_injection.h"
-#include "hosted/machine/native_image.h"
 #include "hosted/machine/testing.h"
+#include "tests/scenario/driver_under_test.h"
 
 #include <functional>
 #include <gmock/gmock.h>
@@ -58,7 +58,7 @@ public:
     }
     void Load()
     {
-        ASSERT_EQ(Computer.LoadDriver(Image::Native), STATUS_SUCCESS);
+        ASSERT_EQ(Computer.LoadDriver(scenario_test::DriverUnderTest()), STATUS_SUCCESS);
         Event.emplace(Agent->CreateEvent());
         ASSERT_EQ(Agent->StartLogging(*Event, 0xffffffff), STATUS_SUCCESS);
         ASSERT_EQ(Agent->AddProcess(L"C:\\Apps\\Editor.exe").Status, STATUS_SUCCESS);
@@ -99,7 +99,7 @@ TEST(FailureSweep, Load)
         ConfiguredMachine machine;
         ResetFailures();
         FailNthCall(number);
-        const NTSTATUS status = machine.Computer.LoadDriver(Image::Native);
+        const NTSTATUS status = machine.Computer.LoadDriver(scenario_test::DriverUnderTest());
         const bool failed = InjectedFailures() != 0;
         ResetFailures();
         if (!NT_SUCCESS(status))

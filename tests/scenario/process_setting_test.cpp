@@ -1,5 +1,6 @@
 // Which programs are under the sandbox, as the agent sets it and asks for it.
 #include "tests/scenario/agent_scenario.h"
+#include "tests/scenario/driver_under_test.h"
 
 namespace scenario_test
 {
@@ -204,7 +205,7 @@ TEST_F(ProcessSettings, SettingsEndWithTheDriver)
     const Program editor = machine_.StartProcess(L"C:\\e.exe");
     ASSERT_EQ(machine_.UnloadDriver(), STATUS_SUCCESS);
     EXPECT_EQ(agent_.IsUnderSandbox(editor.ProcessId()).Status, STATUS_OBJECT_NAME_NOT_FOUND);
-    ASSERT_EQ(machine_.LoadDriver(Image::Native), STATUS_SUCCESS);
+    ASSERT_EQ(machine_.LoadDriver(scenario_test::DriverUnderTest()), STATUS_SUCCESS);
     EXPECT_FALSE(IsUnder(editor));
     EXPECT_FALSE(IsUnder(machine_.StartProcess(L"C:\\e.exe")));
 }

@@ -1,8 +1,8 @@
 // Protections added and removed, stored, dumped and asked for by several threads at once, while processes come and go.
 
-#include "hosted/machine/native_image.h"
 #include "hosted/machine/testing.h"
 #include "hosted/rtl/debug_print.h"
+#include "tests/scenario/driver_under_test.h"
 
 #include <atomic>
 #include <gmock/gmock.h>
@@ -40,7 +40,7 @@ protected:
         ASSERT_EQ(machine_.PutOnDisk(L"C:\\Data\\shared.txt", "s"), STATUS_SUCCESS);
         ASSERT_EQ(machine_.PutOnDisk(L"C:\\Bay\\S\\plan.txt", "s"), STATUS_SUCCESS);
         ASSERT_EQ(machine_.PutOnDisk(L"C:\\Apps\\Editor.exe", "image"), STATUS_SUCCESS);
-        ASSERT_EQ(machine_.LoadDriver(Image::Native), STATUS_SUCCESS);
+        ASSERT_EQ(machine_.LoadDriver(scenario_test::DriverUnderTest()), STATUS_SUCCESS);
         reader_ = machine_.CreateMailslot(L"\\Device\\mailslot\\OrvaneSandbox_Dbg");
         agent_.emplace(machine_.StartProcess(L"C:\\Agent\\agent.exe"));
         event_.emplace(agent_->CreateEvent());

@@ -89,6 +89,11 @@ typedef struct _SYSTEM_PROCESS_INFORMATION
     LARGE_INTEGER OtherTransferCount;
 } SYSTEM_PROCESS_INFORMATION, *PSYSTEM_PROCESS_INFORMATION;
 
+// The DDK headers here declare the pointer itself imported, which takes one load too many: what the import table holds is
+// the address of the kernel's variable.
+extern POBJECT_TYPE* __imp_ExEventObjectType;
+#define ExEventObjectType __imp_ExEventObjectType
+
 // Formats into at most `count` characters. Returns the characters written without the terminator, or a negative
 // number when the text did not fit; the text is then cut and not terminated. PASSIVE_LEVEL.
 int __cdecl _vsnwprintf(wchar_t* buffer, size_t count, const wchar_t* format, va_list arguments);

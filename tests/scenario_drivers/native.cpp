@@ -1,0 +1,10 @@
+#include "hosted/machine/native_image.h"
+#include "tests/scenario/driver_under_test.h"
+
+namespace scenario_test
+{
+DRIVER_INITIALIZE* DriverUnderTest()
+{
+    return host::Image::Native;
+}
+}
