@@ -89,7 +89,8 @@ void CheckSections(const InfFile& inf, Findings& findings)
     }
     for (const auto& [name, entries] : inf.Sections())
     {
-        // Windows runs a driver package without undoing sections, and rejects one whose DefaultInstall says no platform.
+        // Windows takes a driver package back without undoing sections, and rejects one whose DefaultInstall says no
+        // platform.
         Require(!name.starts_with("defaultuninstall") && name != "defaultinstall" && name != "defaultinstall.services",
                 findings, "sections: [" + name + "] is not allowed");
         Require(referred.contains(name) || name.starts_with("default"), findings,

@@ -22,7 +22,8 @@ constexpr std::array AllowedAllocators = {"ExAllocatePoolWithTag", "FltAllocateC
 void CheckSections(const pe::Image& image, Findings& findings)
 {
     const std::uint32_t alignment = image.Read32(image.SectionAlignmentOffset());
-    Require(alignment != 0 && alignment % PageSize == 0, findings, "alignment: sections are aligned to less than a page");
+    Require(alignment != 0 && alignment % PageSize == 0, findings,
+            "alignment: sections are aligned to less than a page");
     std::uint32_t end = 0;
     for (const pe::Section& section : image.Sections())
     {

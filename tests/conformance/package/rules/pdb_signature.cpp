@@ -40,9 +40,9 @@ class Msf
 public:
     explicit Msf(const std::vector<std::uint8_t>& bytes) : file(bytes)
     {
-        valid = file.size() >= 56 && std::equal(Magic.begin(), Magic.end(), file.begin(), [](char magic, std::uint8_t byte) {
-            return static_cast<std::uint8_t>(magic) == byte;
-        });
+        valid = file.size() >= 56 &&
+                std::equal(Magic.begin(), Magic.end(), file.begin(),
+                           [](char magic, std::uint8_t byte) { return static_cast<std::uint8_t>(magic) == byte; });
         blockSize = valid ? Read32(32) : 0;
         valid = valid && blockSize >= 512 && blockSize % 4 == 0;
         if (valid)

@@ -123,7 +123,8 @@ TEST_F(MemoryIntegrity, NoticesTheTableOfOneModuleAmongCode)
 
 TEST_F(MemoryIntegrity, NoticesAnAllocatorThatKnowsOnlyExecutableMemory)
 {
-    const std::string text = ReplacedFirst(std::string(file.begin(), file.end()), std::string("ExAllocatePoolWithTag\0", 22),
+    const std::string text = ReplacedFirst(std::string(file.begin(), file.end()),
+                                           std::string("ExAllocatePoolWithTag\0", 22),
                                            std::string("ExAllocatePool\0\0\0\0\0\0\0\0", 22));
     file.assign(text.begin(), text.end());
     EXPECT_THAT(Risks(), ElementsAre("pool: ExAllocatePool may give executable memory"));

@@ -36,11 +36,17 @@ std::string Quoted(const Path& path)
     return "'" + path.string() + "'";
 }
 
+// A script of windows/, as the beginning of a command.
+std::string Script(const char* name)
+{
+    return Quoted(Path(TARNVEIL_SOURCES) / "windows" / name) + " ";
+}
+
 bool VerifySignature(const Path& image, const Path& certificate)
 {
     const std::string pem = Quoted(certificate.string() + ".pem");
-    return Succeeds("openssl x509 -inform DER -in " + Quoted(certificate) + " -out " + pem + " && osslsigncode verify -CAfile " +
-               pem + " -in " + Quoted(image));
+    return Succeeds("openssl x509 -inform DER -in " + Quoted(certificate) + " -out " + pem +
+                    " && osslsigncode verify -CAfile " + pem + " -in " + Quoted(image));
 }
 
 class PackageTest : public testing::Test
@@ -52,8 +58,8 @@ protected:
         std::string name = (std::filesystem::temp_directory_path() / "tarnveil-package-XXXXXX").string();
         ASSERT_NE(mkdtemp(name.data()), nullptr);
         work = name;
-        ASSERT_TRUE(Succeeds(Quoted(Path(TARNVEIL_SOURCES) / "windows/assemble_package.sh") + " " + Quoted(BuildFolder()) +
-                        " " + Quoted(work / "made")));
+        ASSERT_TRUE(
+            Succeeds(Script("assemble_package.sh") + Quoted(BuildFolder()) + " " + Quoted(work / "made")));
     }
 
     static void TearDownTestSuite()
@@ -83,7 +89,8 @@ protected:
     // What is wrong beside the checksums, which any change makes wrong.
     Findings BrokenWithFreshSums() const
     {
-        EXPECT_TRUE(Succeeds("cd " + Quoted(folder) + " && rm SHA256SUMS && sums=$(sha256sum -- *) && echo \"$sums\" > SHA256SUMS"));
+        EXPECT_TRUE(Succeeds("cd " + Quoted(folder) +
+                             " && rm SHA256SUMS && sums=$(sha256sum -- *) && echo \"$sums\" > SHA256SUMS"));
         return Broken();
     }
 
@@ -143,8 +150,8 @@ TEST_F(PackageTest, SignatureIsOfTheImageAndTheCertificate)
 
     // A second signing makes a certificate of its own, which says nothing of the first image.
     const Path other = work / "other.sys";
-    ASSERT_TRUE(Succeeds(Quoted(Path(TARNVEIL_SOURCES) / "windows/sign_test.sh") + " " + Quoted(TARNVEIL_IMAGE) + " " +
-                    Quoted(other) + " " + Quoted(work / "other.cer")));
+    ASSERT_TRUE(Succeeds(Script("sign_test.sh") + Quoted(TARNVEIL_IMAGE) + " " + Quoted(other) + " " +
+                         Quoted(work / "other.cer")));
     EXPECT_TRUE(VerifySignature(other, work / "other.cer"));
     EXPECT_FALSE(VerifySignature(work / "made/Tarnveil.sys", work / "other.cer"));
     EXPECT_FALSE(VerifySignature(TARNVEIL_IMAGE, work / "other.cer")) << "an unsigned image passed";
@@ -299,7 +306,7 @@ TEST_F(PackageTest, IsNotMadeOfAnIncompleteBuild)
     }
     // The script asks the build what belongs to it.
     const std::string rules = "rule make\n  command = true\nbuild Tarnveil.sys: make\n";
-    const std::string command = Quoted(Path(TARNVEIL_SOURCES) / "windows/assemble_package.sh") + " " + Quoted(build) + " ";
+    const std::string command = Script("assemble_package.sh") + Quoted(build) + " ";
     WriteText(build / "build.ninja", rules);
     EXPECT_TRUE(Succeeds(command + Quoted(work / "complete")));
     WriteText(build / "build.ninja", rules + "build tarnctl.exe: make\nbuild tarnctl: phony tarnctl.exe\n");
@@ -321,7 +328,7 @@ TEST_F(PackageTest, DifferencesBetweenTwoBuildsAreNoticed)
     {
         std::filesystem::copy(BuildFolder() / name, other / name);
     }
-    const std::string script = Quoted(Path(TARNVEIL_SOURCES) / "windows/compare_builds.sh") + " ";
+    const std::string script = Script("compare_builds.sh");
     const std::string compare = script + Quoted(BuildFolder()) + " " + Quoted(other);
     EXPECT_TRUE(Succeeds(compare));
     for (const char* name : {"Tarnveil.sys", "Tarnveil.pdb"})
