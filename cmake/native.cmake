@@ -53,6 +53,13 @@ endfunction()
 
 tarnveil_program(road hosted/road driver_native hosted)
 
+# The rules of the package, for the program by which ./package checks what it has made, and for the tests.
+file(GLOB PACKAGE_RULES CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/tests/conformance/package/rules/*.cpp)
+add_library(package_rules STATIC ${PACKAGE_RULES}
+    tests/conformance/image/pe_image.cpp tests/conformance/image/image_rules.cpp)
+target_link_libraries(package_rules PUBLIC ${LIBCRYPTO_STATIC} ${CMAKE_DL_LIBS} Threads::Threads)
+tarnveil_program(check_package tests/conformance/package/check package_rules)
+
 # Defines a GoogleTest program whose suites become CTest tests with the given label. `ctest -L LABEL` selects them.
 function(tarnveil_test NAME FOLDER LABEL)
     tarnveil_program(${NAME} ${FOLDER} ${ARGN} GTest::gmock GTest::gtest_main)
@@ -95,4 +102,5 @@ if(TARNVEIL_SANITIZER OR TARNVEIL_COVERAGE)
     tarnveil_test(stress_tests tests/stress stress driver_native hosted)
     tarnveil_test(conformance_image tests/conformance/image image)
     tarnveil_test(conformance_texts tests/conformance/texts texts)
+    tarnveil_test(conformance_package tests/conformance/package/test package package_rules)
 endif()

@@ -83,6 +83,15 @@ public:
         return fileHeader + 18;
     }
 
+    std::size_t SectionAlignmentOffset() const
+    {
+        return optionalHeader + 32;
+    }
+    std::size_t DirectoryOffset(std::size_t index) const
+    {
+        return optionalHeader + 112 + index * 8;
+    }
+
     std::uint16_t Machine() const
     {
         return Read16(MachineOffset());
@@ -133,13 +142,16 @@ public:
         return file;
     }
 
-private:
     struct DirectoryEntry
     {
         std::uint32_t VirtualAddress;
         std::uint32_t Size;
     };
 
+    // Both 0 for a directory that the image does not have.
+    DirectoryEntry Directory(std::size_t index) const;
+
+    // Little-endian integers at an offset in the file. Throw Malformed beyond its end.
     std::uint64_t ReadBytes(std::size_t offset, std::size_t count) const;
     std::uint16_t Read16(std::size_t offset) const
     {
@@ -149,8 +161,9 @@ private:
     {
         return static_cast<std::uint32_t>(ReadBytes(offset, 4));
     }
+
+private:
     std::string ReadText(std::size_t offset) const;
-    DirectoryEntry Directory(std::size_t index) const;
     void ReadSections();
     void ReadModuleImports(const std::string& module, std::uint32_t lookupTable, std::vector<Import>& imports) const;
 
