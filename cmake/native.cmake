@@ -60,6 +60,14 @@ add_library(package_rules STATIC ${PACKAGE_RULES}
 target_link_libraries(package_rules PUBLIC ${LIBCRYPTO_STATIC} ${CMAKE_DL_LIBS} Threads::Threads)
 tarnveil_program(check_package tests/conformance/package/check package_rules)
 
+# The agent, whose tests drive it from inside; of the driver it uses the cipher.
+file(GLOB TARNCTL_SOURCES CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/agent/tarnctl/*.cpp)
+list(FILTER TARNCTL_SOURCES EXCLUDE REGEX "/(main|windows_[a-z_]+)\\.cpp$")
+add_library(tarnctl_core STATIC ${TARNCTL_SOURCES})
+target_link_libraries(tarnctl_core PUBLIC driver_native)
+add_executable(tarnctl ${CMAKE_SOURCE_DIR}/agent/tarnctl/main.cpp)
+target_link_libraries(tarnctl PRIVATE tarnctl_core)
+
 # Defines a GoogleTest program whose suites become CTest tests with the given label. `ctest -L LABEL` selects them.
 function(tarnveil_test NAME FOLDER LABEL)
     tarnveil_program(${NAME} ${FOLDER} ${ARGN} GTest::gmock GTest::gtest_main)
@@ -83,7 +91,7 @@ if(TARNVEIL_SANITIZER OR TARNVEIL_COVERAGE)
     enable_testing()
     find_package(GTest REQUIRED)
     # The upcase table is compared with ICU's.
-    tarnveil_test(unit_tests tests/unit unit driver_native hosted icuuc)
+    tarnveil_test(unit_tests tests/unit unit tarnctl_core driver_native hosted icuuc)
     # Routines that a unit test may answer for; see tests/unit/driver/stand_in.h.
     foreach(ROUTINE FltGetFileNameInformation ZwQuerySymbolicLinkObject _Z12CTInitializeP10CacheTable
             _Z17CTGetElementCountP10CacheTablePj _Z12DecodeBase64PKwjPhPj

@@ -10,7 +10,7 @@ install_prerequisites()
         mingw-w64-x86-64-dev gcc-mingw-w64-x86-64-win32 g++-mingw-w64-x86-64-win32
         dpkg-dev xz-utils ca-certificates
         openssl osslsigncode
-        libssl-dev libicu-dev libgtest-dev libgmock-dev
+        libssl-dev libicu-dev libgtest-dev libgmock-dev libcli11-dev
     )
     local missing=() package
     for package in "${packages[@]}"

@@ -1,0 +1,14 @@
+// The program without its surroundings.
+#pragma once
+
+#include "agent/tarnctl/transport.h"
+
+#include <iosfwd>
+#include <string>
+#include <vector>
+
+namespace tarnctl
+{
+// Arguments without the program's name, in UTF-8. Returns the exit code (failure.h).
+int Run(const std::vector<std::string>& arguments, const Connect& connect, std::ostream& output, std::ostream& error);
+}
