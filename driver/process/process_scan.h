@@ -1,5 +1,6 @@
 // Putting processes that already run under watch when the agent adds a setting. A snapshot is the chain of records
-// that QuerySystemInformation gives. Failures of single processes do not fail a scan. IRQL PASSIVE_LEVEL, no locks held.
+// that QuerySystemInformation gives. Failures of single processes do not fail a scan. IRQL PASSIVE_LEVEL, no locks
+// held.
 #pragma once
 
 #include <ntifs.h>

@@ -1,6 +1,6 @@
 // Comparing path and process names. Nothing here keeps state, takes a lock or prints; only MatchNamePattern
 // allocates. The tested name comes first and the pattern second; the prefix comes first and the name second.
-// IRQL: PASSIVE_LEVEL for the comparisons that fold (the upcase table may be paged), MatchNamePattern likewise.
+// IRQL up to APC_LEVEL: lists are searched under their fast mutex. Not above, since the upcase table may be paged.
 #pragma once
 
 #include <ntifs.h>

@@ -50,8 +50,8 @@ struct ImageLayout
     std::vector<ImageSection> Sections;
 };
 
-// Reads the headers. Throws BadImage for a file that is cut off, is no x64 native driver image, or whose sections do not
-// lie inside file and image.
+// Reads the headers. Throws BadImage for a file that is cut off, is no x64 native driver image, or whose sections do
+// not lie inside file and image.
 ImageLayout ReadImageLayout(const std::string& file);
 
 // The file's bytes where they belong in memory: ImageLayout::Size bytes at the preferred base, zero where the file has

@@ -1,7 +1,7 @@
 // road --volume DIR --image PATH [--driver native|windows] FILE...
 //
-// Takes files through the driver in the hosted kernel: the natively built one, or the image. DIR is kept for the volume, whose disk is DIR/disk and is made
-// anew. Exit code 0 when every step held, 1 when one did not, 2 for wrong use.
+// Takes files through the driver in the hosted kernel: the natively built one, or the image. DIR is kept for the volume,
+// whose disk is DIR/disk and is made anew. Exit code 0 when every step held, 1 when one did not, 2 for wrong use.
 
 #include "hosted/road/journey.h"
 #include "hosted/road/report.h"

@@ -1,5 +1,5 @@
-// Which driver the scenarios run: the natively built one, or in a program of its own the shipping image, in a machine whose
-// pool is guarded.
+// Which driver the scenarios run: the natively built one, or in a program of its own the shipping image, in a machine
+// whose pool is guarded.
 #pragma once
 
 #include <ntifs.h>

@@ -272,8 +272,8 @@ TEST(DriverLoad, FailsWhenNeitherFilteringNorTheProcessRoutineStarts)
     ResetFailures();
     EXPECT_FALSE(NT_SUCCESS(status));
     EXPECT_THAT(DebugPrints(),
-
-            ElementsAre(EntryText, DriverNameText, ProductText, VersionText, KeyText, DeviceText, LinkText, "FltStartFiltering fail c000009a\n",
+        ElementsAre(EntryText, DriverNameText, ProductText, VersionText, KeyText, DeviceText, LinkText,
+            "FltStartFiltering fail c000009a\n",
             Hex("Tarnveil - PsSetCreateProcessNotifyRoutineEx - %08x\n", status),
             Hex("Tarnveil DriverEntry return %x\n", status)));
     UnloadWithoutFilter();

@@ -368,7 +368,8 @@ TEST_F(SettingListsTest, AFailedScanForChildrenTakesTheParentSettingBack)
     const stand_in::Answer answer(stand_in::Answer::FailChildrenScan);
     EXPECT_THAT(PrintsOf([&] { EXPECT_EQ(agent_.AddParentProcess(L"C:\\a.exe").Status, STATUS_UNSUCCESSFUL); }),
         testing::Contains("Tarnveil - RegistMonitoredChildrenProcess error - c0000001\n"));
-    EXPECT_THAT(Messages(), ElementsAre(Text("IRP = DEV_CTRL IOCTL = ADD_PARENT status = ADDED_SETTING id = %u path = C:\\a.exe", Id(0)),
-                                Text("IRP = DEV_CTRL IOCTL = ADD_PARENT status = DELETED_SETTING id = %u path = C:\\a.exe", Id(0))));
+    constexpr char record[] = "IRP = DEV_CTRL IOCTL = ADD_PARENT status = %s id = %u path = C:\\a.exe";
+    EXPECT_THAT(Messages(),
+        ElementsAre(Text(record, "ADDED_SETTING", Id(0)), Text(record, "DELETED_SETTING", Id(0))));
 }
 }
