@@ -48,12 +48,6 @@ NTSTATUS ReportInsertion(
     }
     return status;
 }
-
-void FreeString(PUNICODE_STRING string)
-{
-    FreePool(string->Buffer);
-    *string = {};
-}
 }
 
 // Nobody else is there yet, so no lock is taken.

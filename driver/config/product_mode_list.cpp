@@ -3,7 +3,6 @@
 #include "driver/config/running_images.h"
 #include "driver/core/global_state.h"
 #include "driver/util/debug_print.h"
-#include "driver/util/unlocked.h"
 
 namespace
 {

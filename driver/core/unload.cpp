@@ -8,7 +8,7 @@
 #include "driver/log/log_channel.h"
 #include "driver/process/process_notify.h"
 #include "driver/process/setting_id.h"
-#include "driver/util/pool.h"
+#include "driver/util/counted_string.h"
 
 namespace
 {
@@ -27,12 +27,6 @@ void RemoveProcessNotify()
     {
         DbgPrint("Tarnveil - PsSetCreateProcessNotifyRoutineEx - %08x\n", status);
     }
-}
-
-void FreeString(PUNICODE_STRING string)
-{
-    FreePool(string->Buffer);
-    *string = {};
 }
 
 void FreeConfiguration()

@@ -12,7 +12,7 @@ namespace
 {
 LockedList<FileProtection>& Protections = Global.FileProtections;
 
-// A null path makes no entry.
+// *isNew tells whether the path was not there before.
 NTSTATUS FindOrAdd(PCUNICODE_STRING path, FileProtection** protection, bool* isNew)
 {
     *isNew = false;

@@ -61,6 +61,12 @@ UNICODE_STRING CountedString::Detach()
     return string;
 }
 
+void FreeString(PUNICODE_STRING string)
+{
+    FreePool(string->Buffer);
+    *string = {};
+}
+
 UNICODE_STRING SubString(const UNICODE_STRING& string, USHORT offset, USHORT length)
 {
     UNICODE_STRING part;

@@ -41,6 +41,9 @@ private:
     UNICODE_STRING string_ = {};
 };
 
+// Frees the buffer of a record's own string and empties it.
+void FreeString(PUNICODE_STRING string);
+
 // Parts of a string without a copy.
 UNICODE_STRING SubString(const UNICODE_STRING& string, USHORT offset, USHORT length);
 inline UNICODE_STRING RightOf(const UNICODE_STRING& string, USHORT offset)

@@ -3,8 +3,8 @@
 
 #include "hosted/machine/testing.h"
 #include "tests/scenario/driver_under_test.h"
+#include "tests/text.h"
 
-#include <cstdio>
 #include <gmock/gmock.h>
 #include <tarnveil/control.h>
 
@@ -13,13 +13,6 @@ namespace scenario_test
 using namespace host;
 using testing::ElementsAre;
 using testing::IsEmpty;
-
-inline std::string Text(const char* format, auto... arguments)
-{
-    char text[2048];
-    std::snprintf(text, sizeof(text), format, arguments...);
-    return text;
-}
 
 class AgentScenario : public testing::Test
 {

@@ -8,8 +8,8 @@
 #include "hosted/machine/native_image.h"
 #include "hosted/ps/process_create.h"
 #include "hosted/ps/query_hooks.h"
+#include "tests/text.h"
 
-#include <cstdio>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <tarnveil/control.h>
@@ -19,13 +19,6 @@ namespace agent_test
 using namespace host;
 using testing::ElementsAre;
 using testing::IsEmpty;
-
-inline std::string Text(const char* format, auto... arguments)
-{
-    char text[2048];
-    std::snprintf(text, sizeof(text), format, arguments...);
-    return text;
-}
 
 class AgentTest : public testing::Test
 {
