@@ -106,6 +106,10 @@ if(TARNVEIL_SANITIZER OR TARNVEIL_COVERAGE)
         tarnveil_test(scenario_image_tests tests/scenario image_scenario hosted ${LIBCRYPTO_STATIC})
         target_sources(scenario_image_tests PRIVATE tests/scenario_drivers/shipping.cpp)
         tarnveil_test(conformance_loader tests/conformance/loader image hosted)
+        # One configuration is enough: what is tested runs outside of the test program.
+        tarnveil_test(conformance_wine tests/conformance/wine wine)
+        target_compile_definitions(conformance_wine PRIVATE
+            TARNVEIL_AGENT="${CMAKE_SOURCE_DIR}/build/windows/tarnctl.exe")
     endif()
     tarnveil_test(stress_tests tests/stress stress driver_native hosted)
     tarnveil_test(conformance_image tests/conformance/image image)

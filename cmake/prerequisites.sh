@@ -9,7 +9,7 @@ install_prerequisites()
         clang-19 lld-19 llvm-19 libclang-rt-19-dev
         mingw-w64-x86-64-dev gcc-mingw-w64-x86-64-win32 g++-mingw-w64-x86-64-win32
         dpkg-dev xz-utils ca-certificates
-        openssl osslsigncode
+        openssl osslsigncode wine64
         libssl-dev libicu-dev libgtest-dev libgmock-dev libcli11-dev
     )
     local missing=() package

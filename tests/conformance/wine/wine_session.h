@@ -1,0 +1,32 @@
+// Programs under Wine, in a prefix of their own.
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace wine
+{
+// A machine that Wine plays: its disk and registry live as long as the object, its running system only as long as one
+// batch. The driver image and the agent stand in C:\.
+class Prefix
+{
+public:
+    // Boots once. Throws std::runtime_error, with what Wine said, when that fails.
+    Prefix(const std::filesystem::path& image, const std::filesystem::path& agent);
+    ~Prefix();
+    Prefix(const Prefix&) = delete;
+    Prefix& operator=(const Prefix&) = delete;
+
+    struct Outcome
+    {
+        std::string Output;               // of the batch's programs, both streams
+        std::vector<std::string> Prints;  // what the driver gave to DbgPrint, in order
+    };
+    // Runs the lines as one batch, with a system that is shut down behind it.
+    Outcome Run(const std::vector<std::string>& lines) const;
+
+private:
+    std::filesystem::path folder_;
+};
+}
