@@ -18,6 +18,7 @@ count_results()
         read -r suite_passed suite_failed < <(result_file_counts "$folder/results/${name//\//_}.xml")
         passed=$((passed + suite_passed))
         failed=$((failed + suite_failed))
+        print_skipped "$folder/results/${name//\//_}.xml"
         if [ "$status" != run ] && [ "$suite_failed" -eq 0 ]
         then
             failed=$((failed + 1))
@@ -43,4 +44,26 @@ result_file_counts()
             passed += attribute("tests") - failures - attribute("disabled") - attribute("skipped")
         }
         END { print passed + 0, failed + 0 }' "$1"
+}
+
+# Names each skipped test of one GoogleTest result file with the reason that it gave.
+print_skipped()
+{
+    [ -f "$1" ] || return 0
+    sed -n -E '/<testcase /{
+            s/.* name="([^"]*)".* classname="([^"]*)".*/\2.\1/
+            h
+        }
+        /<skipped message="/{
+            s/.*<skipped message="([^"]*)".*/\1/
+            s/^[^&]*&#x0A;//
+            s/&#x0A;/ /g
+            s/&apos;/'"'"'/g; s/&quot;/"/g; s/&lt;/</g; s/&gt;/>/g; s/&amp;/\&/g
+            s/ *$//
+            x
+            G
+            s/\n/: /
+            s/^/skipped /
+            p
+        }' "$1"
 }
