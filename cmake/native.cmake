@@ -24,7 +24,7 @@ endif()
 include_directories(${CMAKE_SOURCE_DIR} ${CMAKE_SOURCE_DIR}/include ${CMAKE_SOURCE_DIR}/hosted/include)
 
 file(GLOB_RECURSE HOSTED_SOURCES CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/hosted/*.cpp)
-list(FILTER HOSTED_SOURCES EXCLUDE REGEX "/hosted/road/")
+list(FILTER HOSTED_SOURCES EXCLUDE REGEX "/hosted/(road|live)/")
 add_library(hosted STATIC ${HOSTED_SOURCES})
 target_link_libraries(hosted PUBLIC Threads::Threads)
 if(TARNVEIL_SANITIZER)
@@ -33,6 +33,17 @@ if(TARNVEIL_SANITIZER)
     target_precompile_headers(hosted PRIVATE
         <algorithm> <atomic> <functional> <map> <memory> <mutex> <optional> <string> <vector>)
 endif()
+
+# The live volume: programs of this machine as the hosted system's.
+file(GLOB_RECURSE LIVE_SOURCES CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/hosted/live/*.cpp)
+list(FILTER LIVE_SOURCES EXCLUDE REGEX "/hosted/live/(mount|tarnhost)/")
+add_library(live STATIC ${LIVE_SOURCES})
+target_link_libraries(live PUBLIC hosted)
+find_package(PkgConfig REQUIRED)
+pkg_check_modules(FUSE3 REQUIRED IMPORTED_TARGET fuse3)
+file(GLOB MOUNT_SOURCES CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/hosted/live/mount/*.cpp)
+add_library(live_mount STATIC ${MOUNT_SOURCES})
+target_link_libraries(live_mount PUBLIC live PkgConfig::FUSE3)
 
 add_library(driver_native STATIC ${TARNVEIL_DRIVER_SOURCES})
 target_compile_definitions(driver_native PRIVATE TARNVEIL_DRIVER_SOURCE=1)
@@ -52,6 +63,7 @@ function(tarnveil_program NAME FOLDER)
 endfunction()
 
 tarnveil_program(road hosted/road driver_native hosted)
+tarnveil_program(tarnhost hosted/live/tarnhost live_mount driver_native hosted)
 
 # The rules of the package, for the program by which ./package checks what it has made, and for the tests.
 file(GLOB PACKAGE_RULES CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/tests/conformance/package/rules/*.cpp)
@@ -91,7 +103,7 @@ if(TARNVEIL_SANITIZER OR TARNVEIL_COVERAGE)
     enable_testing()
     find_package(GTest REQUIRED)
     # The upcase table is compared with ICU's.
-    tarnveil_test(unit_tests tests/unit unit tarnctl_core driver_native hosted icuuc)
+    tarnveil_test(unit_tests tests/unit unit tarnctl_core live_mount live driver_native hosted icuuc)
     # Routines that a unit test may answer for; see tests/unit/driver/stand_in.h.
     foreach(ROUTINE FltGetFileNameInformation ZwQuerySymbolicLinkObject _Z12CTInitializeP10CacheTable
             _Z17CTGetElementCountP10CacheTablePj _Z12DecodeBase64PKwjPhPj
@@ -111,6 +123,12 @@ if(TARNVEIL_SANITIZER OR TARNVEIL_COVERAGE)
         target_compile_definitions(conformance_wine PRIVATE
             TARNVEIL_AGENT="${CMAKE_SOURCE_DIR}/build/windows/tarnctl.exe")
     endif()
+    # Programs on a mounted volume. What they are told to run stands beside the tests.
+    add_executable(random_file_program tests/live/program/random_file_program.cpp)
+    tarnveil_test(live_tests tests/live/test live)
+    add_dependencies(live_tests tarnhost tarnctl random_file_program)
+    target_compile_definitions(live_tests PRIVATE TARNHOST="$<TARGET_FILE:tarnhost>" TARNCTL="$<TARGET_FILE:tarnctl>"
+        RANDOM_FILE_PROGRAM="$<TARGET_FILE:random_file_program>")
     tarnveil_test(stress_tests tests/stress stress driver_native hosted)
     tarnveil_test(conformance_image tests/conformance/image image)
     tarnveil_test(conformance_texts tests/conformance/texts texts)

@@ -1,19 +1,11 @@
 # shellcheck shell=bash
 # Sourced by the commands at the top of the tree.
 
-# Installs through apt-get the packages that the build needs and the machine lacks; silent when there is nothing to do.
-install_prerequisites()
+# Installs through apt-get those of the packages that the machine lacks; silent when there is nothing to do.
+install_packages()
 {
-    local packages=(
-        cmake ninja-build make perl
-        clang-19 lld-19 llvm-19 libclang-rt-19-dev
-        mingw-w64-x86-64-dev gcc-mingw-w64-x86-64-win32 g++-mingw-w64-x86-64-win32
-        dpkg-dev xz-utils ca-certificates
-        openssl osslsigncode wine64
-        libssl-dev libicu-dev libgtest-dev libgmock-dev libcli11-dev
-    )
     local missing=() package
-    for package in "${packages[@]}"
+    for package in "$@"
     do
         [ "$(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null)" = installed ] || missing+=("$package")
     done
@@ -35,6 +27,25 @@ install_prerequisites()
     rm -f "$log"
     echo "installing the packages above failed" >&2
     return 1
+}
+
+# What the build needs.
+install_prerequisites()
+{
+    install_packages \
+        cmake ninja-build make perl \
+        clang-19 lld-19 llvm-19 libclang-rt-19-dev \
+        mingw-w64-x86-64-dev gcc-mingw-w64-x86-64-win32 g++-mingw-w64-x86-64-win32 \
+        dpkg-dev xz-utils ca-certificates \
+        openssl osslsigncode wine64 \
+        libssl-dev libicu-dev libgtest-dev libgmock-dev libcli11-dev \
+        pkg-config libfuse3-dev fuse3
+}
+
+# What the tests of live volumes run.
+install_live_programs()
+{
+    install_packages git sqlite3 rsync zip unzip stress-ng attr python3 make gcc procps
 }
 
 # Configures (when needed) and builds one preset. usage: build PRESET [TARGET...]

@@ -1,0 +1,120 @@
+// Listing directories.
+#include "hosted/live/mount/operations.h"
+#include "hosted/live/mount/replies.h"
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+
+namespace live
+{
+namespace
+{
+constexpr ULONG ListingBytes = 64 << 10;
+
+mode_t TypeOf(ULONG attributes)
+{
+    if ((attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0)
+    {
+        return S_IFLNK;
+    }
+    return (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0 ? S_IFDIR : S_IFREG;
+}
+
+void TakeEntries(const UCHAR* records, std::vector<DirectoryEntry>* entries)
+{
+    for (;;)
+    {
+        const auto* record = reinterpret_cast<const FILE_ID_BOTH_DIR_INFORMATION*>(records);
+        const host::WideView name(record->FileName, record->FileNameLength / sizeof(WCHAR));
+        entries->push_back({host::NameToHost(name), static_cast<ino_t>(record->FileId.QuadPart),
+                            TypeOf(record->FileAttributes)});
+        if (record->NextEntryOffset == 0)
+        {
+            return;
+        }
+        records += record->NextEntryOffset;
+    }
+}
+
+// The whole directory at once: what a program reads on must not change with what it removes meanwhile.
+NTSTATUS List(PFILE_OBJECT directory, std::vector<DirectoryEntry>* entries)
+{
+    entries->clear();
+    const std::unique_ptr<ULONGLONG[]> buffer(new ULONGLONG[ListingBytes / sizeof(ULONGLONG)]);
+    for (bool restart = true;; restart = false)
+    {
+        ULONG_PTR used = 0;
+        const NTSTATUS status = host::QueryDirectory(directory, FileIdBothDirectoryInformation, false, restart, {},
+            buffer.get(), ListingBytes, &used);
+        if (status == STATUS_NO_MORE_FILES || status == STATUS_NO_SUCH_FILE)
+        {
+            return STATUS_SUCCESS;
+        }
+        if (!NT_SUCCESS(status))
+        {
+            return status;
+        }
+        TakeEntries(reinterpret_cast<const UCHAR*>(buffer.get()), entries);
+    }
+}
+}
+
+void OpenDirectory(fuse_req_t request, fuse_ino_t node, fuse_file_info* info)
+{
+    MountState& state = StateOf(request);
+    const Requester requester(request);
+    if (!requester)
+    {
+        fuse_reply_err(request, EACCES);
+        return;
+    }
+    auto handle = std::make_unique<OpenHandle>();
+    handle->Node = node;
+    handle->File = OpenedFile(state.Nodes.PathOf(node),
+        {.Access = FILE_LIST_DIRECTORY | Traverse | FILE_READ_ATTRIBUTES, .Options = FILE_DIRECTORY_FILE});
+    if (!handle->File)
+    {
+        ReplyStatus(request, handle->File.Status());
+        return;
+    }
+    OpenHandle* added = state.Handles.Add(std::move(handle));
+    info->fh = reinterpret_cast<uint64_t>(added);
+    if (fuse_reply_open(request, info) != 0)
+    {
+        state.Handles.Remove(added);
+    }
+}
+
+void ReadDirectory(fuse_req_t request, fuse_ino_t, size_t size, off_t offset, fuse_file_info* info)
+{
+    OpenHandle& handle = *HandleOf(info);
+    const std::lock_guard guard(handle.Lock);
+    if (offset == 0)
+    {
+        const NTSTATUS status = List(handle.File.Get(), &handle.Entries);
+        if (!NT_SUCCESS(status))
+        {
+            ReplyStatus(request, status);
+            return;
+        }
+    }
+    std::vector<char> answer(size);
+    size_t used = 0;
+    for (size_t next = static_cast<size_t>(offset); next < handle.Entries.size(); ++next)
+    {
+        const DirectoryEntry& entry = handle.Entries[next];
+        struct stat info = {};
+        info.st_ino = entry.Inode;
+        info.st_mode = entry.Type;
+        const size_t needed = fuse_add_direntry(request, answer.data() + used, size - used, entry.Name.c_str(), &info,
+            static_cast<off_t>(next + 1));
+        if (needed > size - used)
+        {
+            break;
+        }
+        used += needed;
+    }
+    fuse_reply_buf(request, answer.data(), used);
+}
+}

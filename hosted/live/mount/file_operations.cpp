@@ -1,0 +1,267 @@
+// Opening, reading and writing files.
+#include "hosted/live/mount/operations.h"
+#include "hosted/live/mount/replies.h"
+
+#include "hosted/io/file_object.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <fcntl.h>
+#include <linux/falloc.h>
+#include <memory>
+
+namespace live
+{
+namespace
+{
+// Non-cached transfers are made of whole sectors; others go through the cache and straight on to the disk.
+constexpr size_t SectorBytes = 512;
+constexpr size_t LargestTransfer = 1 << 20;
+
+ACCESS_MASK AccessFor(int flags)
+{
+    constexpr ACCESS_MASK Always = FILE_READ_ATTRIBUTES | ReadExtendedAttributes;
+    constexpr ACCESS_MASK Changing = FILE_WRITE_DATA | FILE_WRITE_ATTRIBUTES;
+    switch (flags & O_ACCMODE)
+    {
+    case O_RDONLY:
+        return Always | FILE_READ_DATA;
+    default:
+        // The kernel's page cache reads the rest of a page that a program writes a part of.
+        return Always | FILE_READ_DATA | Changing;
+    }
+}
+
+ULONG DispositionFor(int flags)
+{
+    const bool truncate = (flags & O_TRUNC) != 0;
+    if ((flags & O_CREAT) == 0)
+    {
+        return truncate ? FILE_OVERWRITE : FILE_OPEN;
+    }
+    if ((flags & O_EXCL) != 0)
+    {
+        return FILE_CREATE;
+    }
+    return truncate ? FILE_OVERWRITE_IF : FILE_OPEN_IF;
+}
+
+// Opens what the flags ask for; the handle's files stay empty when it fails, and the status says why.
+NTSTATUS OpenHandleFiles(const host::WideString& path, int flags, const host::FolderCreation* creation,
+    OpenHandle* handle)
+{
+    OpenWish wish = {.Access = AccessFor(flags),
+                     .Disposition = DispositionFor(flags),
+                     .Options = FILE_NON_DIRECTORY_FILE,
+                     .Creation = creation};
+    handle->File = OpenedFile(path, wish);
+    if (!handle->File || (flags & O_DIRECT) == 0)
+    {
+        return handle->File.Status();
+    }
+    wish.Disposition = FILE_OPEN;
+    wish.Options |= FILE_NO_INTERMEDIATE_BUFFERING;
+    wish.Creation = nullptr;
+    handle->Direct = OpenedFile(path, wish);
+    return handle->Direct.Status();
+}
+
+void SetAnswerFlags(fuse_file_info* info)
+{
+    // The pages that the host's kernel holds of the file are those that this volume would give: every change comes
+    // through it.
+    info->keep_cache = 1;
+    info->noflush = 0;
+}
+
+// The file object that a transfer is to use.
+PFILE_OBJECT FileFor(OpenHandle& handle, const fuse_file_info* info, off_t offset, size_t size)
+{
+    const bool direct = handle.Direct && (info->flags & O_DIRECT) != 0 && !info->writepage &&
+                        offset % SectorBytes == 0 && size % SectorBytes == 0;
+    return direct ? handle.Direct.Get() : handle.File.Get();
+}
+
+// Whoever may write a program's file but is not trusted with its powers takes them away by writing. What the kernel's
+// page cache writes later was judged when it was written there.
+void DropPowers(fuse_req_t request, PFILE_OBJECT file)
+{
+    constexpr mode_t Powers = S_ISUID | S_ISGID;
+    struct stat info = {};
+    if (fuse_req_ctx(request)->uid != 0 && host::FolderStat(file, &info) == 0 && (info.st_mode & Powers) != 0)
+    {
+        const bool locksOnly = (info.st_mode & S_IXGRP) == 0;
+        chmod(DescriptorPath(file).c_str(), info.st_mode & 07777 & ~(locksOnly ? S_ISUID : Powers));
+    }
+}
+
+NTSTATUS WriteZeros(PFILE_OBJECT file, LONGLONG offset, LONGLONG end)
+{
+    static const std::vector<UCHAR> zeros(LargestTransfer);
+    NTSTATUS status = STATUS_SUCCESS;
+    while (offset < end && NT_SUCCESS(status))
+    {
+        const ULONG length = static_cast<ULONG>(std::min<LONGLONG>(end - offset, LargestTransfer));
+        IO_STATUS_BLOCK result = {};
+        status = host::WriteFile(file, offset, zeros.data(), length, &result);
+        offset += length;
+    }
+    return status;
+}
+
+// Whoever has it open may ask for a flush, whatever the file was opened for.
+NTSTATUS Flush(PFILE_OBJECT file)
+{
+    host::FilterRequest flush = host::NewFileRequest(file, IRP_MJ_FLUSH_BUFFERS, IRP_SYNCHRONOUS_API);
+    IO_STATUS_BLOCK status = {};
+    return host::SendFileRequest(flush, &status);
+}
+
+NTSTATUS Reserve(PFILE_OBJECT file, int mode, LONGLONG offset, LONGLONG length)
+{
+    struct stat info = {};
+    if (host::FolderStat(file, &info) != 0)
+    {
+        return STATUS_UNEXPECTED_IO_ERROR;
+    }
+    const LONGLONG end = offset + length;
+    if ((mode & (FALLOC_FL_PUNCH_HOLE | FALLOC_FL_ZERO_RANGE)) != 0)
+    {
+        const NTSTATUS status = WriteZeros(file, offset, std::min<LONGLONG>(end, info.st_size));
+        if (!NT_SUCCESS(status))
+        {
+            return status;
+        }
+    }
+    if ((mode & FALLOC_FL_KEEP_SIZE) != 0 || end <= info.st_size)
+    {
+        return STATUS_SUCCESS;
+    }
+    return host::SetEndOfFile(file, end);
+}
+}
+
+void Open(fuse_req_t request, fuse_ino_t node, fuse_file_info* info)
+{
+    MountState& state = StateOf(request);
+    const Requester requester(request);
+    if (!requester)
+    {
+        fuse_reply_err(request, EACCES);
+        return;
+    }
+    auto handle = std::make_unique<OpenHandle>();
+    handle->Node = node;
+    const NTSTATUS status = OpenHandleFiles(state.Nodes.PathOf(node), info->flags & ~O_CREAT, nullptr, handle.get());
+    if (!NT_SUCCESS(status))
+    {
+        ReplyStatus(request, status);
+        return;
+    }
+    SetAnswerFlags(info);
+    OpenHandle* added = state.Handles.Add(std::move(handle));
+    info->fh = reinterpret_cast<uint64_t>(added);
+    if (fuse_reply_open(request, info) != 0)
+    {
+        state.Handles.Remove(added);
+    }
+}
+
+void Create(fuse_req_t request, fuse_ino_t parent, const char* name, mode_t mode, fuse_file_info* info)
+{
+    MountState& state = StateOf(request);
+    const Requester requester(request);
+    host::WideString path;
+    host::WideString wide;
+    const int error = requester ? PathOfName(state, parent, name, &path, &wide) : EACCES;
+    if (error != 0)
+    {
+        fuse_reply_err(request, error);
+        return;
+    }
+    const host::FolderCreation creation = CreationBy(request, mode);
+    auto handle = std::make_unique<OpenHandle>();
+    const NTSTATUS status = OpenHandleFiles(path, info->flags | O_CREAT, &creation, handle.get());
+    struct stat attributes = {};
+    if (!NT_SUCCESS(status) || host::FolderStat(handle->File.Get(), &attributes) != 0)
+    {
+        ReplyStatus(request, NT_SUCCESS(status) ? STATUS_UNEXPECTED_IO_ERROR : status);
+        return;
+    }
+    fuse_entry_param entry = {};
+    entry.attr = attributes;
+    entry.ino = state.Nodes.Enter(parent, wide, attributes);
+    handle->Node = entry.ino;
+    SetAnswerFlags(info);
+    OpenHandle* added = state.Handles.Add(std::move(handle));
+    info->fh = reinterpret_cast<uint64_t>(added);
+    if (fuse_reply_create(request, &entry, info) != 0)
+    {
+        state.Handles.Remove(added);
+        state.Nodes.Forget(entry.ino, 1);
+    }
+}
+
+void Read(fuse_req_t request, fuse_ino_t, size_t size, off_t offset, fuse_file_info* info)
+{
+    // Aligned, so that a non-cached read needs no copy on its way.
+    static thread_local std::unique_ptr<char, decltype(&std::free)> buffer(
+        static_cast<char*>(std::aligned_alloc(PAGE_SIZE, LargestTransfer)), &std::free);
+    OpenHandle& handle = *HandleOf(info);
+    const ULONG length = static_cast<ULONG>(std::min(size, LargestTransfer));
+    IO_STATUS_BLOCK result = {};
+    const NTSTATUS status =
+        host::ReadFile(FileFor(handle, info, offset, length), offset, buffer.get(), length, &result);
+    if (!NT_SUCCESS(status) && status != STATUS_END_OF_FILE)
+    {
+        ReplyStatus(request, status);
+        return;
+    }
+    fuse_reply_buf(request, buffer.get(), status == STATUS_END_OF_FILE ? 0 : result.Information);
+}
+
+void Write(fuse_req_t request, fuse_ino_t, const char* data, size_t size, off_t offset, fuse_file_info* info)
+{
+    OpenHandle& handle = *HandleOf(info);
+    const PFILE_OBJECT file = FileFor(handle, info, offset, size);
+    if (!info->writepage)
+    {
+        DropPowers(request, file);
+    }
+    IO_STATUS_BLOCK result = {};
+    NTSTATUS status = host::WriteFile(file, offset, data, static_cast<ULONG>(size), &result);
+    const bool throughCache = file == handle.File.Get() && (info->flags & O_DIRECT) != 0 && !info->writepage;
+    if (NT_SUCCESS(status) && throughCache)
+    {
+        status = Flush(file);
+    }
+    if (!NT_SUCCESS(status))
+    {
+        ReplyStatus(request, status);
+        return;
+    }
+    fuse_reply_write(request, result.Information);
+}
+
+void Release(fuse_req_t request, fuse_ino_t, fuse_file_info* info)
+{
+    StateOf(request).Handles.Remove(HandleOf(info));
+    fuse_reply_err(request, 0);
+}
+
+void Synchronize(fuse_req_t request, fuse_ino_t, int, fuse_file_info* info)
+{
+    ReplyStatus(request, Flush(HandleOf(info)->File.Get()));
+}
+
+void Allocate(fuse_req_t request, fuse_ino_t, int mode, off_t offset, off_t length, fuse_file_info* info)
+{
+    constexpr int Known = FALLOC_FL_KEEP_SIZE | FALLOC_FL_PUNCH_HOLE | FALLOC_FL_ZERO_RANGE;
+    if ((mode & ~Known) != 0)
+    {
+        fuse_reply_err(request, EOPNOTSUPP);
+        return;
+    }
+    ReplyStatus(request, Reserve(HandleOf(info)->File.Get(), mode, offset, length));
+}
+}

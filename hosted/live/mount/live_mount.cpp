@@ -1,0 +1,173 @@
+#include "hosted/live/mount/live_mount.h"
+
+#include "hosted/live/mount/init_reply.h"
+#include "hosted/live/mount/operations.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <fcntl.h>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <sys/mount.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace live
+{
+namespace
+{
+constexpr unsigned LargestTransfer = 1 << 20;
+constexpr unsigned Threads = 16;
+constexpr unsigned BackgroundRequests = 64;
+constexpr char LargestReadAhead[] = "1024\n"; // KiB
+
+void Initialize(void* userdata, fuse_conn_info* connection)
+{
+    auto& state = *static_cast<MountState*>(userdata);
+    const unsigned wanted = FUSE_CAP_WRITEBACK_CACHE | FUSE_CAP_ATOMIC_O_TRUNC | FUSE_CAP_ASYNC_READ |
+                            FUSE_CAP_PARALLEL_DIROPS | FUSE_CAP_ASYNC_DIO;
+    // Data need not be invalidated by what this side says of times: every change comes through the kernel. And data
+    // arrive in memory, where they are enciphered, so pipes would only cost.
+    const unsigned unwanted = FUSE_CAP_AUTO_INVAL_DATA | FUSE_CAP_HANDLE_KILLPRIV | FUSE_CAP_READDIRPLUS |
+                              FUSE_CAP_READDIRPLUS_AUTO | FUSE_CAP_SPLICE_READ | FUSE_CAP_SPLICE_WRITE |
+                              FUSE_CAP_SPLICE_MOVE;
+    connection->want = (connection->want | (wanted & connection->capable)) & ~unwanted;
+    connection->max_write = LargestTransfer;
+    connection->max_read = LargestTransfer;
+    connection->max_readahead = LargestTransfer;
+    connection->max_background = BackgroundRequests;
+    connection->congestion_threshold = BackgroundRequests * 3 / 4;
+    if (state.Ready)
+    {
+        state.Ready();
+    }
+}
+
+fuse_lowlevel_ops TheOperations()
+{
+    fuse_lowlevel_ops operations = {};
+    operations.init = Initialize;
+    operations.lookup = Lookup;
+    operations.forget = Forget;
+    operations.getattr = GetAttributes;
+    operations.setattr = SetAttributes;
+    operations.readlink = ReadSymbolicLink;
+    operations.mknod = MakeNode;
+    operations.mkdir = MakeDirectory;
+    operations.unlink = RemoveFile;
+    operations.rmdir = RemoveDirectory;
+    operations.symlink = MakeSymbolicLink;
+    operations.rename = Rename;
+    operations.link = Link;
+    operations.open = Open;
+    operations.read = Read;
+    operations.write = Write;
+    operations.release = Release;
+    operations.fsync = Synchronize;
+    operations.opendir = OpenDirectory;
+    operations.readdir = ReadDirectory;
+    operations.releasedir = Release;
+    operations.fsyncdir = Synchronize;
+    operations.statfs = GetVolumeStatistics;
+    operations.setxattr = SetExtended;
+    operations.getxattr = GetExtended;
+    operations.listxattr = ListExtended;
+    operations.removexattr = RemoveExtended;
+    operations.create = Create;
+    operations.forget_multi = ForgetMany;
+    operations.fallocate = Allocate;
+    return operations;
+}
+
+// The kernel reads ahead in steps of 128 KiB unless told; only root may tell it. Before the volume is served, so the
+// folder itself cannot be asked for its device.
+void EnlargeReadAhead(const std::string& folder)
+{
+    std::ifstream mounts("/proc/self/mountinfo");
+    std::string device;
+    for (std::string line; std::getline(mounts, line);)
+    {
+        std::istringstream fields(line);
+        std::string id;
+        std::string parent;
+        std::string number;
+        std::string root;
+        std::string place;
+        fields >> id >> parent >> number >> root >> place;
+        device = place == folder ? number : device;
+    }
+    std::ofstream("/sys/class/bdi/" + device + "/read_ahead_kb") << LargestReadAhead;
+}
+
+// Not libfuse's own way, which closes the connection first: what the kernel has still to write would be lost.
+void Unmount(const std::string& folder)
+{
+    if (umount2(folder.c_str(), MNT_DETACH) == 0 || errno != EPERM)
+    {
+        return;
+    }
+    if (const pid_t child = fork(); child == 0)
+    {
+        execlp("fusermount3", "fusermount3", "-u", "-z", "-q", "--", folder.c_str(), nullptr);
+        _exit(127);
+    }
+    else if (child > 0)
+    {
+        waitpid(child, nullptr, 0);
+    }
+}
+}
+
+LiveMount::LiveMount(MountState& state, const std::string& folder) : state_(state), folder_(folder)
+{
+    std::string options = "default_permissions,fsname=tarnhost,subtype=tarnhost,max_read=" + std::to_string(LargestTransfer);
+    if (geteuid() == 0)
+    {
+        options += ",allow_other";
+    }
+    const char* arguments[] = {"tarnhost", "-o", options.c_str()};
+    fuse_args args = FUSE_ARGS_INIT(3, const_cast<char**>(arguments));
+    const fuse_lowlevel_ops operations = TheOperations();
+    session_ = fuse_session_new(&args, &operations, sizeof(operations), &state_);
+    fuse_opt_free_args(&args);
+    if (session_ == nullptr)
+    {
+        throw std::runtime_error("libfuse made no session");
+    }
+    if (fuse_session_mount(session_, folder_.c_str()) != 0)
+    {
+        fuse_session_destroy(session_);
+        throw std::runtime_error("cannot mount on " + folder_);
+    }
+    EnlargeReadAhead(folder_);
+    AnswerForSetIdBits(session_);
+}
+
+LiveMount::~LiveMount()
+{
+    fuse_session_unmount(session_);
+    fuse_session_destroy(session_);
+    state_.Handles.Clear();
+}
+
+void LiveMount::Serve()
+{
+    fuse_loop_config* config = fuse_loop_cfg_create();
+    fuse_loop_cfg_set_max_threads(config, Threads);
+    fuse_loop_cfg_set_idle_threads(config, Threads);
+    fuse_session_loop_mt(session_, config);
+    fuse_loop_cfg_destroy(config);
+}
+
+void LiveMount::End()
+{
+    if (const int folder = open(folder_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); folder >= 0)
+    {
+        syncfs(folder);
+        close(folder);
+    }
+    Unmount(folder_);
+    fuse_session_exit(session_);
+}
+}

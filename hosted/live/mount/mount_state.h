@@ -1,0 +1,37 @@
+// What every request of the mounted volume uses.
+#pragma once
+
+#include "hosted/live/mount/node_table.h"
+#include "hosted/live/mount/opened_file.h"
+
+#include <atomic>
+#include <functional>
+#include <mutex>
+#include <set>
+
+namespace host
+{
+struct Process;
+}
+
+namespace live
+{
+struct MountState
+{
+    explicit MountState(host::WideString volume) : Nodes(volume), Volume(std::move(volume)) {}
+
+    NodeTable Nodes;
+    const host::WideString Volume; // the device, "\Device\HarddiskVolume2"
+    // Paths inside begin with it and a backslash; empty: there is no sandbox folder on this volume.
+    host::WideString SandboxFolder;
+    // The process of a thread of the host system, referenced; null when it cannot be told.
+    std::function<host::Process*(pid_t thread)> ProcessOf;
+    // New files belong to the program that made them; otherwise to whoever serves the volume.
+    bool GivesOwnership = false;
+    // Called once, when the host's kernel accepted the volume.
+    std::function<void()> Ready;
+
+    // What is open on the volume, for requests about files without a name, and for an end with files open.
+    HandleSet Handles;
+};
+}

@@ -1,0 +1,190 @@
+#include "hosted/live/mount/node_table.h"
+
+#include <algorithm>
+#include <mutex>
+
+namespace live
+{
+NodeTable::NodeTable(host::WideString volume) : volume_(std::move(volume))
+{
+    auto root = std::make_shared<Node>();
+    root->Id = Root;
+    root->Known = false;
+    byId_.emplace(Root, std::move(root));
+}
+
+std::shared_ptr<NodeTable::Node> NodeTable::Find(NodeId id) const
+{
+    const auto found = byId_.find(id);
+    return found == byId_.end() ? nullptr : found->second;
+}
+
+std::shared_ptr<NodeTable::Node> NodeTable::FindAt(NodeId parent, host::WideView name) const
+{
+    const auto found = byName_.find({parent, host::WideString(name)});
+    return found == byName_.end() ? nullptr : Find(found->second);
+}
+
+void NodeTable::TakeAway(NodeId parent, host::WideView name)
+{
+    if (const std::shared_ptr<Node> node = FindAt(parent, name))
+    {
+        std::erase_if(node->Places, [&](const Place& place) { return place.Directory->Id == parent && place.Name == name; });
+    }
+    byName_.erase({parent, host::WideString(name)});
+}
+
+void NodeTable::Put(const std::shared_ptr<Node>& node, NodeId parent, host::WideView name)
+{
+    TakeAway(parent, name);
+    if (std::shared_ptr<Node> directory = Find(parent))
+    {
+        node->Places.push_back({std::move(directory), host::WideString(name)});
+        byName_[{parent, host::WideString(name)}] = node->Id;
+    }
+}
+
+NodeId NodeTable::Enter(NodeId parent, host::WideView name, const struct stat& info)
+{
+    const Inode key{info.st_dev, info.st_ino};
+    std::unique_lock lock(lock_);
+    std::shared_ptr<Node>& node = byInode_[key];
+    if (node == nullptr)
+    {
+        node = std::make_shared<Node>();
+        node->Id = next_++;
+        node->Key = key;
+        byId_.emplace(node->Id, node);
+    }
+    const bool there = !node->Places.empty() && node->Places.back().Directory->Id == parent && node->Places.back().Name == name;
+    if (!there)
+    {
+        Put(node, parent, name);
+    }
+    ++node->Lookups;
+    return node->Id;
+}
+
+void NodeTable::Forget(NodeId id, std::uint64_t lookups)
+{
+    std::unique_lock lock(lock_);
+    const std::shared_ptr<Node> node = Find(id);
+    if (id == Root || node == nullptr)
+    {
+        return;
+    }
+    node->Lookups -= std::min(node->Lookups, lookups);
+    if (node->Lookups != 0)
+    {
+        return;
+    }
+    byId_.erase(id);
+    if (node->Known)
+    {
+        byInode_.erase(node->Key);
+    }
+    for (const Place& place : node->Places)
+    {
+        byName_.erase({place.Directory->Id, place.Name});
+    }
+}
+
+bool NodeTable::AppendPath(const Node& node, host::WideString* path) const
+{
+    if (node.Id == Root)
+    {
+        *path = volume_;
+        return true;
+    }
+    if (node.Places.empty() || !AppendPath(*node.Places.back().Directory, path))
+    {
+        return false;
+    }
+    *path += L'\\';
+    *path += node.Places.back().Name;
+    return true;
+}
+
+host::WideString NodeTable::PathOf(NodeId id) const
+{
+    std::shared_lock lock(lock_);
+    host::WideString path;
+    const std::shared_ptr<Node> node = Find(id);
+    if (node == nullptr || !AppendPath(*node, &path))
+    {
+        return {};
+    }
+    if (id == Root)
+    {
+        // The root directory; without the backslash it would be the volume.
+        path += L'\\';
+    }
+    return path;
+}
+
+host::WideString NodeTable::PathOf(NodeId parent, host::WideView name) const
+{
+    std::shared_lock lock(lock_);
+    host::WideString path;
+    const std::shared_ptr<Node> node = Find(parent);
+    if (node == nullptr || !AppendPath(*node, &path))
+    {
+        return {};
+    }
+    path += L'\\';
+    path += name;
+    return path;
+}
+
+void NodeTable::Removed(NodeId parent, host::WideView name)
+{
+    std::unique_lock lock(lock_);
+    TakeAway(parent, name);
+}
+
+void NodeTable::Moved(NodeId parent, host::WideView name, NodeId newParent, host::WideView newName)
+{
+    std::unique_lock lock(lock_);
+    const std::shared_ptr<Node> node = FindAt(parent, name);
+    TakeAway(parent, name);
+    TakeAway(newParent, newName);
+    if (node != nullptr)
+    {
+        Put(node, newParent, newName);
+    }
+}
+
+void NodeTable::Exchanged(NodeId parent, host::WideView name, NodeId newParent, host::WideView newName)
+{
+    std::unique_lock lock(lock_);
+    const std::shared_ptr<Node> first = FindAt(parent, name);
+    const std::shared_ptr<Node> second = FindAt(newParent, newName);
+    TakeAway(parent, name);
+    TakeAway(newParent, newName);
+    if (first != nullptr)
+    {
+        Put(first, newParent, newName);
+    }
+    if (second != nullptr)
+    {
+        Put(second, parent, name);
+    }
+}
+
+void NodeTable::Gone(const struct stat& info)
+{
+    std::unique_lock lock(lock_);
+    const auto found = byInode_.find({info.st_dev, info.st_ino});
+    if (found != byInode_.end())
+    {
+        found->second->Known = false;
+        byInode_.erase(found);
+    }
+}
+
+size_t NodeTable::Count() const
+{
+    std::shared_lock lock(lock_);
+    return byId_.size();
+}
+}

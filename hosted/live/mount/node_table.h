@@ -1,0 +1,77 @@
+// What the kernel of the host system knows by number, and where it lies on the volume.
+#pragma once
+
+#include "hosted/rtl/wide_string.h"
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <shared_mutex>
+#include <sys/stat.h>
+#include <unordered_map>
+#include <vector>
+
+namespace live
+{
+using NodeId = std::uint64_t;
+
+// One number per file, whatever number of names it has, so that the host's kernel keeps one page cache for it. A number
+// is never given out again. Thread-safe; one leaf lock.
+class NodeTable
+{
+public:
+    static constexpr NodeId Root = 1;
+
+    // `volume`: the device that every path starts with.
+    explicit NodeTable(host::WideString volume);
+
+    // The file was found there: its number, with one more look-up to be forgotten.
+    NodeId Enter(NodeId parent, host::WideView name, const struct stat& info);
+    void Forget(NodeId id, std::uint64_t lookups);
+
+    // Where the file was found last; empty when that name is gone, as for a file that is only open still.
+    host::WideString PathOf(NodeId id) const;
+    // A name in a directory; empty when the directory is gone.
+    host::WideString PathOf(NodeId parent, host::WideView name) const;
+
+    // A name went away, or leads to something else now.
+    void Removed(NodeId parent, host::WideView name);
+    void Moved(NodeId parent, host::WideView name, NodeId newParent, host::WideView newName);
+    void Exchanged(NodeId parent, host::WideView name, NodeId newParent, host::WideView newName);
+    // The last name of a file went away: its inode number may come back as another file.
+    void Gone(const struct stat& info);
+
+    size_t Count() const;
+
+private:
+    using Inode = std::pair<dev_t, ino_t>;
+    struct Node;
+    struct Place
+    {
+        std::shared_ptr<Node> Directory;
+        host::WideString Name;
+    };
+    struct Node
+    {
+        NodeId Id;
+        Inode Key;
+        bool Known = true; // found by its inode
+        std::uint64_t Lookups = 0;
+        std::vector<Place> Places; // its names, the one that was looked up last at the end
+    };
+
+    std::shared_ptr<Node> Find(NodeId id) const;
+    std::shared_ptr<Node> FindAt(NodeId parent, host::WideView name) const;
+    bool AppendPath(const Node& node, host::WideString* path) const;
+    void Put(const std::shared_ptr<Node>& node, NodeId parent, host::WideView name);
+    void TakeAway(NodeId parent, host::WideView name);
+
+    const host::WideString volume_;
+    mutable std::shared_mutex lock_;
+    NodeId next_ = Root + 1;
+    std::unordered_map<NodeId, std::shared_ptr<Node>> byId_;
+    std::map<Inode, std::shared_ptr<Node>> byInode_;
+    // Where each place leads.
+    std::map<std::pair<NodeId, host::WideString>, NodeId> byName_;
+};
+}

@@ -1,0 +1,95 @@
+#include "hosted/live/mount/opened_file.h"
+
+#include "hosted/ob/object.h"
+
+#include <utility>
+
+namespace live
+{
+OpenedFile::OpenedFile(const host::WideString& path, const OpenWish& wish)
+{
+    if (path.empty())
+    {
+        return;
+    }
+    host::OpenRequest request;
+    request.Path = path;
+    request.DesiredAccess = wish.Access | SYNCHRONIZE;
+    request.Disposition = wish.Disposition;
+    request.Options = wish.Options | FILE_SYNCHRONOUS_IO_NONALERT;
+    if (wish.Creation != nullptr)
+    {
+        request.Ea = wish.Creation;
+        request.EaLength = sizeof(*wish.Creation);
+    }
+    status_ = host::OpenFile(request, &file_, &outcome_);
+}
+
+OpenedFile::OpenedFile(OpenedFile&& other) noexcept
+    : file_(std::exchange(other.file_, nullptr)), status_(other.status_), outcome_(other.outcome_)
+{
+}
+
+OpenedFile& OpenedFile::operator=(OpenedFile&& other) noexcept
+{
+    std::swap(file_, other.file_);
+    std::swap(status_, other.status_);
+    std::swap(outcome_, other.outcome_);
+    return *this;
+}
+
+void OpenedFile::Close()
+{
+    if (file_ != nullptr)
+    {
+        host::CloseFile(std::exchange(file_, nullptr));
+    }
+}
+
+OpenHandle* HandleSet::Add(std::unique_ptr<OpenHandle> handle)
+{
+    OpenHandle* added = handle.get();
+    std::lock_guard guard(lock_);
+    handles_.emplace(added->Node, std::move(handle));
+    return added;
+}
+
+void HandleSet::Remove(OpenHandle* handle)
+{
+    std::unique_ptr<OpenHandle> removed;
+    std::unique_lock lock(lock_);
+    const auto [begin, end] = handles_.equal_range(handle->Node);
+    for (auto at = begin; at != end; ++at)
+    {
+        if (at->second.get() == handle)
+        {
+            removed = std::move(at->second);
+            handles_.erase(at);
+            break;
+        }
+    }
+    lock.unlock();
+    // Here the files are closed, which takes its time.
+}
+
+PFILE_OBJECT HandleSet::AnyOf(NodeId node) const
+{
+    std::lock_guard guard(lock_);
+    const auto found = handles_.find(node);
+    if (found == handles_.end() || !found->second->File)
+    {
+        return nullptr;
+    }
+    host::ReferenceObject(found->second->File.Get());
+    return found->second->File.Get();
+}
+
+void HandleSet::Clear()
+{
+    decltype(handles_) closing;
+    {
+        std::lock_guard guard(lock_);
+        closing.swap(handles_);
+    }
+}
+}

@@ -1,0 +1,86 @@
+// Files of the volume, opened through the hosted I/O manager and the filters.
+#pragma once
+
+#include "hosted/fs/folder_file_system.h"
+#include "hosted/io/file.h"
+#include "hosted/live/mount/node_table.h"
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace live
+{
+// Rights that Windows has and that only matter to those who judge an open.
+constexpr ACCESS_MASK ReadExtendedAttributes = 0x0008;
+constexpr ACCESS_MASK WriteExtendedAttributes = 0x0010;
+constexpr ACCESS_MASK Traverse = 0x0020;
+
+struct OpenWish
+{
+    ACCESS_MASK Access = FILE_READ_ATTRIBUTES;
+    ULONG Disposition = FILE_OPEN;
+    ULONG Options = 0;
+    const host::FolderCreation* Creation = nullptr;
+};
+
+// One open file object; closed with it.
+class OpenedFile
+{
+public:
+    OpenedFile() = default;
+    // As the process that the thread plays. Everything may be shared: Linux programs never lock each other out by
+    // opening. An empty path is a file whose name is gone: STATUS_OBJECT_NAME_NOT_FOUND.
+    OpenedFile(const host::WideString& path, const OpenWish& wish);
+    ~OpenedFile() { Close(); }
+    OpenedFile(OpenedFile&& other) noexcept;
+    OpenedFile& operator=(OpenedFile&& other) noexcept;
+
+    NTSTATUS Status() const { return status_; }
+    explicit operator bool() const { return file_ != nullptr; }
+    PFILE_OBJECT Get() const { return file_; }
+    // FILE_OPENED, FILE_CREATED, ...
+    ULONG_PTR Outcome() const { return outcome_; }
+    void Close();
+
+private:
+    PFILE_OBJECT file_ = nullptr;
+    NTSTATUS status_ = STATUS_OBJECT_NAME_NOT_FOUND;
+    ULONG_PTR outcome_ = 0;
+};
+
+struct DirectoryEntry
+{
+    std::string Name;
+    ino_t Inode;
+    mode_t Type; // S_IFDIR, S_IFREG, S_IFLNK
+};
+
+// What the host's kernel holds open.
+struct OpenHandle
+{
+    NodeId Node;
+    OpenedFile File;   // cached
+    OpenedFile Direct; // non-cached as well, when it was opened with O_DIRECT
+    std::mutex Lock;
+    std::vector<DirectoryEntry> Entries; // of a directory, as they were when it was read from its start; guarded by Lock
+};
+
+// Thread-safe.
+class HandleSet
+{
+public:
+    OpenHandle* Add(std::unique_ptr<OpenHandle> handle);
+    void Remove(OpenHandle* handle);
+    // Any open file object of the node, referenced; null: none is open. For a file without a name.
+    PFILE_OBJECT AnyOf(NodeId node) const;
+    // Closes everything.
+    void Clear();
+
+private:
+    mutable std::mutex lock_;
+    std::multimap<NodeId, std::unique_ptr<OpenHandle>> handles_;
+};
+}

@@ -1,0 +1,98 @@
+#include "hosted/live/mount/replies.h"
+
+#include <cerrno>
+#include <sys/stat.h>
+
+namespace live
+{
+namespace
+{
+// What the volume's names may have, in characters; longer ones are refused by the file system with another status.
+constexpr size_t LongestName = 255;
+}
+
+int PathOfName(MountState& state, fuse_ino_t parent, const char* name, host::WideString* path, host::WideString* wide)
+{
+    if (!host::NameFromHost(name, wide))
+    {
+        return EILSEQ;
+    }
+    if (wide->size() > LongestName)
+    {
+        return ENAMETOOLONG;
+    }
+    *path = state.Nodes.PathOf(parent, *wide);
+    return path->empty() ? ENOENT : 0;
+}
+
+void ReplyEntry(
+    fuse_req_t request, fuse_ino_t parent, host::WideView name, PFILE_OBJECT file, const fuse_file_info* open)
+{
+    MountState& state = StateOf(request);
+    fuse_entry_param entry = {};
+    if (const int error = host::FolderStat(file, &entry.attr))
+    {
+        fuse_reply_err(request, error);
+        return;
+    }
+    // Nothing is kept by the host's kernel: the next program that asks is judged by itself.
+    entry.attr_timeout = 0;
+    entry.entry_timeout = 0;
+    entry.ino = state.Nodes.Enter(parent, name, entry.attr);
+    if ((open != nullptr ? fuse_reply_create(request, &entry, open) : fuse_reply_entry(request, &entry)) != 0)
+    {
+        // The program was interrupted and the kernel will never forget what it never heard of.
+        state.Nodes.Forget(entry.ino, 1);
+    }
+}
+
+void ReplyAttributes(fuse_req_t request, PFILE_OBJECT file)
+{
+    struct stat info = {};
+    if (const int error = host::FolderStat(file, &info))
+    {
+        fuse_reply_err(request, error);
+        return;
+    }
+    fuse_reply_attr(request, &info, 0);
+}
+
+void ReplyStatus(fuse_req_t request, NTSTATUS status)
+{
+    fuse_reply_err(request, ErrorFromStatus(status));
+}
+
+host::FolderCreation CreationBy(fuse_req_t request, mode_t mode)
+{
+    const fuse_ctx* context = fuse_req_ctx(request);
+    host::FolderCreation creation = {};
+    creation.Mode = mode;
+    creation.Owner = context->uid;
+    creation.Group = context->gid;
+    creation.SetOwner = StateOf(request).GivesOwnership;
+    return creation;
+}
+
+NodeFile::NodeFile(MountState& state, fuse_ino_t node, const OpenWish& wish)
+{
+    const host::WideString path = state.Nodes.PathOf(node);
+    opened_ = OpenedFile(path, wish);
+    if (path.empty())
+    {
+        borrowed_ = state.Handles.AnyOf(node);
+    }
+}
+
+NodeFile::~NodeFile()
+{
+    if (borrowed_ != nullptr)
+    {
+        host::DereferenceObject(borrowed_);
+    }
+}
+
+std::string DescriptorPath(PFILE_OBJECT file)
+{
+    return "/proc/self/fd/" + std::to_string(host::FolderDescriptor(file));
+}
+}

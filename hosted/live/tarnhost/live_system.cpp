@@ -1,0 +1,295 @@
+#include "hosted/live/tarnhost/live_system.h"
+
+#include "hosted/cc/cache.h"
+#include "hosted/fs/folder_file_system.h"
+#include "hosted/ke/system_time.h"
+#include "hosted/ldr/loaded_image.h"
+#include "hosted/live/control/control_server.h"
+#include "hosted/live/control/registry_file.h"
+#include "hosted/live/tarnhost/log.h"
+#include "hosted/live/mount/live_mount.h"
+#include "hosted/live/processes/process_tracker.h"
+#include "hosted/live/tarnhost/repeated_task.h"
+#include "hosted/machine/machine.h"
+#include "hosted/machine/native_image.h"
+#include "hosted/rtl/debug_print.h"
+
+#include <atomic>
+#include <csignal>
+#include <filesystem>
+#include <optional>
+#include <poll.h>
+#include <stdexcept>
+#include <sys/eventfd.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+namespace live
+{
+namespace
+{
+using namespace std::chrono_literals;
+
+constexpr host::WideView SystemVolume = L"\\Device\\HarddiskVolume1";
+constexpr host::WideView LiveVolume = L"\\Device\\HarddiskVolume2";
+constexpr host::WideView SandboxValue = L"SandboxPath";
+// List items and headers, so that a dump says something.
+constexpr ULONG DebugLogLevel = 0x00004100;
+constexpr SIZE_T CacheBytes = 256ull << 20;
+constexpr size_t KeptDebugPrints = 1000;
+// About as often as a system of this kind moves its clock and writes what lies in its cache.
+constexpr auto ClockTick = 15ms;
+constexpr auto LazyWriteInterval = 1s;
+
+host::MachineOptions MachineFor(const LiveOptions& options)
+{
+    host::MachineOptions machine;
+    machine.System = options.System;
+    machine.System.CacheLimitBytes = CacheBytes;
+    host::VolumeOptions system;
+    system.DeviceName = SystemVolume;
+    system.DosName = L"C:";
+    system.Folder = "/";
+    system.ReadOnly = true;
+    host::VolumeOptions live;
+    live.DeviceName = LiveVolume;
+    live.DosName = L"S:";
+    live.Folder = options.Store;
+    machine.Volumes = {system, live};
+    return machine;
+}
+
+bool IsBelow(const std::string& folder, const std::string& path)
+{
+    return path.size() > folder.size() && path.starts_with(folder) && path[folder.size()] == '/';
+}
+
+// Where a file of the host system lies for the hosted one. Names that it cannot have lead nowhere.
+host::WideString ImageName(const std::string& mount, const std::string& path)
+{
+    const bool onVolume = IsBelow(mount, path);
+    host::WideString name(onVolume ? LiveVolume : SystemVolume);
+    const std::string rest = onVolume ? path.substr(mount.size()) : path;
+    for (size_t begin = 1; begin <= rest.size();)
+    {
+        const size_t end = std::min(rest.find('/', begin), rest.size());
+        host::WideString component;
+        if (!host::NameFromHost(rest.substr(begin, end - begin), &component))
+        {
+            return {};
+        }
+        name += L'\\';
+        name += component;
+        begin = end + 1;
+    }
+    return name;
+}
+
+void SetDefaults(host::Registry& registry)
+{
+    registry.SetString(host::Machine::ServiceKey, SandboxValue, host::WideString(LiveVolume) + L"\\Sandbox");
+    registry.SetDword(host::Machine::ProductKey, L"DebugLogLevel", DebugLogLevel);
+}
+
+host::WideString SandboxPath(const host::Registry& registry)
+{
+    const std::optional<host::RegistryValue> value = registry.GetValue(host::Machine::ServiceKey, SandboxValue);
+    if (!value)
+    {
+        return {};
+    }
+    const auto* text = reinterpret_cast<const WCHAR*>(value->Bytes.data());
+    const host::WideView whole(text, value->Bytes.size() / sizeof(WCHAR));
+    return host::WideString(whole.substr(0, whole.find(L'\0')));
+}
+
+// The sandbox folder when it lies on the live volume, made if it is missing: no program could make it, since whoever is
+// outside may not open it and nobody is inside yet.
+host::WideString PrepareSandbox(host::Registry& registry, const std::string& store)
+{
+    const host::WideString folder = SandboxPath(registry);
+    const host::WideString prefix = host::WideString(LiveVolume) + L"\\";
+    const bool onVolume = folder.size() > prefix.size() &&
+                          host::EqualNoCase(host::WideView(folder).substr(0, prefix.size()), prefix);
+    if (!onVolume)
+    {
+        return {};
+    }
+    std::filesystem::path path = store;
+    for (size_t begin = prefix.size(); begin < folder.size();)
+    {
+        const size_t end = std::min(folder.find(L'\\', begin), folder.size());
+        path /= host::NameToHost(host::WideView(folder).substr(begin, end - begin));
+        begin = end + 1;
+    }
+    std::filesystem::create_directories(path);
+    return folder;
+}
+
+void FollowHostClock()
+{
+    constexpr LONGLONG UnixEpoch = 116444736000000000; // in units of 100 ns since 1601
+    timespec now = {};
+    clock_gettime(CLOCK_REALTIME, &now);
+    host::SetSystemTime(UnixEpoch + now.tv_sec * 10000000LL + now.tv_nsec / 100);
+}
+
+// Ends the mount when a signal asks for it.
+class SignalWatch
+{
+public:
+    explicit SignalWatch(std::function<void()> end)
+    {
+        sigset_t signals;
+        sigemptyset(&signals);
+        for (const int signal : {SIGTERM, SIGINT, SIGHUP})
+        {
+            sigaddset(&signals, signal);
+        }
+        signals_ = signalfd(-1, &signals, SFD_CLOEXEC);
+        done_ = eventfd(0, EFD_CLOEXEC);
+        thread_ = std::thread(
+            [this, end = std::move(end)]
+            {
+                pollfd wait[] = {{signals_, POLLIN, 0}, {done_, POLLIN, 0}};
+                while (poll(wait, 2, -1) < 0)
+                {
+                }
+                if (wait[0].revents != 0)
+                {
+                    end();
+                }
+            });
+    }
+    ~SignalWatch()
+    {
+        eventfd_write(done_, 1);
+        thread_.join();
+        close(signals_);
+        close(done_);
+    }
+    SignalWatch(const SignalWatch&) = delete;
+    SignalWatch& operator=(const SignalWatch&) = delete;
+
+private:
+    int signals_;
+    int done_;
+    std::thread thread_;
+};
+
+std::vector<host::VolumeText> VolumeTexts(const LiveOptions& options)
+{
+    return {{"C:", host::Narrow(SystemVolume), "/", "/"},
+            {"S:", host::Narrow(LiveVolume), options.Store, options.Mount}};
+}
+
+// The system with its driver and its processes.
+class LiveSystem
+{
+public:
+    LiveSystem(const LiveOptions& options, const Log& log) : log_(log), machine_(MachineFor(options))
+    {
+        FollowHostClock();
+        clock_.emplace(ClockTick, FollowHostClock);
+        host::LimitDebugPrints(KeptDebugPrints);
+        host::EchoDebugPrints(options.Log);
+        ReadRegistry(options.Registry);
+        sandbox_ = PrepareSandbox(machine_.Registry(), options.Store);
+        tracker_.emplace(host::TrackerOptions{
+            .ImageName = [mount = options.Mount](const std::string& path) { return ImageName(mount, path); }});
+        Load(options.Image);
+        control_.emplace(host::ControlServerOptions{.Path = options.Socket,
+                                                    .ProcessOf = [this](pid_t id) { return tracker_->ProcessById(id); },
+                                                    .DriverText = options.Image.empty() ? "native" : options.Image,
+                                                    .Volumes = VolumeTexts(options)});
+        lazyWriter_.emplace(LazyWriteInterval, host::LazyWrite);
+    }
+
+    const host::WideString& Sandbox() const { return sandbox_; }
+    host::ProcessTracker& Processes() { return *tracker_; }
+
+    // Whether nothing was left behind.
+    bool End()
+    {
+        control_.reset();
+        lazyWriter_.reset();
+        tracker_.reset();
+        machine_.FlushAll();
+        const NTSTATUS status = machine_.UnloadDriver();
+        log_.Say("driver unloaded: status 0x%08x", static_cast<unsigned>(status));
+        registry_.reset();
+        machine_.Shutdown();
+        const std::string leaks = machine_.Leaks();
+        log_.Say("left behind: %s", leaks.empty() ? "nothing" : leaks.c_str());
+        host::EchoDebugPrints(nullptr);
+        return NT_SUCCESS(status) && leaks.empty();
+    }
+
+private:
+    void ReadRegistry(const std::string& path)
+    {
+        if (!path.empty())
+        {
+            registry_.emplace(path, [this](const std::string& text) { log_.Say("registry: %s", text.c_str()); });
+        }
+        if (!registry_ || !registry_->Existed())
+        {
+            SetDefaults(machine_.Registry());
+        }
+    }
+
+    void Load(const std::string& path)
+    {
+        if (!path.empty())
+        {
+            image_.emplace(path);
+        }
+        const NTSTATUS status = machine_.LoadDriver(image_ ? image_->Entry() : host::Image::Native);
+        if (!NT_SUCCESS(status))
+        {
+            throw std::runtime_error("the driver does not load");
+        }
+    }
+
+    const Log& log_;
+    std::optional<host::LoadedImage> image_;
+    host::Machine machine_;
+    std::optional<RepeatedTask> clock_;
+    std::optional<host::RegistryFile> registry_;
+    host::WideString sandbox_;
+    std::optional<host::ProcessTracker> tracker_;
+    std::optional<host::ControlServer> control_;
+    std::optional<RepeatedTask> lazyWriter_;
+};
+}
+
+bool RunLiveSystem(const LiveOptions& options, const std::function<void()>& ready)
+{
+    const Log log(options.Log);
+    LiveSystem system(options, log);
+    for (const host::VolumeText& volume : VolumeTexts(options))
+    {
+        log.Say("volume %s %s: %s", volume.Drive.c_str(), volume.Device.c_str(), volume.Folder.c_str());
+    }
+    log.Say("sandbox folder: %s", host::Narrow(system.Sandbox()).c_str());
+    log.Say("control socket: %s", options.Socket.c_str());
+    log.Say("processes: %s", system.Processes().ConnectorInUse() ? "told by the kernel" : "looked up in /proc");
+
+    MountState state{host::WideString(LiveVolume)};
+    state.SandboxFolder = system.Sandbox();
+    state.ProcessOf = [&system](pid_t thread) { return system.Processes().ProcessOfThread(thread); };
+    state.GivesOwnership = geteuid() == 0;
+    state.Ready = [&]
+    {
+        log.Say("mounted on %s", options.Mount.c_str());
+        ready();
+    };
+    {
+        LiveMount mount(state, options.Mount);
+        const SignalWatch watch([&mount] { mount.End(); });
+        mount.Serve();
+    }
+    log.Say("unmounted");
+    return system.End();
+}
+}

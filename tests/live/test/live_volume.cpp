@@ -1,0 +1,231 @@
+#include "tests/live/test/live_volume.h"
+
+#include <array>
+#include <cstdio>
+#include <csignal>
+#include <cstring>
+#include <cstdlib>
+#include <fcntl.h>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <sys/mount.h>
+#include <sys/wait.h>
+#include <utility>
+#include <unistd.h>
+
+namespace live_test
+{
+namespace fs = std::filesystem;
+
+namespace
+{
+constexpr char Key[] = "000102030405060708090a0b0c0d0e0f101112131415161718191a1b1c1d1e1f5c";
+constexpr char LongestRun[] = "timeout -k 5 300 ";
+
+std::string Quoted(const fs::path& path)
+{
+    return "'" + path.string() + "'";
+}
+
+void MustSucceed(const Outcome& outcome, const std::string& what)
+{
+    if (outcome.Code != 0)
+    {
+        throw std::runtime_error(what + " failed with " + std::to_string(outcome.Code) + ":\n" + outcome.Output);
+    }
+}
+
+// As the driver's patterns name a file of the machine.
+std::string SystemPath(const fs::path& path)
+{
+    std::string text = "C:" + path.string();
+    for (char& letter : text)
+    {
+        letter = letter == '/' ? '\\' : letter;
+    }
+    return text;
+}
+}
+
+Outcome Shell(const std::string& command, const fs::path& folder)
+{
+    Outcome outcome;
+    const std::string whole = "cd " + Quoted(folder) + " && { " + command + "\n} 2>&1 < /dev/null";
+    FILE* pipe = popen(whole.c_str(), "re");
+    if (pipe == nullptr)
+    {
+        throw std::runtime_error("no shell");
+    }
+    std::array<char, 4096> piece;
+    while (const size_t bytes = std::fread(piece.data(), 1, piece.size(), pipe))
+    {
+        outcome.Output.append(piece.data(), bytes);
+    }
+    const int status = pclose(pipe);
+    outcome.Code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return outcome;
+}
+
+bool CanMount(std::string* reason)
+{
+    if (access("/dev/fuse", R_OK | W_OK) != 0)
+    {
+        *reason = "/dev/fuse cannot be used here";
+        return false;
+    }
+    return true;
+}
+
+LiveVolume::LiveVolume(const std::string& image, const std::string& options) : image_(image), options_(options)
+{
+    std::string pattern = (fs::temp_directory_path() / "tarnveil-live-XXXXXX").string();
+    if (mkdtemp(pattern.data()) == nullptr)
+    {
+        throw std::runtime_error("no temporary folder");
+    }
+    folder_ = pattern;
+    fs::create_directory(Store());
+    fs::create_directory(Mount());
+    fs::copy_file("/bin/bash", folder_ / "launch");
+    Start();
+}
+
+LiveVolume::~LiveVolume()
+{
+    if (server_ > 0)
+    {
+        End();
+    }
+    umount2(Mount().c_str(), MNT_DETACH);
+    std::error_code ignored;
+    fs::remove_all(folder_, ignored);
+}
+
+void LiveVolume::Start()
+{
+    int pipeEnds[2];
+    if (pipe2(pipeEnds, O_CLOEXEC) != 0)
+    {
+        throw std::runtime_error("no pipe");
+    }
+    const std::string command = "exec " + std::string(TARNHOST) + " --store " + Quoted(Store()) + " --mount " +
+                                Quoted(Mount()) + " --socket " + Quoted(folder_ / "control") +
+                                (image_.empty() ? "" : " --driver " + Quoted(image_)) + " " + options_;
+    server_ = fork();
+    if (server_ == 0)
+    {
+        dup2(pipeEnds[1], STDOUT_FILENO);
+        dup2(pipeEnds[1], STDERR_FILENO);
+        execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
+        _exit(127);
+    }
+    close(pipeEnds[1]);
+    {
+        const std::lock_guard guard(mutex_);
+        log_.clear();
+        ended_ = false;
+    }
+    collector_ = std::thread(&LiveVolume::CollectLog, this, pipeEnds[0]);
+    if (!WaitUntilMounted())
+    {
+        End();
+        throw std::runtime_error(command + " did not mount:\n" + Log());
+    }
+    GiveSettings();
+}
+
+void LiveVolume::CollectLog(int pipe)
+{
+    std::array<char, 4096> piece;
+    ssize_t bytes;
+    while ((bytes = read(pipe, piece.data(), piece.size())) > 0)
+    {
+        const std::lock_guard guard(mutex_);
+        log_.append(piece.data(), static_cast<size_t>(bytes));
+        grown_.notify_all();
+    }
+    close(pipe);
+    const std::lock_guard guard(mutex_);
+    ended_ = true;
+    grown_.notify_all();
+}
+
+bool LiveVolume::WaitUntilMounted()
+{
+    const auto mounted = [this] { return log_.find("tarnhost: mounted on") != std::string::npos; };
+    std::unique_lock lock(mutex_);
+    grown_.wait(lock, [&] { return ended_ || mounted(); });
+    return mounted();
+}
+
+void LiveVolume::GiveSettings() const
+{
+    MustSucceed(Agent("key set --hex " + std::string(Key)), "setting the key");
+    MustSucceed(Agent("parent add '" + SystemPath(folder_ / "launch") + "'"), "adding the parent");
+    MustSucceed(Agent("start"), "starting");
+}
+
+std::string LiveVolume::Log() const
+{
+    const std::lock_guard guard(mutex_);
+    return log_;
+}
+
+std::string LiveVolume::AgentCommand() const
+{
+    return std::string(TARNCTL) + " --socket " + Quoted(folder_ / "control");
+}
+
+Outcome LiveVolume::Agent(const std::string& arguments) const
+{
+    return Shell(LongestRun + AgentCommand() + " " + arguments, folder_);
+}
+
+fs::path LiveVolume::WriteScript(const std::string& script, const char* name) const
+{
+    const fs::path file = folder_ / name;
+    std::ofstream(file) << "set -euo pipefail\n" << script << "\n";
+    return file;
+}
+
+Outcome LiveVolume::Inside(const std::string& script, const fs::path& folder) const
+{
+    const fs::path inner = WriteScript("cd " + Quoted(folder) + "\n" + script, "inside.sh");
+    // The parent itself is not inside, so it does not even go into the folder; and with a command behind it, the inner
+    // shell is a child and does not take its place.
+    return Shell(LongestRun + Quoted(folder_ / "launch") + " -c \"bash " + Quoted(inner) + "; exit \\$?\"", folder_);
+}
+
+Outcome LiveVolume::Outside(const std::string& script, const fs::path& folder) const
+{
+    const fs::path file = WriteScript(script, "outside.sh");
+    return Shell(LongestRun + std::string("bash ") + Quoted(file), folder);
+}
+
+int LiveVolume::End()
+{
+    kill(server_, SIGTERM);
+    int status = 0;
+    waitpid(std::exchange(server_, -1), &status, 0);
+    collector_.join();
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+void LiveVolume::Kill()
+{
+    kill(server_, SIGKILL);
+    waitpid(std::exchange(server_, -1), nullptr, 0);
+    collector_.join();
+    umount2(Mount().c_str(), MNT_DETACH);
+}
+
+void LiveVolume::Remount()
+{
+    if (End() != 0)
+    {
+        throw std::runtime_error("the server did not end well:\n" + Log());
+    }
+    Start();
+}
+}

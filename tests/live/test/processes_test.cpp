@@ -1,0 +1,141 @@
+// Who is inside: real shells and their real children.
+#include "tests/live/test/live_volume.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <memory>
+
+namespace
+{
+namespace fs = std::filesystem;
+using live_test::LiveVolume;
+using live_test::Outcome;
+using testing::HasSubstr;
+using testing::Not;
+
+class LiveProcesses : public testing::TestWithParam<bool>
+{
+protected:
+    void SetUp() override
+    {
+        std::string reason;
+        if (!live_test::CanMount(&reason))
+        {
+            GTEST_SKIP() << reason;
+        }
+        volume = std::make_unique<LiveVolume>(GetParam() ? TARNVEIL_IMAGE : "");
+        ASSERT_EQ(volume->Inside("echo secret > document").Code, 0);
+    }
+    void TearDown() override
+    {
+        if (volume)
+        {
+            EXPECT_EQ(volume->End(), 0) << volume->Log();
+        }
+    }
+
+    std::string Document() const { return "'" + (volume->Sandbox() / "document").string() + "'"; }
+    // A program of this test's own, by a path of its own.
+    std::string CopyOfShell(const char* name) const
+    {
+        const fs::path copy = volume->Folder() / name;
+        fs::copy_file("/bin/bash", copy);
+        return copy.string();
+    }
+    std::string Pattern(const std::string& path) const
+    {
+        std::string text = "'C:" + path + "'";
+        for (char& letter : text)
+        {
+            letter = letter == '/' ? '\\' : letter;
+        }
+        return text;
+    }
+    Outcome Outside(const std::string& script) const { return volume->Outside(script, volume->Folder()); }
+
+    std::unique_ptr<LiveVolume> volume;
+};
+
+TEST_P(LiveProcesses, ChildrenOfAMonitoredParentAreInsideAtAnyDepth)
+{
+    EXPECT_EQ(volume->Inside("cat document; bash -c 'cat document; bash -c \"cat document; true\"; true'").Output,
+              "secret\nsecret\nsecret\n");
+    // A child whose parent is gone by the time it reads.
+    EXPECT_EQ(volume->Inside("bash -c '(read go < pipe; cat document > late) & true'; true; "
+                             "cat document > early")
+                  .Code,
+              0);
+}
+
+TEST_P(LiveProcesses, TheParentItselfIsNotInside)
+{
+    const Outcome outcome = Outside("'" + (volume->Folder() / "launch").string() + "' -c 'read line < " +
+                                    (volume->Sandbox() / "document").string() + "; echo \"got $line\"'");
+    EXPECT_THAT(outcome.Output, HasSubstr("Permission denied"));
+    EXPECT_THAT(outcome.Output, Not(HasSubstr("secret")));
+}
+
+TEST_P(LiveProcesses, AListedProgramIsInsideAndItsChildrenAreNot)
+{
+    const std::string shell = CopyOfShell("editor");
+    ASSERT_EQ(volume->Agent("process add " + Pattern(shell)).Code, 0);
+    EXPECT_EQ(Outside(shell + " -c 'read line < " + Document() + "; echo \"got $line\"'").Output, "got secret\n");
+    const Outcome child = Outside(shell + " -c \"cat " + Document() + "; true\"");
+    EXPECT_THAT(child.Output, HasSubstr("Permission denied"));
+    // A copy of itself that runs no other image is the same program.
+    EXPECT_EQ(Outside(shell + " -c '(read line < " + Document() + "; echo \"got $line\")'").Output, "got secret\n");
+}
+
+TEST_P(LiveProcesses, AnExcludedProgramIsNotInside)
+{
+    const std::string shell = CopyOfShell("never");
+    ASSERT_EQ(volume->Agent("exclude add " + Pattern(shell)).Code, 0);
+    const Outcome outcome = volume->Inside(shell + " -c 'read line < document; echo \"got $line\"'");
+    EXPECT_THAT(outcome.Output, HasSubstr("Permission denied"));
+    EXPECT_THAT(outcome.Output, Not(HasSubstr("secret")));
+}
+
+TEST_P(LiveProcesses, AProgramThatRunsAnotherImageIsJudgedByThat)
+{
+    const std::string shell = CopyOfShell("editor");
+    ASSERT_EQ(volume->Agent("process add " + Pattern(shell)).Code, 0);
+    // The same process, first the listed image, then cat.
+    const Outcome outcome = Outside(shell + " -c 'read line < " + Document() + "; echo \"got $line\"; exec cat " +
+                                    Document() + "'");
+    EXPECT_THAT(outcome.Output, HasSubstr("got secret\n"));
+    EXPECT_THAT(outcome.Output, HasSubstr("Permission denied"));
+}
+
+TEST_P(LiveProcesses, WhatIsCachedForOneIsNotShownToAnother)
+{
+    ASSERT_EQ(volume->Inside("cat document; stat document; ls").Code, 0);
+    for (const char* attempt : {"cat ", "stat ", "head -c 1 ", "test -e "})
+    {
+        EXPECT_NE(Outside(attempt + Document()).Code, 0) << attempt;
+    }
+    EXPECT_THAT(Outside("ls '" + volume->Sandbox().string() + "'").Output, HasSubstr("Permission denied"));
+}
+
+TEST_P(LiveProcesses, AProtectedFileIsForItsProcessOnly)
+{
+    ASSERT_EQ(Outside("echo open > mount/notes; cat mount/notes").Output, "open\n");
+    const Outcome outcome = Outside(volume->AgentCommand() + " protect add $$ 'S:\\notes' > /dev/null; "
+                                    "read line < mount/notes; echo \"got $line\"; cat mount/notes");
+    EXPECT_THAT(outcome.Output, HasSubstr("got open\n"));
+    EXPECT_THAT(outcome.Output, HasSubstr("Permission denied"));
+}
+
+TEST_P(LiveProcesses, TheAgentSeesRealProcessIds)
+{
+    const Outcome outcome = volume->Inside(volume->AgentCommand() + " under-sandbox $$; echo $$; " +
+                                           volume->AgentCommand() + " pids; true");
+    EXPECT_THAT(outcome.Output, HasSubstr("yes\n"));
+    const std::string id = outcome.Output.substr(4, outcome.Output.find('\n', 4) - 4);
+    EXPECT_THAT(outcome.Output.substr(5 + id.size()), HasSubstr(id + "\n"));
+    EXPECT_THAT(Outside(volume->AgentCommand() + " under-sandbox $$").Output, HasSubstr("no\n"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Native, LiveProcesses, testing::Values(false));
+INSTANTIATE_TEST_SUITE_P(Image, LiveProcesses, testing::Values(true));
+}
