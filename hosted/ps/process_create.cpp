@@ -1,7 +1,8 @@
 #include "hosted/ps/process_create.h"
 
-#include "hosted/io/file.h"
+#include "hosted/io/file_object.h"
 #include "hosted/ke/irql.h"
+#include "hosted/ob/name_space.h"
 #include "hosted/ps/process_notify.h"
 #include "hosted/ps/process_table.h"
 
@@ -34,23 +35,47 @@ NTSTATUS OpenImage(const WideString& path, PFILE_OBJECT* image)
     return OpenFile(request, image);
 }
 
+PS_CREATE_NOTIFY_INFO CreationOf(const Process* process, PFILE_OBJECT image, const UNICODE_STRING* imageName)
+{
+    PS_CREATE_NOTIFY_INFO information{};
+    information.Size = sizeof(information);
+    information.ParentProcessId = process->ParentId;
+    information.CreatingThreadId = {CurrentProcess()->Id, CurrentThread()->Id};
+    information.FileObject = image;
+    information.ImageFileName = imageName;
+    information.CreationStatus = STATUS_SUCCESS;
+    return information;
+}
+
 NTSTATUS AnnounceProcess(Process* process, const ProcessParameters& parameters, PFILE_OBJECT image)
 {
     const WideString commandLine =
         parameters.CommandLine.empty() ? L'"' + parameters.ImagePath + L'"' : parameters.CommandLine;
     const UNICODE_STRING imageName = Counted(parameters.ImagePath);
     const UNICODE_STRING command = Counted(commandLine);
-    PS_CREATE_NOTIFY_INFO information{};
-    information.Size = sizeof(information);
+    PS_CREATE_NOTIFY_INFO information = CreationOf(process, image, &imageName);
     information.FileOpenNameAvailable = parameters.NameAvailable ? 1 : 0;
-    information.ParentProcessId = process->ParentId;
-    information.CreatingThreadId = {CurrentProcess()->Id, CurrentThread()->Id};
-    information.FileObject = image;
-    information.ImageFileName = &imageName;
     information.CommandLine = &command;
-    information.CreationStatus = STATUS_SUCCESS;
     NotifyProcessCreated(process, information);
     return information.CreationStatus;
+}
+
+// A file object, never opened, that names the image on its volume; null when the path leads to none.
+PFILE_OBJECT NameImage(const WideString& path)
+{
+    void* body;
+    WideString name;
+    if (!NT_SUCCESS(LookupObject(path, &body, &name)))
+    {
+        return nullptr;
+    }
+    PFILE_OBJECT image = nullptr;
+    if (&TypeOf(body) == &DeviceType && VolumeOf(static_cast<PDEVICE_OBJECT>(body)) != nullptr)
+    {
+        image = NewFileObject(static_cast<PDEVICE_OBJECT>(body), name, FILE_EXECUTE, KernelMode);
+    }
+    DereferenceObject(body);
+    return image;
 }
 }
 
@@ -78,6 +103,25 @@ NTSTATUS CreateProcess(const ProcessParameters& parameters, Process** process)
     }
     *process = created;
     return STATUS_SUCCESS;
+}
+
+Process* AdoptProcess(const AdoptedProcess& adopted)
+{
+    RequireIrql(PASSIVE_LEVEL, "AdoptProcess");
+    Process* process =
+        CreateProcessObject(adopted.Id, adopted.ParentId, adopted.ImagePath, LastComponent(adopted.ImagePath));
+    process->CreateTime = adopted.CreateTime;
+    InsertProcess(process);
+    const PFILE_OBJECT image = NameImage(adopted.ImagePath);
+    const UNICODE_STRING imageName = Counted(adopted.ImagePath);
+    PS_CREATE_NOTIFY_INFO information = CreationOf(process, image, &imageName);
+    information.IsSubsystemProcess = image == nullptr ? 1 : 0;
+    NotifyProcessCreated(process, information);
+    if (image != nullptr)
+    {
+        DereferenceObject(image);
+    }
+    return process;
 }
 
 void ExitProcess(Process* process, const std::function<void()>& closeResources)

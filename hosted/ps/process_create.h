@@ -22,6 +22,22 @@ struct ProcessParameters
 // IRQL: PASSIVE_LEVEL.
 NTSTATUS CreateProcess(const ProcessParameters& parameters, Process** process);
 
+// A program of the host system that runs already.
+struct AdoptedProcess
+{
+    HANDLE Id;             // which no running process may have
+    HANDLE ParentId;
+    LONGLONG CreateTime;   // 100 ns units
+    WideString ImagePath;  // NT device path, e.g. "\Device\HarddiskVolume1\usr\bin\vim"; it may lie on no volume
+};
+
+// Makes it a running process and tells the registered routines, on the calling thread and as a child of the process
+// that this thread plays. The host system opened the image, so no request is sent for it: the routines get a file
+// object that names it on its volume; for an image on no volume they get none, and are told that the process is one of
+// another subsystem, for which the platform leaves it out. There is no command line, and what a routine leaves in
+// CreationStatus counts for nothing: the program runs. Referenced for the caller. IRQL: PASSIVE_LEVEL.
+Process* AdoptProcess(const AdoptedProcess& adopted);
+
 // Ends a process: the routines hear of it on a thread of that process, while it can still be looked up; then
 // `closeResources` runs in its context, its handles are closed and it disappears. The reference of the caller stays.
 void ExitProcess(Process* process, const std::function<void()>& closeResources = {});

@@ -5,9 +5,10 @@
 #include "hosted/ps/current_thread.h"
 #include "hosted/ps/query_hooks.h"
 
-#include <algorithm>
 #include <atomic>
+#include <list>
 #include <new>
+#include <unordered_map>
 
 namespace host
 {
@@ -20,7 +21,9 @@ constexpr ULONG_PTR FirstProcessId = 0x108;
 constexpr ULONG_PTR FirstThreadId = 0x100000;
 
 std::mutex tableMutex;
-std::vector<Process*> running;
+// In order of creation, and where each stands there.
+std::list<Process*> running;
+std::unordered_map<HANDLE, std::list<Process*>::iterator> placeOf;
 Process* systemProcess = nullptr;
 std::atomic<ULONG_PTR> nextProcessId{FirstProcessId};
 std::atomic<ULONG_PTR> nextThreadId{FirstThreadId};
@@ -37,8 +40,8 @@ void DeleteThread(void* body)
 
 Process* FindLocked(HANDLE id)
 {
-    const auto found = std::ranges::find_if(running, [id](const Process* process) { return process->Id == id; });
-    return found == running.end() ? nullptr : *found;
+    const auto found = placeOf.find(id);
+    return found == placeOf.end() ? nullptr : *found->second;
 }
 
 void InsertLocked(Process* process)
@@ -48,7 +51,7 @@ void InsertLocked(Process* process)
         BugCheck("PROCESS_ID_IN_USE", "process id %p belongs to a running process", process->Id);
     }
     ReferenceObject(process);
-    running.push_back(process);
+    placeOf[process->Id] = running.insert(running.end(), process);
 }
 
 Process* SystemProcessLocked()
@@ -105,10 +108,13 @@ void RemoveProcess(Process* process)
 {
     {
         const std::lock_guard lock(tableMutex);
-        if (process == systemProcess || std::erase(running, process) != 1)
+        if (process == systemProcess || FindLocked(process->Id) != process)
         {
             BugCheck("PROCESS_NOT_RUNNING", "process id %p cannot exit", process->Id);
         }
+        const auto place = placeOf.find(process->Id);
+        running.erase(place->second);
+        placeOf.erase(place);
         process->Exited = true;
     }
     DereferenceObject(process);
@@ -148,11 +154,12 @@ Process* SystemProcess()
 void ShutdownProcesses()
 {
     ForgetSystemThreads();
-    std::vector<Process*> remaining;
+    std::list<Process*> remaining;
     Process* system;
     {
         const std::lock_guard lock(tableMutex);
         remaining.swap(running);
+        placeOf.clear();
         system = systemProcess;
         systemProcess = nullptr;
         nextProcessId = FirstProcessId;
