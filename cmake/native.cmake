@@ -24,7 +24,7 @@ endif()
 include_directories(${CMAKE_SOURCE_DIR} ${CMAKE_SOURCE_DIR}/include ${CMAKE_SOURCE_DIR}/hosted/include)
 
 file(GLOB_RECURSE HOSTED_SOURCES CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/hosted/*.cpp)
-list(FILTER HOSTED_SOURCES EXCLUDE REGEX "/hosted/road/")
+list(FILTER HOSTED_SOURCES EXCLUDE REGEX "/hosted/(road|live)/")
 add_library(hosted STATIC ${HOSTED_SOURCES})
 target_link_libraries(hosted PUBLIC Threads::Threads)
 if(TARNVEIL_SANITIZER)
@@ -33,6 +33,12 @@ if(TARNVEIL_SANITIZER)
     target_precompile_headers(hosted PRIVATE
         <algorithm> <atomic> <functional> <map> <memory> <mutex> <optional> <string> <vector>)
 endif()
+
+# What a live volume adds: the machine's processes, the control socket, the registry file.
+file(GLOB_RECURSE LIVE_SOURCES CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/hosted/live/*.cpp)
+list(FILTER LIVE_SOURCES EXCLUDE REGEX "/hosted/live/(main\\.cpp|mount/)")
+add_library(live STATIC ${LIVE_SOURCES})
+target_link_libraries(live PUBLIC hosted)
 
 add_library(driver_native STATIC ${TARNVEIL_DRIVER_SOURCES})
 target_compile_definitions(driver_native PRIVATE TARNVEIL_DRIVER_SOURCE=1)
@@ -91,7 +97,7 @@ if(TARNVEIL_SANITIZER OR TARNVEIL_COVERAGE)
     enable_testing()
     find_package(GTest REQUIRED)
     # The upcase table is compared with ICU's.
-    tarnveil_test(unit_tests tests/unit unit tarnctl_core driver_native hosted icuuc)
+    tarnveil_test(unit_tests tests/unit unit tarnctl_core live driver_native hosted icuuc)
     # Routines that a unit test may answer for; see tests/unit/driver/stand_in.h.
     foreach(ROUTINE FltGetFileNameInformation ZwQuerySymbolicLinkObject _Z12CTInitializeP10CacheTable
             _Z17CTGetElementCountP10CacheTablePj _Z12DecodeBase64PKwjPhPj
