@@ -191,10 +191,16 @@ std::vector<std::uint32_t> DriverClient::ProcessesUnderSandbox()
 
 void DriverClient::StartLogging(std::uint32_t levels)
 {
-    const TARNVEIL_START_LOGGING input = {transport_.CreateLogEvent(), levels};
-    Bytes bytes;
-    Append(bytes, &input, 1);
-    Send(transport_, TARNCTL_REQUEST(IOCTL_START_LOGGING), bytes);
+    const std::uint64_t event = transport_.CreateLogEvent();
+    // The driver takes a handle and levels that it knows for a repetition, and handles of an agent that was killed have
+    // the same values: with levels in between that nobody uses, it looks at the handle.
+    for (const std::uint32_t mask : {std::uint32_t{0}, levels})
+    {
+        const TARNVEIL_START_LOGGING input = {event, mask};
+        Bytes bytes;
+        Append(bytes, &input, 1);
+        Send(transport_, TARNCTL_REQUEST(IOCTL_START_LOGGING), bytes);
+    }
 }
 
 void DriverClient::StopLogging()

@@ -1,13 +1,10 @@
-// The program where there is no Windows: recover and conceal work, no driver can be reached.
-#include "agent/tarnctl/failure.h"
+// The program where there is no Windows: the driver is one that a live volume's host runs.
 #include "agent/tarnctl/run.h"
+#include "agent/tarnctl/socket_transport.h"
 
 #include <iostream>
 
 int main(int count, char** arguments)
 {
-    const tarnctl::Connect connect = []() -> std::unique_ptr<tarnctl::Transport> {
-        throw tarnctl::Failure(tarnctl::ExitCode::NotReachable, "driver not reachable: this is not Windows");
-    };
-    return tarnctl::Run({arguments + 1, arguments + count}, connect, std::cout, std::cerr);
+    return tarnctl::RunOverSocket({arguments + 1, arguments + count}, tarnctl::ConnectToSocket, std::cout, std::cerr);
 }

@@ -1,4 +1,5 @@
 #include "agent/tarnctl/commands.h"
+#include "agent/tarnctl/text.h"
 
 #include <limits>
 
@@ -16,16 +17,47 @@ std::string Array(const std::vector<std::uint32_t>& ids)
     return array.Line();
 }
 
+std::string VolumesJson(const std::vector<VolumeDescription>& volumes)
+{
+    JsonArray array;
+    for (const VolumeDescription& volume : volumes)
+    {
+        array.Add(JsonObject()
+                      .Text("drive", volume.Drive)
+                      .Text("device", volume.Device)
+                      .Text("folder", volume.Folder)
+                      .Text("mountPoint", volume.MountPoint)
+                      .Line());
+    }
+    return array.Line();
+}
+
+std::string HostText(const HostDescription& host)
+{
+    std::string text = "system: " + Printable(host.System) + "\ndriver image: " + Printable(host.Driver) + "\n";
+    for (const VolumeDescription& volume : host.Volumes)
+    {
+        text += "volume " + Printable(volume.Drive) + " " + Printable(volume.Device) + " is " +
+                Printable(volume.Folder) +
+                (volume.MountPoint.empty() ? "" : ", mounted at " + Printable(volume.MountPoint)) + "\n";
+    }
+    return text;
+}
+
 void AnswerStatus(Session& session)
 {
     const bool any = session.Driver().IsAnyUnderSandbox();
     const std::vector<std::uint32_t> ids = session.Driver().ProcessesUnderSandbox();
-    session.Answer("driver: reachable\nprocesses under the sandbox: " + std::to_string(ids.size()),
-                   JsonObject()
-                       .Truth("reachable", true)
-                       .Truth("anyUnderSandbox", any)
-                       .Number("count", ids.size())
-                       .Raw("pids", Array(ids)));
+    std::string text = "driver: reachable\n";
+    JsonObject json;
+    json.Truth("reachable", true);
+    if (const std::optional<HostDescription> host = session.Way().Describe())
+    {
+        text += HostText(*host);
+        json.Text("system", host->System).Text("driver", host->Driver).Raw("volumes", VolumesJson(host->Volumes));
+    }
+    session.Answer(text + "processes under the sandbox: " + std::to_string(ids.size()),
+                   json.Truth("anyUnderSandbox", any).Number("count", ids.size()).Raw("pids", Array(ids)));
 }
 }
 
@@ -66,8 +98,8 @@ void AddQueryCommands(CLI::App& program, Session& session)
     });
 
     CLI::App* status = AddCommand(program, "status",
-                                  "Whether the driver answers and how many processes are under the sandbox; dump tells "
-                                  "its whole configuration",
+                                  "Whether the driver answers, what it runs in unless that is this Windows, and how many "
+                                  "processes are under the sandbox; dump tells its whole configuration",
                                   {"status", "status --json"});
     AddJsonFlag(*status, session);
     status->callback([&session] { session.Action = [&session] { AnswerStatus(session); }; });

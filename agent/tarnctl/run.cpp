@@ -114,10 +114,22 @@ CLI::Option* AddNumber(CLI::App& command, const std::string& name, std::uint64_t
         ->type_name("NUMBER");
 }
 
-int Run(const std::vector<std::string>& arguments, const Connect& connect, std::ostream& output, std::ostream& error)
+namespace
+{
+// `socket`: what the option --socket sets; null: there is none.
+int Run(const std::vector<std::string>& arguments, const Connect& connect, std::string* socket, std::ostream& output,
+        std::ostream& error)
 {
     Session session(connect, output, error);
     CLI::App program("Steers the Tarnveil driver, and recovers enciphered files without it.", "tarnctl");
+    if (socket != nullptr)
+    {
+        program
+            .add_option("--socket", *socket,
+                        "The control socket of the host that runs the driver, in place of TARNVEIL_SOCKET and of "
+                        "$XDG_RUNTIME_DIR/tarnhost/control (/tmp/tarnhost-UID/control)")
+            ->type_name("PATH");
+    }
     program.require_subcommand(1);
     program.allow_windows_style_options(false);
     program.footer(Examples({"key set --from-file C:\\Keys\\sandbox.key", "process add C:\\Apps\\Editor.exe",
@@ -145,5 +157,18 @@ int Run(const std::vector<std::string>& arguments, const Connect& connect, std::
         return Finish(session, Failure(ExitCode::WrongUse, Explanation(failure, arguments)));
     }
     return Perform(session);
+}
+}
+
+int Run(const std::vector<std::string>& arguments, const Connect& connect, std::ostream& output, std::ostream& error)
+{
+    return Run(arguments, connect, nullptr, output, error);
+}
+
+int RunOverSocket(const std::vector<std::string>& arguments, const ConnectAt& connect, std::ostream& output,
+                  std::ostream& error)
+{
+    std::string socket;
+    return Run(arguments, [&] { return connect(socket); }, &socket, output, error);
 }
 }

@@ -8,6 +8,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <vector>
 
 namespace tarnctl
 {
@@ -35,6 +36,22 @@ public:
     virtual std::optional<std::u16string> Read() = 0;
 };
 
+// What a driver runs in, where that is not the Windows that the program runs in. UTF-8.
+struct VolumeDescription
+{
+    std::string Drive;      // "S:"
+    std::string Device;     // "\Device\HarddiskVolume2"
+    std::string Folder;     // where the host keeps its files
+    std::string MountPoint; // where the host's programs see it; may be empty
+};
+
+struct HostDescription
+{
+    std::string System; // "6.1"
+    std::string Driver; // which image
+    std::vector<VolumeDescription> Volumes;
+};
+
 class Transport
 {
 public:
@@ -49,10 +66,15 @@ public:
     // Waits for that event, forever without a time; ends its signal.
     virtual Wake WaitForLogEvent(std::optional<std::chrono::milliseconds> longest) = 0;
 
+    // Nothing for the Windows that the program runs in.
+    virtual std::optional<HostDescription> Describe() { return std::nullopt; }
+
     // Throws Failure when it cannot be made, as when another program reads it.
     virtual std::unique_ptr<Mailslot> CreateDebugMailslot() = 0;
 };
 
 // Opens the way. Throws Failure with ExitCode::NotReachable.
 using Connect = std::function<std::unique_ptr<Transport>()>;
+// The same to a host's socket; an empty path stands for the usual one.
+using ConnectAt = std::function<std::unique_ptr<Transport>(const std::string& path)>;
 }

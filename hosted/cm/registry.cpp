@@ -254,13 +254,26 @@ std::optional<NamedRegistryValue> Registry::ReadValue(const RegistryKey& key, Wi
 
 bool Registry::WriteValue(RegistryKey& key, WideView name, ULONG type, std::span<const UCHAR> bytes)
 {
-    std::lock_guard lock(lock_);
-    if (key.Deleted)
     {
-        return false;
+        std::lock_guard lock(lock_);
+        if (key.Deleted)
+        {
+            return false;
+        }
+        Store(key, name, type, bytes);
     }
-    Store(key, name, type, bytes);
+    std::lock_guard lock(hookLock_);
+    if (writeHook_)
+    {
+        writeHook_();
+    }
     return true;
+}
+
+void Registry::SetWriteHook(std::function<void()> hook)
+{
+    std::lock_guard lock(hookLock_);
+    writeHook_ = std::move(hook);
 }
 
 bool Registry::IsDeleted(const RegistryKey& key) const

@@ -3,6 +3,7 @@
 
 #include "hosted/rtl/wide_string.h"
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -66,6 +67,11 @@ public:
     // Everything but the roots goes. Open key handles then refer to deleted keys.
     void Reset();
 
+    // Called after each value that the system wrote while it ran (ZwSetValueKey), on the writing thread, which may hold
+    // locks of its own; it must not ask the registry anything. One at a time; an empty one takes it away, and no call is
+    // under way then. A reset keeps it.
+    void SetWriteHook(std::function<void()> hook);
+
     // For the exported routines: the key itself, kept alive by the pointer, and its contents under the lock.
     // `relativeTo` null: an absolute path.
     std::shared_ptr<RegistryKey> FindKey(const std::shared_ptr<RegistryKey>& relativeTo, WideView path) const;
@@ -81,6 +87,8 @@ private:
 
     mutable std::mutex lock_;
     std::shared_ptr<RegistryKey> root_;
+    std::mutex hookLock_;
+    std::function<void()> writeHook_;
 };
 
 // The running machine's.

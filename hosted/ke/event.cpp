@@ -3,10 +3,15 @@
 #include "hosted/ke/bug_check.h"
 #include "hosted/ke/irql.h"
 
+#include <sys/eventfd.h>
+
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
+#include <utility>
+#include <vector>
 
 namespace host
 {
@@ -19,6 +24,7 @@ struct Bucket
 {
     std::mutex Lock;
     std::condition_variable Changed;
+    std::vector<std::pair<const KEVENT*, int>> Observers; // with their descriptors
 };
 
 Bucket& BucketOf(const KEVENT* event)
@@ -67,6 +73,21 @@ void ClearEvent(PKEVENT event)
     std::lock_guard lock(BucketOf(event).Lock);
     event->Header.SignalState = 0;
 }
+
+EventObserver::EventObserver(PKEVENT event, int descriptor) : event_(event), descriptor_(descriptor)
+{
+    RequireEvent(event, "EventObserver");
+    Bucket& bucket = BucketOf(event);
+    std::lock_guard lock(bucket.Lock);
+    bucket.Observers.emplace_back(event, descriptor);
+}
+
+EventObserver::~EventObserver()
+{
+    Bucket& bucket = BucketOf(event_);
+    std::lock_guard lock(bucket.Lock);
+    bucket.Observers.erase(std::ranges::find(bucket.Observers, std::pair<const KEVENT*, int>(event_, descriptor_)));
+}
 }
 
 extern "C" void NTAPI KeInitializeEvent(PRKEVENT Event, EVENT_TYPE Type, BOOLEAN State)
@@ -104,5 +125,13 @@ extern "C" LONG NTAPI KeSetEvent(PRKEVENT Event, KPRIORITY Increment, BOOLEAN Wa
     LONG previous = Event->Header.SignalState;
     Event->Header.SignalState = 1;
     bucket.Changed.notify_all();
+    for (const auto& [observed, descriptor] : bucket.Observers)
+    {
+        if (observed == Event)
+        {
+            // Cannot fail but for a counter that is full, which wakes as well.
+            eventfd_write(descriptor, 1);
+        }
+    }
     return previous;
 }

@@ -15,7 +15,9 @@ protected:
     std::string Who() { return "[tarnctl.exe (" + std::to_string(program_.ProcessId()) + ")]"; }
 };
 
-TEST_F(TarnctlDump, LinesAreAsTheDriverWroteThem)
+INSTANTIATE_TEST_SUITE_P(Ways, TarnctlDump, AllWays, WayName);
+
+TEST_P(TarnctlDump, LinesAreAsTheDriverWroteThem)
 {
     EnableLines();
     ASSERT_EQ(program_.SetCryptKey(std::string(24, 'k'), 7), STATUS_SUCCESS);
@@ -32,7 +34,7 @@ TEST_F(TarnctlDump, LinesAreAsTheDriverWroteThem)
     EXPECT_EQ(Output({"dump"}).size(), output.size());
 }
 
-TEST_F(TarnctlDump, LinesAreTakenApart)
+TEST_P(TarnctlDump, LinesAreTakenApart)
 {
     EnableLines();
     const std::string json = Output({"dump", "--json"});
@@ -44,7 +46,7 @@ TEST_F(TarnctlDump, LinesAreTakenApart)
     EXPECT_EQ(json.substr(json.size() - 5), "\"}]}\n");
 }
 
-TEST_F(TarnctlDump, NoLineIsExplained)
+TEST_P(TarnctlDump, NoLineIsExplained)
 {
     const Outcome text = Run({"dump"});
     EXPECT_EQ(text.Exit, 0);
@@ -53,7 +55,7 @@ TEST_F(TarnctlDump, NoLineIsExplained)
     EXPECT_EQ(Run({"dump", "--json"}).Output, "{\"lines\":[]}\n");
 }
 
-TEST_F(TarnctlDump, AnotherReaderIsTrouble)
+TEST_P(TarnctlDump, AnotherReaderIsTrouble)
 {
     EnableLines();
     const auto other = machine_.CreateMailslot(L"\\Device\\Mailslot\\OrvaneSandbox_Dbg");

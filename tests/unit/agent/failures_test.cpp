@@ -196,7 +196,8 @@ TEST_F(TarnctlFailures, AFollowThatFailsEndsTheLogging)
         {"log", "follow"});
     EXPECT_EQ(outcome.Exit, 1);
     EXPECT_THAT(outcome.Error, HasSubstr("IOCTL_GET_LOG_DATA was refused: STATUS_INVALID_PARAMETER"));
-    EXPECT_THAT(codes_, testing::ElementsAre(IOCTL_START_LOGGING, IOCTL_GET_LOG_DATA, IOCTL_STOP_LOGGING));
+    EXPECT_THAT(codes_, testing::ElementsAre(IOCTL_START_LOGGING, IOCTL_START_LOGGING, IOCTL_GET_LOG_DATA,
+                                             IOCTL_STOP_LOGGING));
 }
 
 TEST_F(TarnctlFailures, OutputThatNobodyTakesIsTrouble)

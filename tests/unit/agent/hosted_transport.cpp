@@ -38,7 +38,7 @@ private:
 class HostedTransport : public tarnctl::Transport
 {
 public:
-    HostedTransport(const Program& program, Waiting waiting) : program_(program), waiting_(std::move(waiting)) {}
+    explicit HostedTransport(const Program& program) : program_(program) {}
 
     tarnctl::Reply Send(std::uint32_t code, std::span<const std::uint8_t> input,
                         std::span<std::uint8_t> output) override
@@ -58,7 +58,11 @@ public:
         return reinterpret_cast<std::uintptr_t>(event_->Handle());
     }
 
-    tarnctl::Wake WaitForLogEvent(Longest longest) override { return waiting_(*event_, longest); }
+    tarnctl::Wake WaitForLogEvent(Longest longest) override
+    {
+        const bool signalled = event_->Wait(longest ? static_cast<unsigned>(longest->count()) : ~0u);
+        return signalled ? tarnctl::Wake::Signalled : tarnctl::Wake::TimedOut;
+    }
 
     std::unique_ptr<tarnctl::Mailslot> CreateDebugMailslot() override
     {
@@ -75,17 +79,40 @@ public:
 
 private:
     Program program_;
-    Waiting waiting_;
     std::optional<ProgramEvent> event_;
+};
+
+class WaitingTransport : public tarnctl::Transport
+{
+public:
+    WaitingTransport(Waiting waiting, std::unique_ptr<tarnctl::Transport> way)
+        : waiting_(std::move(waiting)), way_(std::move(way))
+    {
+    }
+
+    tarnctl::Reply Send(std::uint32_t code, std::span<const std::uint8_t> input,
+                        std::span<std::uint8_t> output) override
+    {
+        return way_->Send(code, input, output);
+    }
+    std::uint64_t CreateLogEvent() override { return way_->CreateLogEvent(); }
+    tarnctl::Wake WaitForLogEvent(Longest longest) override { return waiting_(*way_, longest); }
+    std::optional<tarnctl::HostDescription> Describe() override { return way_->Describe(); }
+    std::unique_ptr<tarnctl::Mailslot> CreateDebugMailslot() override { return way_->CreateDebugMailslot(); }
+
+private:
+    Waiting waiting_;
+    std::unique_ptr<tarnctl::Transport> way_;
 };
 }
 
-tarnctl::Wake SignalledOrInterrupted(ProgramEvent& event, Longest)
+tarnctl::Wake SignalledOrInterrupted(tarnctl::Transport& way, Longest)
 {
-    return event.Wait(0) ? tarnctl::Wake::Signalled : tarnctl::Wake::Interrupted;
+    const tarnctl::Wake wake = way.WaitForLogEvent(std::chrono::milliseconds(0));
+    return wake == tarnctl::Wake::TimedOut ? tarnctl::Wake::Interrupted : wake;
 }
 
-std::unique_ptr<tarnctl::Transport> ConnectInMachine(const Program& program, Waiting waiting)
+std::unique_ptr<tarnctl::Transport> ConnectInMachine(const Program& program)
 {
     const ProgramFile device = program.Open(L"\\??\\Tarnveil", FILE_READ_DATA | FILE_WRITE_DATA | SYNCHRONIZE);
     if (!device.IsOpen())
@@ -94,6 +121,11 @@ std::unique_ptr<tarnctl::Transport> ConnectInMachine(const Program& program, Wai
                                "driver not reachable: " +
                                    tarnctl::StatusText(static_cast<std::uint32_t>(device.Status())));
     }
-    return std::make_unique<HostedTransport>(program, std::move(waiting));
+    return std::make_unique<HostedTransport>(program);
+}
+
+std::unique_ptr<tarnctl::Transport> WaitingBy(Waiting waiting, std::unique_ptr<tarnctl::Transport> way)
+{
+    return std::make_unique<WaitingTransport>(std::move(waiting), std::move(way));
 }
 }

@@ -1,4 +1,4 @@
-// The way of a program in the hosted machine to the driver there.
+// The ways of a program in the hosted machine to the driver there.
 #pragma once
 
 #include "agent/tarnctl/transport.h"
@@ -6,13 +6,16 @@
 
 namespace tarnctl_test
 {
-// What the log event's wait does; the default does not wait for what cannot come any more.
+// What a command's wait for the log event does, on the way that it waits on; the default does not wait for what cannot
+// come any more.
 using Longest = std::optional<std::chrono::milliseconds>;
-using Waiting = std::function<tarnctl::Wake(host::ProgramEvent& event, Longest longest)>;
+using Waiting = std::function<tarnctl::Wake(tarnctl::Transport& way, Longest longest)>;
 
-tarnctl::Wake SignalledOrInterrupted(host::ProgramEvent& event, Longest longest = {});
+tarnctl::Wake SignalledOrInterrupted(tarnctl::Transport& way, Longest longest = {});
 
 // Fails with NotReachable when the program cannot open the device.
-std::unique_ptr<tarnctl::Transport> ConnectInMachine(const host::Program& program,
-                                                     Waiting waiting = SignalledOrInterrupted);
+std::unique_ptr<tarnctl::Transport> ConnectInMachine(const host::Program& program);
+
+// The same way with waits of the test's own.
+std::unique_ptr<tarnctl::Transport> WaitingBy(Waiting waiting, std::unique_ptr<tarnctl::Transport> way);
 }

@@ -29,12 +29,12 @@ protected:
     // Opens at the first wait, then no more; the run ends by itself once everything is printed.
     Waiting OpenOnce()
     {
-        return [this, done = false](ProgramEvent& event, Longest) mutable {
+        return [this, done = false](tarnctl::Transport& way, Longest) mutable {
             if (!std::exchange(done, true))
             {
                 Open();
             }
-            return SignalledOrInterrupted(event);
+            return SignalledOrInterrupted(way);
         };
     }
 
@@ -52,7 +52,9 @@ protected:
     std::optional<Program> other_;
 };
 
-TEST_F(TarnctlLog, RecordsAreLines)
+INSTANTIATE_TEST_SUITE_P(Ways, TarnctlLog, AllWays, WayName);
+
+TEST_P(TarnctlLog, RecordsAreLines)
 {
     const Outcome outcome = Run({"log", "follow", "--levels", "allowed,denied"}, OpenOnce());
     EXPECT_EQ(outcome.Exit, 0) << outcome.Error;
@@ -63,7 +65,7 @@ TEST_F(TarnctlLog, RecordsAreLines)
     EXPECT_TRUE(LoggingHasEnded());
 }
 
-TEST_F(TarnctlLog, RecordsAreJsonLines)
+TEST_P(TarnctlLog, RecordsAreJsonLines)
 {
     const Outcome outcome = Run({"log", "follow", "--json", "--levels", "denied"}, OpenOnce());
     EXPECT_EQ(outcome.Exit, 0) << outcome.Error;
@@ -73,15 +75,15 @@ TEST_F(TarnctlLog, RecordsAreJsonLines)
                   "\\\\Device\\\\HarddiskVolume1\\\\Sandbox\\\\plan.txt\"}\n");
 }
 
-TEST_F(TarnctlLog, EveryLevelByDefault)
+TEST_P(TarnctlLog, EveryLevelByDefault)
 {
-    const Outcome outcome = Run({"log", "follow"}, [this, done = false](ProgramEvent& event, Longest) mutable {
+    const Outcome outcome = Run({"log", "follow"}, [this, done = false](tarnctl::Transport& way, Longest) mutable {
         if (!std::exchange(done, true))
         {
             Open();
             program_.SetCryptKey(std::string(16, 'x'), 2);
         }
-        return SignalledOrInterrupted(event);
+        return SignalledOrInterrupted(way);
     });
     EXPECT_EQ(outcome.Exit, 0);
     EXPECT_THAT(outcome.Output, AllOf(HasSubstr("Trace tarnctl.exe"), HasSubstr("IOCTL = START_LOG"),
@@ -89,14 +91,14 @@ TEST_F(TarnctlLog, EveryLevelByDefault)
                                       HasSubstr("Warn  tarnctl.exe"), HasSubstr("status = OVERRIDE_KEY")));
 }
 
-TEST_F(TarnctlLog, ACountEndsIt)
+TEST_P(TarnctlLog, ACountEndsIt)
 {
     int waits = 0;
-    const Waiting openTwice = [&](ProgramEvent& event, Longest) {
+    const Waiting openTwice = [&](tarnctl::Transport& way, Longest) {
         ++waits;
         Open();
         Open();
-        return SignalledOrInterrupted(event);
+        return SignalledOrInterrupted(way);
     };
     const Outcome outcome = Run({"log", "follow", "--levels", "denied", "--count", "3"}, openTwice);
     EXPECT_EQ(outcome.Exit, 0);
@@ -105,10 +107,10 @@ TEST_F(TarnctlLog, ACountEndsIt)
     EXPECT_TRUE(LoggingHasEnded());
 }
 
-TEST_F(TarnctlLog, NoRecordForAWhileEndsIt)
+TEST_P(TarnctlLog, NoRecordForAWhileEndsIt)
 {
     Longest asked;
-    const Waiting waiting = [&asked](ProgramEvent&, Longest longest) {
+    const Waiting waiting = [&asked](tarnctl::Transport&, Longest longest) {
         asked = longest;
         return tarnctl::Wake::TimedOut;
     };
@@ -118,9 +120,9 @@ TEST_F(TarnctlLog, NoRecordForAWhileEndsIt)
     EXPECT_EQ(asked, std::nullopt);
 }
 
-TEST_F(TarnctlLog, RecordsOfTheLastMomentArePrinted)
+TEST_P(TarnctlLog, RecordsOfTheLastMomentArePrinted)
 {
-    const Outcome outcome = Run({"log", "follow", "--levels", "denied"}, [this](ProgramEvent&, Longest) {
+    const Outcome outcome = Run({"log", "follow", "--levels", "denied"}, [this](tarnctl::Transport&, Longest) {
         Open();
         return tarnctl::Wake::Interrupted;
     });
@@ -128,11 +130,11 @@ TEST_F(TarnctlLog, RecordsOfTheLastMomentArePrinted)
     EXPECT_EQ(std::ranges::count(outcome.Output, '\n'), 1);
 }
 
-TEST_F(TarnctlLog, RecordsFromAnotherThreadArrive)
+TEST_P(TarnctlLog, RecordsFromAnotherThreadArrive)
 {
     constexpr int Opens = 300;
     std::thread opener;
-    const Waiting startThenWait = [&](ProgramEvent& event, Longest) {
+    const Waiting startThenWait = [&](tarnctl::Transport& way, Longest) {
         if (!opener.joinable())
         {
             opener = std::thread([this] {
@@ -142,7 +144,7 @@ TEST_F(TarnctlLog, RecordsFromAnotherThreadArrive)
                 }
             });
         }
-        return event.Wait() ? tarnctl::Wake::Signalled : tarnctl::Wake::TimedOut;
+        return way.WaitForLogEvent(std::chrono::seconds(10));
     };
     const Outcome outcome =
         Run({"log", "follow", "--levels", "denied", "--count", std::to_string(Opens)}, startThenWait);
@@ -151,7 +153,7 @@ TEST_F(TarnctlLog, RecordsFromAnotherThreadArrive)
     EXPECT_EQ(std::ranges::count(outcome.Output, '\n'), Opens);
 }
 
-TEST_F(TarnctlLog, StopDropsWhatWaits)
+TEST_P(TarnctlLog, StopDropsWhatWaits)
 {
     const ProgramEvent event = program_.CreateEvent();
     ASSERT_EQ(program_.StartLogging(event, TARNVEIL_LEVEL_DENIED_OPEN), STATUS_SUCCESS);
@@ -159,6 +161,25 @@ TEST_F(TarnctlLog, StopDropsWhatWaits)
     EXPECT_EQ(Output({"log", "stop"}), "logging has ended\n");
     EXPECT_TRUE(LoggingHasEnded());
     EXPECT_EQ(Output({"log", "stop", "--json"}), "{\"logging\":false}\n");
+}
+
+TEST_P(TarnctlLog, AnAgentThatWasKilledIsSucceeded)
+{
+    // Its event had the handle that the next agent's event gets, and the levels are the same.
+    const Program killed = machine_.StartProcess(L"C:\\Agent\\tarnctl.exe");
+    const ProgramEvent event = killed.CreateEvent();
+    ASSERT_EQ(killed.StartLogging(event, TARNVEIL_LEVEL_DENIED_OPEN), STATUS_SUCCESS);
+    killed.Exit();
+    EXPECT_EQ(program_.Object()->Handles.Count(), 0u);
+    const Waiting openThenWait = [this](tarnctl::Transport& way, Longest) {
+        Open();
+        const tarnctl::Wake wake = way.WaitForLogEvent(std::chrono::seconds(10));
+        EXPECT_EQ(wake, tarnctl::Wake::Signalled);
+        return wake;
+    };
+    const Outcome outcome = Run({"log", "follow", "--levels", "denied", "--count", "1"}, openThenWait);
+    EXPECT_EQ(outcome.Exit, 0) << outcome.Error;
+    EXPECT_EQ(std::ranges::count(outcome.Output, '\n'), 1);
 }
 }
 }

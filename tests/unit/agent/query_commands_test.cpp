@@ -13,9 +13,30 @@ protected:
         TarnctlTest::SetUp();
         ASSERT_EQ(program_.AddProcess(L"C:\\Apps\\Editor.exe").Status, STATUS_SUCCESS);
     }
+
+    // What is told of the host, which a program of the machine itself is not told.
+    std::string HostLines() const
+    {
+        return GetParam() == Way::InMachine ? ""
+                                            : "system: 6.1\ndriver image: native\n"
+                                              "volume S: \\Device\\HarddiskVolume2 is /srv/store, mounted at /mnt/safe\n"
+                                              "volume C: \\Device\\HarddiskVolume1 is /\n";
+    }
+    std::string HostJson() const
+    {
+        return GetParam() == Way::InMachine
+                   ? ""
+                   : "\"system\":\"6.1\",\"driver\":\"native\",\"volumes\":["
+                     "{\"drive\":\"S:\",\"device\":\"\\\\Device\\\\HarddiskVolume2\",\"folder\":\"/srv/store\","
+                     "\"mountPoint\":\"/mnt/safe\"},"
+                     "{\"drive\":\"C:\",\"device\":\"\\\\Device\\\\HarddiskVolume1\",\"folder\":\"/\","
+                     "\"mountPoint\":\"\"}],";
+    }
 };
 
-TEST_F(TarnctlQueries, WhoIsUnderTheSandbox)
+INSTANTIATE_TEST_SUITE_P(Ways, TarnctlQueries, AllWays, WayName);
+
+TEST_P(TarnctlQueries, WhoIsUnderTheSandbox)
 {
     const Program editor = machine_.StartProcess(L"C:\\Apps\\Editor.exe");
     const std::string inside = std::to_string(editor.ProcessId());
@@ -26,16 +47,16 @@ TEST_F(TarnctlQueries, WhoIsUnderTheSandbox)
     EXPECT_EQ(Output({"under-sandbox", "--json", outside}), "{\"pid\":" + outside + ",\"underSandbox\":false}\n");
 }
 
-TEST_F(TarnctlQueries, NobodyIsUnderTheSandbox)
+TEST_P(TarnctlQueries, NobodyIsUnderTheSandbox)
 {
     EXPECT_EQ(Output({"pids"}), "");
     EXPECT_EQ(Output({"pids", "--json"}), "{\"pids\":[]}\n");
-    EXPECT_EQ(Output({"status"}), "driver: reachable\nprocesses under the sandbox: 0\n");
+    EXPECT_EQ(Output({"status"}), "driver: reachable\n" + HostLines() + "processes under the sandbox: 0\n");
     EXPECT_EQ(Output({"status", "--json"}),
-              "{\"reachable\":true,\"anyUnderSandbox\":false,\"count\":0,\"pids\":[]}\n");
+              "{\"reachable\":true," + HostJson() + "\"anyUnderSandbox\":false,\"count\":0,\"pids\":[]}\n");
 }
 
-TEST_F(TarnctlQueries, AListLongerThanTheFirstAttempt)
+TEST_P(TarnctlQueries, AListLongerThanTheFirstAttempt)
 {
     std::string lines;
     std::string array;
@@ -47,9 +68,9 @@ TEST_F(TarnctlQueries, AListLongerThanTheFirstAttempt)
     }
     EXPECT_EQ(Output({"pids"}), lines);
     EXPECT_EQ(Output({"pids", "--json"}), "{\"pids\":[" + array + "]}\n");
-    EXPECT_EQ(Output({"status"}), "driver: reachable\nprocesses under the sandbox: 150\n");
+    EXPECT_EQ(Output({"status"}), "driver: reachable\n" + HostLines() + "processes under the sandbox: 150\n");
     EXPECT_EQ(Output({"status", "--json"}),
-              "{\"reachable\":true,\"anyUnderSandbox\":true,\"count\":150,\"pids\":[" + array + "]}\n");
+              "{\"reachable\":true," + HostJson() + "\"anyUnderSandbox\":true,\"count\":150,\"pids\":[" + array + "]}\n");
 }
 }
 }

@@ -9,7 +9,9 @@ class TarnctlSettings : public TarnctlTest
 {
 };
 
-TEST_F(TarnctlSettings, AProcessSettingComesAndGoes)
+INSTANTIATE_TEST_SUITE_P(Ways, TarnctlSettings, AllWays, WayName);
+
+TEST_P(TarnctlSettings, AProcessSettingComesAndGoes)
 {
     const std::string added = Output({"process", "add", "C:\\Apps\\Editor.exe", "--json"});
     const ULONG id = AddedId(added);
@@ -24,7 +26,7 @@ TEST_F(TarnctlSettings, AProcessSettingComesAndGoes)
     EXPECT_EQ(program_.IsUnderSandbox(editor.ProcessId()).Value, 0u);
 }
 
-TEST_F(TarnctlSettings, AParentTakesItsChildrenAlong)
+TEST_P(TarnctlSettings, AParentTakesItsChildrenAlong)
 {
     const ULONG id = AddedId(Output({"parent", "add", "--json", "C:\\Apps\\Shell.exe"}));
     const Program shell = machine_.StartProcess(L"C:\\Apps\\Shell.exe");
@@ -35,7 +37,7 @@ TEST_F(TarnctlSettings, AParentTakesItsChildrenAlong)
     EXPECT_THAT(program_.PidList().Ids, IsEmpty());
 }
 
-TEST_F(TarnctlSettings, AnExcludedProgramStaysOutside)
+TEST_P(TarnctlSettings, AnExcludedProgramStaysOutside)
 {
     Output({"process", "add", "C:\\Apps\\Editor.exe"});
     const ULONG id = AddedId(Output({"exclude", "add", "C:\\Apps\\Editor.exe", "--json"}));
@@ -46,14 +48,14 @@ TEST_F(TarnctlSettings, AnExcludedProgramStaysOutside)
     EXPECT_EQ(program_.IsUnderSandbox(inside.ProcessId()).Value, 1u);
 }
 
-TEST_F(TarnctlSettings, NamesBeyondAsciiReachTheDriver)
+TEST_P(TarnctlSettings, NamesBeyondAsciiReachTheDriver)
 {
     Output({"process", "add", "C:\\Äpps\\日本\\𝄞.exe"});
     const Program program = machine_.StartProcess(L"C:\\Äpps\\日本\\𝄞.exe");
     EXPECT_EQ(program_.IsUnderSandbox(program.ProcessId()).Value, 1u);
 }
 
-TEST_F(TarnctlSettings, TextThatIsNoUtf8IsWrongUse)
+TEST_P(TarnctlSettings, TextThatIsNoUtf8IsWrongUse)
 {
     const Outcome outcome = Run({"process", "add", "C:\\\xC3("});
     EXPECT_EQ(outcome.Exit, 2);
@@ -61,7 +63,7 @@ TEST_F(TarnctlSettings, TextThatIsNoUtf8IsWrongUse)
     EXPECT_EQ(outcome.Error, "tarnctl: the path is no valid text\n");
 }
 
-TEST_F(TarnctlSettings, APathThatTheDriverRefusesIsNamedWithItsStatus)
+TEST_P(TarnctlSettings, APathThatTheDriverRefusesIsNamedWithItsStatus)
 {
     const Outcome text = Run({"protect", "add", "4", "no drive"});
     EXPECT_EQ(text.Exit, 1);
@@ -75,7 +77,7 @@ TEST_F(TarnctlSettings, APathThatTheDriverRefusesIsNamedWithItsStatus)
                            "STATUS_OBJECT_NAME_NOT_FOUND (0xC0000034)\",\"exit\":1}}\n");
 }
 
-TEST_F(TarnctlSettings, AProtectedFileOpensForItsProcessOnly)
+TEST_P(TarnctlSettings, AProtectedFileOpensForItsProcessOnly)
 {
     const WideView ledger = L"C:\\Data\\ledger.db";
     ASSERT_EQ(machine_.PutOnDisk(ledger, "sums"), STATUS_SUCCESS);

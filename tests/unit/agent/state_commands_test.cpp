@@ -44,7 +44,9 @@ protected:
     TemporaryFolder folder_;
 };
 
-TEST_F(TarnctlState, TheKeyFromAFileEnciphers)
+INSTANTIATE_TEST_SUITE_P(Ways, TarnctlState, AllWays, WayName);
+
+TEST_P(TarnctlState, TheKeyFromAFileEnciphers)
 {
     folder_.Put("key", WholeKey);
     EXPECT_EQ(Output({"key", "set", "--from-file", folder_.Path("key")}),
@@ -53,14 +55,14 @@ TEST_F(TarnctlState, TheKeyFromAFileEnciphers)
               cipher_test::OnDisk(KeyBytes, Mask, "attack at dawn, or later"));
 }
 
-TEST_F(TarnctlState, AKeyFileMayHoldDigits)
+TEST_P(TarnctlState, AKeyFileMayHoldDigits)
 {
     folder_.Put("key", Hexadecimal(WholeKey) + "\r\n");
     EXPECT_EQ(Output({"key", "set", "--from-file", folder_.Path("key"), "--json"}), "{\"accepted\":true}\n");
     EXPECT_EQ(DiskAfterWriting("plan"), cipher_test::OnDisk(KeyBytes, Mask, "plan"));
 }
 
-TEST_F(TarnctlState, AKeyOnTheCommandLineIsWarnedAboutAndNeverRepeated)
+TEST_P(TarnctlState, AKeyOnTheCommandLineIsWarnedAboutAndNeverRepeated)
 {
     const std::string digits = Hexadecimal(WholeKey);
     const Outcome outcome = Run({"key", "set", "--hex", digits});
@@ -70,7 +72,7 @@ TEST_F(TarnctlState, AKeyOnTheCommandLineIsWarnedAboutAndNeverRepeated)
     EXPECT_EQ(DiskAfterWriting("plan"), cipher_test::OnDisk(KeyBytes, Mask, "plan"));
 }
 
-TEST_F(TarnctlState, ASecondKeyChangesNothing)
+TEST_P(TarnctlState, ASecondKeyChangesNothing)
 {
     ASSERT_EQ(program_.SetCryptKey(KeyBytes, Mask), STATUS_SUCCESS);
     folder_.Put("other", std::string(17, 'o'));
@@ -78,7 +80,7 @@ TEST_F(TarnctlState, ASecondKeyChangesNothing)
     EXPECT_EQ(DiskAfterWriting("plan"), cipher_test::OnDisk(KeyBytes, Mask, "plan"));
 }
 
-TEST_F(TarnctlState, EncryptionGoesOffAndOn)
+TEST_P(TarnctlState, EncryptionGoesOffAndOn)
 {
     ASSERT_EQ(program_.SetCryptKey(KeyBytes, Mask), STATUS_SUCCESS);
     EXPECT_EQ(Output({"encryption", "off"}), "encryption is off\n");
@@ -87,7 +89,7 @@ TEST_F(TarnctlState, EncryptionGoesOffAndOn)
     EXPECT_EQ(DiskAfterWriting("plan"), cipher_test::OnDisk(KeyBytes, Mask, "plan"));
 }
 
-TEST_F(TarnctlState, StopRemovesSettings)
+TEST_P(TarnctlState, StopRemovesSettings)
 {
     EXPECT_EQ(Output({"start"}), "started\n");
     EXPECT_EQ(Output({"start", "--json"}), "{\"started\":true}\n");

@@ -140,5 +140,28 @@ TEST(RegistryDeath, ValuesNeedAKeyPath)
     Registry registry;
     EXPECT_DEATH(registry.SetDword(L"Relative\\Key", L"Value", 1), "registry-path: \"Relative");
 }
+
+TEST(Registry, TellsOfValuesThatTheSystemWrites)
+{
+    Registry registry;
+    registry.CreateKey(Service);
+    const std::shared_ptr<RegistryKey> key = registry.FindKey(nullptr, Service);
+    int writes = 0;
+    registry.SetWriteHook([&writes] { ++writes; });
+    registry.SetDword(Service, L"a", 1);
+    EXPECT_EQ(writes, 0);
+    EXPECT_TRUE(registry.WriteValue(*key, L"a", REG_DWORD, Units({2, 0})));
+    EXPECT_EQ(writes, 1);
+    registry.DeleteKey(Service);
+    EXPECT_FALSE(registry.WriteValue(*key, L"a", REG_DWORD, Units({3, 0})));
+    EXPECT_EQ(writes, 1);
+    registry.Reset();
+    registry.CreateKey(Service);
+    EXPECT_TRUE(registry.WriteValue(*registry.FindKey(nullptr, Service), L"a", REG_DWORD, Units({4, 0})));
+    EXPECT_EQ(writes, 2);
+    registry.SetWriteHook({});
+    EXPECT_TRUE(registry.WriteValue(*registry.FindKey(nullptr, Service), L"a", REG_DWORD, Units({5, 0})));
+    EXPECT_EQ(writes, 2);
+}
 }
 }

@@ -4,6 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/eventfd.h>
+#include <unistd.h>
+
 #include <cstring>
 #include <thread>
 
@@ -68,6 +71,35 @@ TEST(Event, WaitEndsWhenAnotherThreadSets)
     EXPECT_TRUE(WaitForEvent(&event, LongEnough));
     EXPECT_EQ(42, published);
     setter.join();
+}
+
+TEST(Event, AnObserverCountsTheSignalsOfItsTime)
+{
+    KEVENT event;
+    KEVENT other;
+    KeInitializeEvent(&event, SynchronizationEvent, FALSE);
+    KeInitializeEvent(&other, SynchronizationEvent, FALSE);
+    const int descriptor = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    eventfd_t count = 0;
+    KeSetEvent(&event, IO_NO_INCREMENT, FALSE);
+    {
+        const EventObserver observer(&event, descriptor);
+        EXPECT_NE(eventfd_read(descriptor, &count), 0);
+        KeSetEvent(&event, IO_NO_INCREMENT, FALSE);
+        KeSetEvent(&event, IO_NO_INCREMENT, FALSE);
+        KeSetEvent(&other, IO_NO_INCREMENT, FALSE);
+        ClearEvent(&event);
+        EXPECT_EQ(eventfd_read(descriptor, &count), 0);
+        EXPECT_EQ(count, 2u);
+        // Two of one event.
+        const EventObserver second(&event, descriptor);
+        KeSetEvent(&event, IO_NO_INCREMENT, FALSE);
+        EXPECT_EQ(eventfd_read(descriptor, &count), 0);
+        EXPECT_EQ(count, 2u);
+    }
+    KeSetEvent(&event, IO_NO_INCREMENT, FALSE);
+    EXPECT_NE(eventfd_read(descriptor, &count), 0);
+    close(descriptor);
 }
 
 TEST(EventDeath, Rules)
