@@ -63,7 +63,7 @@ NTSTATUS DiskFileSystem::RenameTarget(
     const size_t lastBackslash = text.rfind(L'\\');
     if (parameters.ParentOfTarget != nullptr)
     {
-        const ControlBlock* parent = BlockOf(parameters.ParentOfTarget);
+        const DiskBlock* parent = DiskBlockOf(parameters.ParentOfTarget);
         if (parent == nullptr)
         {
             return STATUS_INVALID_PARAMETER;
@@ -94,7 +94,7 @@ NTSTATUS DiskFileSystem::RenameTarget(
 
 NTSTATUS DiskFileSystem::Rename(FLT_IO_PARAMETER_BLOCK& operation)
 {
-    ControlBlock* block = BlockOf(operation.TargetFileObject);
+    DiskBlock* block = DiskBlockOf(operation.TargetFileObject);
     std::vector<std::shared_ptr<ControlBlock>> discard;
     NTSTATUS status;
     {
