@@ -23,6 +23,7 @@ public:
     explicit StreamCache(ControlBlock& block) : block_(block) {}
     LONGLONG FileSize() const override;
     PFILE_OBJECT PagingFileObject() override;
+    LONGLONG WriteFirst() const override;
     std::function<void()> BecameClean() override;
 
 private:
@@ -73,7 +74,8 @@ struct DirectoryScan
     bool Answered = false; // something was returned since the scan began
     WideString Pattern;
     ULONG Dots = 0;  // 0: "." comes next, 1: ".." does, 2: names
-    WideString Last; // the last name that was dealt with
+    WideString Last; // the last name that was dealt with, or how many of a listing were
+    size_t NextListed = 0;
 };
 
 // Behind FILE_OBJECT::FsContext2. Guarded by the tree lock where it changes.

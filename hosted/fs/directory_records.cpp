@@ -30,7 +30,7 @@ ULONG FixedLength(FILE_INFORMATION_CLASS kind)
 }
 
 // The record up to the name.
-std::string FixedPart(const DirectoryEntry& entry, FILE_INFORMATION_CLASS kind)
+std::string FixedPart(const ScannedEntry& entry, FILE_INFORMATION_CLASS kind)
 {
     const ULONG nameBytes = static_cast<ULONG>(entry.Name.size() * sizeof(WCHAR));
     FILE_BOTH_DIR_INFORMATION record;
@@ -55,18 +55,9 @@ std::string FixedPart(const DirectoryEntry& entry, FILE_INFORMATION_CLASS kind)
     return std::string(reinterpret_cast<const char*>(&record), FixedLength(kind));
 }
 
-bool Matches(const WideString& pattern, const DirectoryEntry& entry)
+bool Matches(const WideString& pattern, const ScannedEntry& entry)
 {
-    if (pattern.empty())
-    {
-        return true;
-    }
-    if (!HasWildcards(pattern))
-    {
-        return EqualNoCase(pattern, entry.Name) || (!entry.ShortName.empty() && EqualNoCase(pattern, entry.ShortName));
-    }
-    return MatchesPattern(pattern, entry.Name) ||
-           (!entry.ShortName.empty() && MatchesPattern(pattern, entry.ShortName));
+    return MatchesQuery(pattern, entry.Name) || (!entry.ShortName.empty() && MatchesQuery(pattern, entry.ShortName));
 }
 
 struct CopyRequest
@@ -152,7 +143,7 @@ NTSTATUS StreamFileSystem::FillDirectory(OpenContext& open, FLT_IO_PARAMETER_BLO
     for (;;)
     {
         const DirectoryScan before = scan;
-        DirectoryEntry entry;
+        ScannedEntry entry;
         if (!NextEntry(open, &entry))
         {
             break;

@@ -68,7 +68,7 @@ private:
     NTSTATUS Describe(PFILE_OBJECT file, FileFacts* facts, WideString* path) override;
     std::vector<StoredStream> StreamsOf(const ControlBlock& block) override;
     NTSTATUS PrepareScan(OpenContext& open, bool restart) override;
-    bool NextEntry(OpenContext& open, DirectoryEntry* entry) override;
+    bool NextEntry(OpenContext& open, ScannedEntry* entry) override;
 
     const std::unique_ptr<Store> store_;
     const FileSystemOptions options_;

@@ -59,7 +59,7 @@ NTSTATUS DiskFileSystem::PrepareScan(OpenContext& open, bool)
     return directory.Deleted || directory.DeletePending ? STATUS_DELETE_PENDING : STATUS_SUCCESS;
 }
 
-bool DiskFileSystem::NextEntry(OpenContext& open, DirectoryEntry* entry)
+bool DiskFileSystem::NextEntry(OpenContext& open, ScannedEntry* entry)
 {
     const Node& directory = *static_cast<DiskBlock&>(*open.Block).Owner;
     DirectoryScan& scan = open.Scan;

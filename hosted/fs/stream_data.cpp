@@ -283,6 +283,11 @@ NTSTATUS StreamFileSystem::WriteNonCached(
     {
         status = CacheFlush(block.Map, offset, length);
     }
+    const LONGLONG first = block.Data->WriteFirst();
+    if (NT_SUCCESS(status) && first >= 0 && first < offset)
+    {
+        status = CacheFlush(block.Map, first, 1);
+    }
     if (NT_SUCCESS(status))
     {
         CachePurge(block.Map, offset, length);

@@ -57,11 +57,21 @@ struct FileFacts
     bool Directory = false;
 };
 
-struct DirectoryEntry
+struct ScannedEntry
 {
     WideString Name;
     WideString ShortName; // empty: none
     FileFacts Facts;
+};
+
+// Where a new name leads: a name alone stays in the directory, a path starts at the volume, and the I/O manager may
+// have opened the target's directory.
+struct TargetName
+{
+    PFILE_OBJECT Parent = nullptr;
+    bool SameDirectory = false;
+    std::vector<WideString> Directory; // from the root, with neither of the above
+    WideString Name;
 };
 
 // Locks: the main lock of one stream, then its cache map's lock, then its inner lock; the tree lock may be taken under
@@ -109,7 +119,7 @@ protected:
     // Before each query; `restart` also before the first. STATUS_DELETE_PENDING where the directory is going.
     virtual NTSTATUS PrepareScan(OpenContext& open, bool restart) = 0;
     // The entry after what the scan has dealt with, past which the scan then stands.
-    virtual bool NextEntry(OpenContext& open, DirectoryEntry* entry) = 0;
+    virtual bool NextEntry(OpenContext& open, ScannedEntry* entry) = 0;
     // An open ends.
     virtual void Closing(OpenContext&) {}
     // From here on an open of the stream makes a new control block.
@@ -129,6 +139,9 @@ protected:
     void Discard(const std::vector<std::shared_ptr<ControlBlock>>& blocks);
     NTSTATUS Resize(ControlBlock& block, LONGLONG newSize, bool rewriteEnds);
     NTSTATUS SetEndOfFile(ControlBlock& block, LONGLONG size);
+
+    // target_name.cpp. No lock is needed.
+    NTSTATUS ParseTargetName(const FLT_IO_PARAMETER_BLOCK& operation, TargetName* target) const;
 
     Volume& volume_;
     mutable std::mutex tree_;

@@ -48,6 +48,11 @@ PFILE_OBJECT StreamCache::PagingFileObject()
     return block_.PagingFile;
 }
 
+LONGLONG StreamCache::WriteFirst() const
+{
+    return block_.Data->WriteFirst();
+}
+
 std::function<void()> StreamCache::BecameClean()
 {
     // While someone has the stream open his close looks after it.
