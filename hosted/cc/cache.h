@@ -24,6 +24,8 @@ public:
     virtual LONGLONG FileSize() const = 0;
     // A referenced file object of this stream through which paging I/O may be sent while the map has pages.
     virtual PFILE_OBJECT PagingFileObject() = 0;
+    // The offset of a byte whose page, while it is dirty, has to be written before any page behind it; -1: none.
+    virtual LONGLONG WriteFirst() const { return -1; }
     // The last dirty page of the map was written. What is returned (may be empty) runs once the map's lock was let
     // go, on the thread that wrote, which may hold locks of another stream's operation; it must keep the stream alive.
     virtual std::function<void()> BecameClean() { return {}; }

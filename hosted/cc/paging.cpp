@@ -64,7 +64,9 @@ NTSTATUS FillPages(CacheMap& map, CacheView& view, ULONG first, ULONG last)
     return STATUS_SUCCESS;
 }
 
-NTSTATUS WritePages(CacheMap& map, CacheView& view, uint64_t pages)
+namespace
+{
+NTSTATUS WriteRuns(CacheMap& map, CacheView& view, uint64_t pages)
 {
     ULONG start;
     ULONG count;
@@ -80,5 +82,24 @@ NTSTATUS WritePages(CacheMap& map, CacheView& view, uint64_t pages)
         ClearDirty(map, view, PageMask(start, start + count - 1));
     }
     return STATUS_SUCCESS;
+}
+}
+
+NTSTATUS WritePages(CacheMap& map, CacheView& view, uint64_t pages)
+{
+    const LONGLONG first = (view.Dirty & pages) != 0 ? map.Stream.WriteFirst() : -1;
+    CacheView* firstView = first >= 0 ? FindView(map, first / CacheViewBytes) : nullptr;
+    if (firstView != nullptr)
+    {
+        const ULONG page = static_cast<ULONG>(first % CacheViewBytes / PAGE_SIZE);
+        // In ascending order it comes first by itself where it is among the pages.
+        const bool among = firstView == &view && (pages & PageMask(page, page)) != 0;
+        NTSTATUS status = among ? STATUS_SUCCESS : WriteRuns(map, *firstView, PageMask(page, page));
+        if (!NT_SUCCESS(status))
+        {
+            return status;
+        }
+    }
+    return WriteRuns(map, view, pages);
 }
 }

@@ -1,106 +1,24 @@
 // Opening and creating files, directories, streams and the volume.
 #include "hosted/fs/disk_file_system.h"
 
-#include "hosted/io/file_object.h"
 #include "hosted/ke/system_time.h"
 
 namespace host
 {
 namespace
 {
-constexpr ULONG DispositionShift = 24;
-constexpr ACCESS_MASK ReadRights = FILE_READ_DATA | FILE_EXECUTE;
-constexpr ACCESS_MASK WriteRights = FILE_WRITE_DATA | FILE_APPEND_DATA;
 constexpr ULONG SettableAttributes = 0x000001a7; // read-only, hidden, system, archive, normal, temporary
-
-bool Overwrites(ULONG disposition)
-{
-    return disposition == FILE_SUPERSEDE || disposition == FILE_OVERWRITE || disposition == FILE_OVERWRITE_IF;
-}
-
-bool NeedsExisting(ULONG disposition)
-{
-    return disposition == FILE_OPEN || disposition == FILE_OVERWRITE;
-}
 
 ULONG FileAttributes(ULONG asked)
 {
     return (asked & SettableAttributes & ~FILE_ATTRIBUTE_NORMAL) | FILE_ATTRIBUTE_ARCHIVE;
 }
-
-// Two opens that ask for data or deletion must each share what the other has.
-bool Conflicts(ACCESS_MASK access, ULONG share, const OpenContext& other)
-{
-    const auto refuses = [](ACCESS_MASK wanted, ULONG shared)
-    {
-        return ((wanted & ReadRights) && !(shared & FILE_SHARE_READ)) ||
-               ((wanted & WriteRights) && !(shared & FILE_SHARE_WRITE)) ||
-               ((wanted & DELETE) && !(shared & FILE_SHARE_DELETE));
-    };
-    constexpr ACCESS_MASK Counted = ReadRights | WriteRights | DELETE;
-    if (!(access & Counted) || !(other.Access & Counted))
-    {
-        return false;
-    }
-    return refuses(access, other.Share) || refuses(other.Access, share);
-}
 }
 
-struct DiskFileSystem::CreateRequest
+NTSTATUS DiskFileSystem::OpenTarget(CreateRequest& request)
 {
-    PFILE_OBJECT File;
-    ULONG Disposition;
-    ULONG Options;
-    ULONG Attributes;
-    ACCESS_MASK Access;
-    ULONG Share;
-    UCHAR Flags;
-    bool VolumeOpen = false;
-    ParsedPath Path;
-    ULONG_PTR Information = 0; // FILE_OPENED and so on
-    bool Truncate = false;     // the stream's old contents go once the tree lock is released
-
-    bool WantsDirectory() const { return (Options & FILE_DIRECTORY_FILE) != 0; }
-    bool WantsFile() const { return (Options & FILE_NON_DIRECTORY_FILE) != 0; }
-    bool ById() const { return (Options & FILE_OPEN_BY_FILE_ID) != 0; }
-};
-
-NTSTATUS DiskFileSystem::Create(FLT_IO_PARAMETER_BLOCK& operation, ULONG_PTR* information)
-{
-    const auto& parameters = operation.Parameters.Create;
-    const auto* security = static_cast<const CreateSecurity*>(parameters.SecurityContext);
-    CreateRequest request{.File = operation.TargetFileObject,
-        .Disposition = parameters.Options >> DispositionShift,
-        .Options = parameters.Options & ((1u << DispositionShift) - 1),
-        .Attributes = parameters.FileAttributes,
-        .Access = security != nullptr ? MapFileAccess(security->DesiredAccess) : 0,
-        .Share = parameters.ShareAccess,
-        .Flags = operation.OperationFlags,
-        .Path = {}};
-    if (request.Disposition > FILE_OVERWRITE_IF || (request.WantsDirectory() && request.WantsFile()) ||
-        (request.WantsDirectory() && Overwrites(request.Disposition)))
-    {
-        return STATUS_INVALID_PARAMETER;
-    }
-    if (request.File->FileName.Length % sizeof(WCHAR) != 0)
-    {
-        return STATUS_OBJECT_NAME_INVALID;
-    }
-    const WideView name = View(request.File->FileName);
-    const bool relative = IsRelativeName(request.File);
-    request.VolumeOpen = name.empty() && (!relative || (request.File->RelatedFileObject->Flags & FO_VOLUME_OPEN));
-    NTSTATUS status = request.ById() ? STATUS_SUCCESS : ParsePath(name, relative, &request.Path);
-    if (NT_SUCCESS(status))
-    {
-        std::lock_guard guard(tree_);
-        status = OpenLocked(request);
-    }
-    if (NT_SUCCESS(status) && request.Truncate)
-    {
-        status = Overwrite(request);
-    }
-    *information = NT_SUCCESS(status) ? request.Information : 0;
-    return status;
+    std::lock_guard guard(tree_);
+    return OpenLocked(request);
 }
 
 NTSTATUS DiskFileSystem::OpenLocked(CreateRequest& request)
@@ -192,7 +110,7 @@ NTSTATUS DiskFileSystem::OpenExisting(CreateRequest& request, Node* node)
         return STATUS_FILE_IS_A_DIRECTORY;
     }
     const bool readOnly = (node->Info.Attributes & FILE_ATTRIBUTE_READONLY) && !asDirectory;
-    if (readOnly && ((request.Access & WriteRights) || Overwrites(request.Disposition) || !exists))
+    if (readOnly && ((request.Access & DataWriteRights) || Overwrites(request.Disposition) || !exists))
     {
         return STATUS_ACCESS_DENIED;
     }
@@ -263,60 +181,20 @@ NTSTATUS DiskFileSystem::CreateNew(CreateRequest& request, Node* parent, WideVie
 
 NTSTATUS DiskFileSystem::AttachOpen(CreateRequest& request, Node* node, Stream* stream)
 {
-    // Replacing the contents takes the right to write them, or to delete them, whatever the open asks for.
-    ACCESS_MASK checked = request.Access;
-    checked |= !request.Truncate ? 0 : request.Disposition == FILE_SUPERSEDE ? DELETE : FILE_WRITE_DATA;
-    if (stream->Active)
+    NTSTATUS status = stream->Active ? CheckSharing(*stream->Active, request) : STATUS_SUCCESS;
+    if (!NT_SUCCESS(status))
     {
-        for (const OpenContext* other : stream->Active->Opens)
-        {
-            if (!other->CleanedUp && Conflicts(checked, request.Share, *other))
-            {
-                return STATUS_SHARING_VIOLATION;
-            }
-        }
+        return status;
     }
-    std::shared_ptr<ControlBlock> block = Activate(node, stream);
-    auto* open = new OpenContext{.Block = block, .Access = request.Access, .Share = request.Share,
-        .DeleteOnClose = (request.Options & FILE_DELETE_ON_CLOSE) != 0, .Scan = {}};
-    block->Opens.push_back(open);
-    ++block->OpenCount;
+    Attach(request, BlockFor(node, stream), std::make_unique<OpenContext>());
     ++node->Handles;
     ++stream->Handles;
-    if (request.Flags & SL_OPEN_PAGING_FILE)
-    {
-        block->PagingFileStream = true;
-    }
-    const PFILE_OBJECT file = request.File;
-    file->FsContext = static_cast<PFSRTL_COMMON_FCB_HEADER>(block.get());
-    file->FsContext2 = open;
-    file->SectionObjectPointer = block->Map != nullptr ? &block->Sections : nullptr;
-    file->ReadAccess = (request.Access & ReadRights) != 0;
-    file->WriteAccess = (request.Access & WriteRights) != 0;
-    file->DeleteAccess = (request.Access & DELETE) != 0;
-    file->SharedRead = (request.Share & FILE_SHARE_READ) != 0;
-    file->SharedWrite = (request.Share & FILE_SHARE_WRITE) != 0;
-    file->SharedDelete = (request.Share & FILE_SHARE_DELETE) != 0;
-    const bool cached = block->Map != nullptr && !(request.Options & FILE_NO_INTERMEDIATE_BUFFERING);
-    file->Flags |= cached ? FO_CACHE_SUPPORTED : 0;
     return STATUS_SUCCESS;
 }
 
-// The open is attached already, so the stream stays; it is undone when the contents cannot be replaced.
-NTSTATUS DiskFileSystem::Overwrite(CreateRequest& request)
+void DiskFileSystem::Overwritten(ControlBlock& replaced, const CreateRequest& request)
 {
-    ControlBlock& block = *BlockOf(request.File);
-    NTSTATUS status;
-    {
-        std::unique_lock main(block.Main);
-        status = Resize(block, 0, false);
-    }
-    if (!NT_SUCCESS(status))
-    {
-        OpenOf(request.File)->DeleteOnClose = false;
-        Close(request.File);
-        return status;
-    }
+    auto& block = static_cast<DiskBlock&>(replaced);
     std::vector<std::shared_ptr<ControlBlock>> discard;
     {
         std::lock_guard guard(tree_);
@@ -343,6 +221,5 @@ NTSTATUS DiskFileSystem::Overwrite(CreateRequest& request)
         SaveIfChanged(node);
     }
     Discard(discard);
-    return STATUS_SUCCESS;
 }
 }

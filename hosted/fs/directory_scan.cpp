@@ -10,14 +10,6 @@ namespace host
 {
 namespace
 {
-// 1970 counted from 1601, and the unit of the system's clock: 100 ns.
-constexpr LONGLONG UnixEpoch = 116444736000000000;
-
-LONGLONG SystemTimeOf(const timespec& time)
-{
-    return UnixEpoch + static_cast<LONGLONG>(time.tv_sec) * 10000000 + time.tv_nsec / 100;
-}
-
 // Sorted, so that names and ids given to files found for the first time do not depend on the folder's order.
 std::vector<std::string> EntriesOf(const std::string& path)
 {

@@ -93,35 +93,6 @@ private:
 };
 }
 
-NTSTATUS StatusFromHost(int error)
-{
-    switch (error)
-    {
-    case ENOENT:
-        return STATUS_OBJECT_NAME_NOT_FOUND;
-    case EEXIST:
-        return STATUS_OBJECT_NAME_COLLISION;
-    case ENOTEMPTY:
-        return STATUS_DIRECTORY_NOT_EMPTY;
-    case ENAMETOOLONG:
-        return STATUS_OBJECT_NAME_INVALID;
-    case EACCES:
-    case EPERM:
-    case EROFS:
-        return STATUS_ACCESS_DENIED;
-    case ENOSPC:
-    case EDQUOT:
-    case EFBIG:
-        return STATUS_DISK_FULL;
-    case EMFILE:
-    case ENFILE:
-    case ENOMEM:
-        return STATUS_INSUFFICIENT_RESOURCES;
-    default:
-        return STATUS_UNEXPECTED_IO_ERROR;
-    }
-}
-
 DirectoryStore::Descriptor::~Descriptor()
 {
     close(Number);

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "hosted/fs/directory_index.h"
+#include "hosted/fs/host_files.h"
 #include "hosted/fs/store.h"
 
 #include <list>
@@ -63,7 +64,4 @@ private:
     std::list<Key> recent_; // open files, the most recently used first
     std::map<Key, std::pair<std::shared_ptr<Descriptor>, std::list<Key>::iterator>> open_;
 };
-
-// The status for a failure of the host system's file routines.
-NTSTATUS StatusFromHost(int error);
 }

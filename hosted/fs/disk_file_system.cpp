@@ -1,12 +1,11 @@
-// The outside of the file system: mounting, dismounting, handing operations on.
+// Mounting and dismounting.
 #include "hosted/fs/disk_file_system.h"
-
-#include "hosted/ke/bug_check.h"
 
 namespace host
 {
 DiskFileSystem::DiskFileSystem(Volume& volume, std::unique_ptr<Store> store, FileSystemOptions options)
-    : volume_(volume), store_(std::move(store)), options_(options), volumeNode_(std::make_shared<Node>())
+    : StreamFileSystem(volume, options.StrictEndOfFile), store_(std::move(store)), options_(options),
+      volumeNode_(std::make_shared<Node>())
 {
     volumeNode_->Streams[WideString()] = std::make_shared<Stream>();
     Load();
@@ -14,96 +13,16 @@ DiskFileSystem::DiskFileSystem(Volume& volume, std::unique_ptr<Store> store, Fil
 
 DiskFileSystem::~DiskFileSystem()
 {
+    RequireNothingActive();
     std::lock_guard guard(tree_);
-    if (activeStreams_ != 0)
-    {
-        BugCheck("FILE_SYSTEM", "a volume is dismounted with %zu streams open or dirty", activeStreams_);
-    }
     for (auto& [id, node] : nodesById_)
     {
         SaveIfChanged(node);
     }
 }
 
-NTSTATUS DiskFileSystem::Dispatch(FLT_IO_PARAMETER_BLOCK& operation, IO_STATUS_BLOCK& status)
-{
-    ULONG_PTR information = 0;
-    NTSTATUS result;
-    switch (operation.MajorFunction)
-    {
-    case IRP_MJ_CREATE:
-        result = Create(operation, &information);
-        break;
-    case IRP_MJ_READ:
-        result = Read(operation, &information);
-        break;
-    case IRP_MJ_WRITE:
-        result = Write(operation, &information);
-        break;
-    case IRP_MJ_QUERY_INFORMATION:
-        result = QueryInformation(operation, &information);
-        break;
-    case IRP_MJ_SET_INFORMATION:
-        result = SetInformation(operation);
-        break;
-    case IRP_MJ_DIRECTORY_CONTROL:
-        result = operation.MinorFunction == IRP_MN_QUERY_DIRECTORY ? QueryDirectory(operation, &information)
-                                                                   : STATUS_INVALID_DEVICE_REQUEST;
-        break;
-    case IRP_MJ_FLUSH_BUFFERS:
-        result = Flush(operation.TargetFileObject);
-        break;
-    case IRP_MJ_CLEANUP:
-        result = Cleanup(operation.TargetFileObject);
-        break;
-    case IRP_MJ_CLOSE:
-        result = Close(operation.TargetFileObject);
-        break;
-    default:
-        result = STATUS_INVALID_DEVICE_REQUEST;
-        break;
-    }
-    status.Pointer = nullptr;
-    status.Status = result;
-    status.Information = information;
-    return result;
-}
-
-bool DiskFileSystem::FastIoPossible(PFILE_OBJECT fileObject, bool write, ULONG length)
-{
-    const ControlBlock* block = BlockOf(fileObject);
-    const ULONG flags = __atomic_load_n(&fileObject->Flags, __ATOMIC_RELAXED);
-    const bool caching = __atomic_load_n(&fileObject->PrivateCacheMap, __ATOMIC_RELAXED) != nullptr;
-    // Written through, a write waits for the disk, which a fast operation never does.
-    const bool through = write && (flags & FO_WRITE_THROUGH);
-    return block != nullptr && caching && length != 0 && (flags & FO_CACHE_SUPPORTED) && !through &&
-           !(flags & FO_CLEANUP_COMPLETE) && !block->PagingFileStream;
-}
-
-bool DiskFileSystem::IsDirectory(PFILE_OBJECT fileObject)
-{
-    const ControlBlock* block = BlockOf(fileObject);
-    return block != nullptr && block->Map == nullptr && !(fileObject->Flags & FO_VOLUME_OPEN);
-}
-
-bool DiskFileSystem::IsPagingFile(PFILE_OBJECT fileObject)
-{
-    const ControlBlock* block = BlockOf(fileObject);
-    return block != nullptr && block->PagingFileStream;
-}
-
 std::unique_ptr<FileSystem> CreateFileSystem(Volume& volume, std::unique_ptr<Store> store, FileSystemOptions options)
 {
     return std::make_unique<DiskFileSystem>(volume, std::move(store), options);
-}
-
-bool ReadDisk(FileSystem& files, WideView path, std::string* bytes)
-{
-    return static_cast<DiskFileSystem&>(files).ReadDisk(path, bytes);
-}
-
-NTSTATUS WriteDisk(FileSystem& files, WideView path, std::string_view bytes)
-{
-    return static_cast<DiskFileSystem&>(files).WriteDisk(path, bytes);
 }
 }

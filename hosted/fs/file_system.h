@@ -1,4 +1,4 @@
-// The file system of the hosted kernel: an NTFS-like tree of files, directories and alternate streams over a store.
+// A file system of the hosted kernel: an NTFS-like tree of files, directories and alternate streams over a store.
 #pragma once
 
 #include "hosted/cc/cache.h"
@@ -22,7 +22,7 @@ std::unique_ptr<FileSystem> CreateFileSystem(
     Volume& volume, std::unique_ptr<Store> store, FileSystemOptions options = {});
 
 // The bytes that the store holds of a stream ("\Sandbox\plan.txt", "\Sandbox\plan.txt:notes"; short names work),
-// past the cache and the filters. False when there is no such stream. `files` was made by CreateFileSystem.
+// past the cache and the filters. False when there is no such stream. `files` is one of the hosted kernel's own.
 bool ReadDisk(FileSystem& files, WideView path, std::string* bytes);
 
 // Replaces what the store holds of an existing stream, past the cache and the filters. STATUS_SHARING_VIOLATION while

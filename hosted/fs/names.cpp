@@ -159,4 +159,9 @@ bool MatchesPattern(WideView pattern, WideView name)
     }
     return Matches(Upcase(pattern), Upcase(name));
 }
+
+bool MatchesQuery(WideView pattern, WideView name)
+{
+    return HasWildcards(pattern) ? MatchesPattern(pattern, name) : pattern.empty() || EqualNoCase(pattern, name);
+}
 }

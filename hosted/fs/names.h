@@ -32,4 +32,6 @@ WideString MakeShortName(WideView longName, const std::function<bool(WideView)>&
 // none before a full stop or the end, `"` a full stop or the end).
 bool MatchesPattern(WideView pattern, WideView name);
 bool HasWildcards(WideView pattern);
+// Whether a directory query answers with a name: an empty pattern matches all, one without wildcards only itself.
+bool MatchesQuery(WideView pattern, WideView name);
 }

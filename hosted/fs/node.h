@@ -1,22 +1,13 @@
-// What the file system keeps in memory: nodes with their streams, and a control block for each stream in use.
+// What the disk file system keeps in memory: nodes with their streams.
 #pragma once
 
-#include "hosted/cc/cache.h"
-#include "hosted/fs/store.h"
+#include "hosted/fs/control_block.h"
 
-#include <atomic>
 #include <map>
-#include <memory>
-#include <mutex>
-#include <shared_mutex>
-#include <vector>
 
 namespace host
 {
-class DiskFileSystem;
-struct ControlBlock;
 struct Node;
-struct OpenContext;
 
 // A stream of a node. Guarded by the tree lock.
 struct Stream
@@ -44,83 +35,20 @@ struct Node : std::enable_shared_from_this<Node>
     std::map<WideString, std::shared_ptr<Stream>, LessNoCase> Streams;
 };
 
-// What a control block shows the cache manager.
-class StreamCache : public CachedStream
+struct DiskBlock : ControlBlock
 {
-public:
-    explicit StreamCache(ControlBlock& block) : block_(block) {}
-    LONGLONG FileSize() const override;
-    PFILE_OBJECT PagingFileObject() override;
-    std::function<void()> BecameClean() override;
+    DiskBlock(StreamFileSystem& files, StreamKind kind, std::shared_ptr<Node> node, std::shared_ptr<Stream> stream)
+        : ControlBlock(files, kind, stream->Size), Owner(std::move(node)), Record(std::move(stream))
+    {
+    }
 
-private:
-    ControlBlock& block_;
-};
-
-// The common header is what FILE_OBJECT::FsContext points to; filters read the size in it without a lock.
-struct ControlBlock : FSRTL_COMMON_FCB_HEADER, std::enable_shared_from_this<ControlBlock>
-{
-    ControlBlock(DiskFileSystem& files, std::shared_ptr<Node> node, std::shared_ptr<Stream> stream);
-
-    DiskFileSystem& Files;
     const std::shared_ptr<Node> Owner;
     const std::shared_ptr<Stream> Record;
-    SECTION_OBJECT_POINTERS Sections{};
-    StreamCache Cached{*this};
-    CacheMap* Map = nullptr; // null for directories and volumes
-    PFILE_OBJECT PagingFile = nullptr; // made at the first paging I/O; guarded by the cache map's lock
-    std::shared_ptr<StoreStream> Data;
-
-    // Order: Main, then the cache map's lock, then Inner. Paging I/O takes Inner only.
-    std::shared_mutex Main; // shared to read, exclusive to write and to change the size
-    std::mutex Inner;       // the size together with the store's bytes; the size only changes with all three held
-    bool Discarded = false; // the stream was deleted; changes with all three held
-    std::atomic<bool> PagingFileStream = false;
-
-    // Guarded by the tree lock; the count, which includes opens and others that need the block, may be read without.
-    std::vector<OpenContext*> Opens;
-    std::atomic<size_t> OpenCount = 0;
-    bool TornDown = false;
-
-    LONGLONG Size() const { return __atomic_load_n(&FileSize.QuadPart, __ATOMIC_RELAXED); }
-    void SetSize(LONGLONG size);
 };
-
-// Where a directory query goes on.
-struct DirectoryScan
-{
-    bool Started = false;
-    bool Answered = false; // something was returned since the scan began
-    WideString Pattern;
-    ULONG Dots = 0;  // 0: "." comes next, 1: ".." does, 2: names
-    WideString Last; // the last name that was dealt with
-};
-
-// Behind FILE_OBJECT::FsContext2. Guarded by the tree lock where it changes.
-struct OpenContext
-{
-    std::shared_ptr<ControlBlock> Block;
-    ACCESS_MASK Access = 0;
-    ULONG Share = 0;
-    bool DeleteOnClose = false;
-    bool CleanedUp = false;
-    DirectoryScan Scan;
-};
-
-constexpr LONGLONG ClusterBytes = PAGE_SIZE;
-constexpr LONGLONG AllocationFor(LONGLONG size)
-{
-    return (size + ClusterBytes - 1) / ClusterBytes * ClusterBytes;
-}
 
 // Null when the file object is not open.
-inline ControlBlock* BlockOf(PFILE_OBJECT file)
+inline DiskBlock* DiskBlockOf(PFILE_OBJECT file)
 {
-    return static_cast<ControlBlock*>(static_cast<PFSRTL_COMMON_FCB_HEADER>(file->FsContext));
-}
-
-inline OpenContext* OpenOf(PFILE_OBJECT file)
-{
-    return static_cast<OpenContext*>(file->FsContext2);
+    return static_cast<DiskBlock*>(BlockOf(file));
 }
 }

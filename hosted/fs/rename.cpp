@@ -7,29 +7,6 @@ namespace host
 {
 namespace
 {
-constexpr WideView NtPrefix = L"\\??\\";
-
-bool StartsWithNoCase(WideView text, WideView prefix)
-{
-    return text.size() >= prefix.size() && EqualNoCase(text.substr(0, prefix.size()), prefix);
-}
-
-// Cuts "\??\C:" or "\Device\HarddiskVolume1" off a path on this volume; another volume's path is not touched.
-WideView PathOnVolume(const Volume& volume, WideView path)
-{
-    const WideString drive = WideString(NtPrefix) + volume.DosName;
-    for (WideView prefix : {WideView(drive), WideView(volume.DeviceName)})
-    {
-        const bool whole = prefix.size() > NtPrefix.size() && StartsWithNoCase(path, prefix) &&
-                           path.size() > prefix.size() && path[prefix.size()] == L'\\';
-        if (whole)
-        {
-            return path.substr(prefix.size());
-        }
-    }
-    return path;
-}
-
 bool IsInUse(const Node& node)
 {
     if (node.Handles != 0)
@@ -47,54 +24,32 @@ bool IsInUse(const Node& node)
 }
 }
 
-// Where the new name leads: a name alone stays in the directory, a path starts at the volume, and the I/O manager may
-// have opened the target's directory.
 NTSTATUS DiskFileSystem::RenameTarget(
     FLT_IO_PARAMETER_BLOCK& operation, Node* node, Node** directory, WideString* name) const
 {
-    const auto& parameters = operation.Parameters.SetFileInformation;
-    const auto* rename = static_cast<const FILE_RENAME_INFORMATION*>(parameters.InfoBuffer);
-    constexpr ULONG Fixed = FIELD_OFFSET(FILE_RENAME_INFORMATION, FileName);
-    if (parameters.Length < Fixed || rename->FileNameLength > parameters.Length - Fixed)
+    TargetName target;
+    NTSTATUS status = ParseTargetName(operation, &target);
+    if (!NT_SUCCESS(status))
     {
-        return STATUS_INFO_LENGTH_MISMATCH;
+        return status;
     }
-    WideView text(rename->FileName, rename->FileNameLength / sizeof(WCHAR));
-    const size_t lastBackslash = text.rfind(L'\\');
-    if (parameters.ParentOfTarget != nullptr)
+    *name = target.Name;
+    if (target.Parent != nullptr)
     {
-        const ControlBlock* parent = BlockOf(parameters.ParentOfTarget);
-        if (parent == nullptr)
-        {
-            return STATUS_INVALID_PARAMETER;
-        }
-        *directory = parent->Owner.get();
-        *name = lastBackslash == WideView::npos ? text : text.substr(lastBackslash + 1);
+        *directory = DiskBlockOf(target.Parent)->Owner.get();
         return STATUS_SUCCESS;
     }
-    if (rename->RootDirectory != nullptr)
-    {
-        return STATUS_INVALID_PARAMETER;
-    }
-    if (lastBackslash == WideView::npos)
+    if (target.SameDirectory)
     {
         *directory = node->Parent;
-        *name = text;
         return STATUS_SUCCESS;
     }
-    ParsedPath parsed;
-    NTSTATUS status = ParsePath(PathOnVolume(volume_, text), false, &parsed);
-    if (!NT_SUCCESS(status) || parsed.StreamGiven || parsed.Components.empty())
-    {
-        return STATUS_OBJECT_NAME_INVALID;
-    }
-    *name = parsed.Components.back();
-    return Walk(root_.get(), parsed.Components, parsed.Components.size() - 1, directory);
+    return Walk(root_.get(), target.Directory, target.Directory.size(), directory);
 }
 
 NTSTATUS DiskFileSystem::Rename(FLT_IO_PARAMETER_BLOCK& operation)
 {
-    ControlBlock* block = BlockOf(operation.TargetFileObject);
+    DiskBlock* block = DiskBlockOf(operation.TargetFileObject);
     std::vector<std::shared_ptr<ControlBlock>> discard;
     NTSTATUS status;
     {

@@ -45,6 +45,8 @@ public:
     // What is added reads as zeros and takes no room. STATUS_DISK_FULL.
     virtual NTSTATUS SetSize(LONGLONG size) = 0;
     virtual LONGLONG Size() = 0;
+    // The offset of a byte whose page has to be written before any page behind it; -1: any order will do.
+    virtual LONGLONG WriteFirst() const { return -1; }
 };
 
 // Every routine may be called by several threads, but changes of names come one at a time. Failures carry statuses

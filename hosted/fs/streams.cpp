@@ -1,184 +1,62 @@
-// The life of control blocks: from the first open of a stream to its teardown.
+// Streams of nodes and their control blocks, from the first open to the last handle.
 #include "hosted/fs/disk_file_system.h"
 
-#include "hosted/flt/filter_manager.h"
-#include "hosted/io/file_object.h"
-#include "hosted/ke/bug_check.h"
 #include "hosted/ke/system_time.h"
-
-#include <algorithm>
 
 namespace host
 {
-namespace
-{
-// Any value that no other file system's headers have.
-constexpr CSHORT ControlBlockType = 0x0702;
-}
-
-ControlBlock::ControlBlock(DiskFileSystem& files, std::shared_ptr<Node> node, std::shared_ptr<Stream> stream)
-    : FSRTL_COMMON_FCB_HEADER{}, Files(files), Owner(std::move(node)), Record(std::move(stream))
-{
-    NodeTypeCode = ControlBlockType;
-    NodeByteSize = sizeof(FSRTL_COMMON_FCB_HEADER);
-    SetSize(Record->Size);
-}
-
-void ControlBlock::SetSize(LONGLONG size)
-{
-    __atomic_store_n(&AllocationSize.QuadPart, AllocationFor(size), __ATOMIC_RELAXED);
-    __atomic_store_n(&FileSize.QuadPart, size, __ATOMIC_RELAXED);
-    __atomic_store_n(&ValidDataLength.QuadPart, size, __ATOMIC_RELAXED);
-}
-
-LONGLONG StreamCache::FileSize() const
-{
-    return block_.Size();
-}
-
-PFILE_OBJECT StreamCache::PagingFileObject()
-{
-    if (block_.PagingFile == nullptr)
-    {
-        block_.PagingFile = NewFileObject(
-            block_.Files.TargetVolume().Disk, {}, FILE_READ_DATA | FILE_WRITE_DATA, KernelMode);
-        block_.PagingFile->FsContext = static_cast<PFSRTL_COMMON_FCB_HEADER>(&block_);
-        block_.PagingFile->SectionObjectPointer = &block_.Sections;
-        block_.PagingFile->Flags |= FO_STREAM_FILE;
-    }
-    return block_.PagingFile;
-}
-
-std::function<void()> StreamCache::BecameClean()
-{
-    // While someone has the stream open his close looks after it.
-    if (block_.OpenCount != 0)
-    {
-        return {};
-    }
-    return [block = block_.shared_from_this()] { block->Files.TryTearDown(block); };
-}
-
-CacheMap* CacheMapOf(PFILE_OBJECT file)
-{
-    const ControlBlock* block = BlockOf(file);
-    return block == nullptr ? nullptr : block->Map;
-}
-
-std::shared_ptr<ControlBlock> DiskFileSystem::Activate(Node* node, Stream* stream)
+std::shared_ptr<ControlBlock> DiskFileSystem::BlockFor(Node* node, Stream* stream)
 {
     if (!stream->Active)
     {
-        const bool directory = node == volumeNode_.get() || (node->Info.Directory && stream->Name.empty());
-        auto record = node->Streams.at(stream->Name);
-        auto block = std::make_shared<ControlBlock>(*this, node->shared_from_this(), std::move(record));
-        if (!directory)
+        const bool directory = node->Info.Directory && stream->Name.empty();
+        const StreamKind kind = node == volumeNode_.get() ? StreamKind::Volume
+                                : directory               ? StreamKind::Directory
+                                                          : StreamKind::Data;
+        auto block =
+            std::make_shared<DiskBlock>(*this, kind, node->shared_from_this(), node->Streams.at(stream->Name));
+        if (kind == StreamKind::Data)
         {
             block->Data = store_->OpenStream(node->Info.Id, stream->Name);
-            block->Map = CreateCacheMap(block->Cached);
-            block->Sections.SharedCacheMap = block->Map;
         }
+        Activate(block);
         stream->Active = std::move(block);
-        ++activeStreams_;
     }
     return stream->Active;
 }
 
-void DiskFileSystem::TryTearDown(const std::shared_ptr<ControlBlock>& block)
+void DiskFileSystem::TornDown(ControlBlock& block)
 {
-    {
-        std::lock_guard guard(tree_);
-        if (block->OpenCount != 0 || block->TornDown || (block->Map != nullptr && CacheHasDirtyPages(block->Map)))
-        {
-            return;
-        }
-        // From here on an open makes a new control block.
-        block->TornDown = true;
-        block->Record->Size = block->Size();
-        block->Record->Active = nullptr;
-    }
-    FilterStreamDeleted(block.get());
-    if (block->Map != nullptr)
-    {
-        DeleteCacheMap(block->Map);
-    }
-    if (block->PagingFile != nullptr)
-    {
-        block->PagingFile->FsContext = nullptr;
-        DereferenceObject(block->PagingFile);
-    }
-    // The last thing that is counted: whoever sees no active streams may destroy the file system.
-    std::lock_guard guard(tree_);
-    --activeStreams_;
-}
-
-void DiskFileSystem::Release(const std::shared_ptr<ControlBlock>& block)
-{
-    {
-        std::lock_guard guard(tree_);
-        --block->OpenCount;
-    }
-    TryTearDown(block);
-}
-
-void DiskFileSystem::Discard(const std::vector<std::shared_ptr<ControlBlock>>& blocks)
-{
-    for (const std::shared_ptr<ControlBlock>& block : blocks)
-    {
-        if (block->Map != nullptr)
-        {
-            std::unique_lock main(block->Main);
-            CacheResize(block->Map, 0, false,
-                [&]
-                {
-                    std::lock_guard inner(block->Inner);
-                    block->Discarded = true;
-                    block->SetSize(0);
-                    return STATUS_SUCCESS;
-                });
-        }
-        Release(block);
-    }
-}
-
-NTSTATUS DiskFileSystem::Resize(ControlBlock& block, LONGLONG newSize, bool rewriteEnds)
-{
-    return CacheResize(block.Map, newSize, rewriteEnds,
-        [&]
-        {
-            std::lock_guard inner(block.Inner);
-            NTSTATUS status = block.Discarded ? STATUS_FILE_DELETED : block.Data->SetSize(newSize);
-            if (NT_SUCCESS(status))
-            {
-                block.SetSize(newSize);
-            }
-            return status;
-        });
+    Stream& stream = *static_cast<DiskBlock&>(block).Record;
+    stream.Size = block.Size();
+    stream.Active = nullptr;
 }
 
 void DiskFileSystem::Written(ControlBlock& block)
 {
     std::lock_guard guard(tree_);
-    StoredNode& info = block.Owner->Info;
+    Node& node = *static_cast<DiskBlock&>(block).Owner;
+    StoredNode& info = node.Info;
     info.LastWriteTime = info.ChangeTime = info.LastAccessTime = SystemTime();
     info.Attributes |= FILE_ATTRIBUTE_ARCHIVE;
     info.Attributes &= ~FILE_ATTRIBUTE_NORMAL;
-    block.Owner->Changed = true;
+    node.Changed = true;
 }
 
-NTSTATUS DiskFileSystem::Cleanup(PFILE_OBJECT file)
+void DiskFileSystem::Cleanup(PFILE_OBJECT file)
 {
     OpenContext* open = OpenOf(file);
     if (open == nullptr)
     {
-        return STATUS_SUCCESS;
+        return;
     }
     std::vector<std::shared_ptr<ControlBlock>> discard;
     NTSTATUS removal = STATUS_SUCCESS;
     {
         std::lock_guard guard(tree_);
-        Node* node = open->Block->Owner.get();
-        Stream* stream = open->Block->Record.get();
+        const DiskBlock* block = DiskBlockOf(file);
+        Node* node = block->Owner.get();
+        Stream* stream = block->Record.get();
         if (!open->CleanedUp)
         {
             open->CleanedUp = true;
@@ -204,75 +82,5 @@ NTSTATUS DiskFileSystem::Cleanup(PFILE_OBJECT file)
     }
     // Nobody can be told here that a removal failed; the file stays.
     Discard(discard);
-    return STATUS_SUCCESS;
-}
-
-NTSTATUS DiskFileSystem::Close(PFILE_OBJECT file)
-{
-    OpenContext* open = OpenOf(file);
-    if (open == nullptr)
-    {
-        return STATUS_SUCCESS;
-    }
-    Cleanup(file);
-    std::shared_ptr<ControlBlock> block = open->Block;
-    file->FsContext = nullptr;
-    file->FsContext2 = nullptr;
-    file->SectionObjectPointer = nullptr;
-    {
-        std::lock_guard guard(tree_);
-        std::erase(block->Opens, open);
-        --block->OpenCount;
-    }
-    delete open;
-    TryTearDown(block);
-    return STATUS_SUCCESS;
-}
-
-NTSTATUS DiskFileSystem::Flush(PFILE_OBJECT file)
-{
-    ControlBlock* block = BlockOf(file);
-    if (block == nullptr)
-    {
-        return STATUS_INVALID_PARAMETER;
-    }
-    if (block->Map != nullptr)
-    {
-        std::shared_lock main(block->Main);
-        return CacheFlush(block->Map, 0, 0);
-    }
-    return block->Owner == volumeNode_ ? FlushAll() : STATUS_SUCCESS;
-}
-
-NTSTATUS DiskFileSystem::FlushAll()
-{
-    std::vector<std::shared_ptr<ControlBlock>> all;
-    {
-        std::lock_guard guard(tree_);
-        for (auto& [id, node] : nodesById_)
-        {
-            for (auto& [name, stream] : node->Streams)
-            {
-                if (stream->Active && stream->Active->Map != nullptr)
-                {
-                    // Counted like an open, so that the cache map stays.
-                    ++stream->Active->OpenCount;
-                    all.push_back(stream->Active);
-                }
-            }
-        }
-    }
-    NTSTATUS first = STATUS_SUCCESS;
-    for (const std::shared_ptr<ControlBlock>& block : all)
-    {
-        NTSTATUS status;
-        {
-            std::shared_lock main(block->Main);
-            status = CacheFlush(block->Map, 0, 0);
-        }
-        first = NT_SUCCESS(first) ? status : first;
-        Release(block);
-    }
-    return first;
 }
 }

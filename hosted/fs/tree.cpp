@@ -108,16 +108,7 @@ Node* DiskFileSystem::StartOf(PFILE_OBJECT file) const
     {
         return root_.get();
     }
-    return BlockOf(related)->Owner.get();
-}
-
-bool IsRelativeName(PFILE_OBJECT file)
-{
-    const PFILE_OBJECT related = file->RelatedFileObject;
-    const WideView name = View(file->FileName);
-    // Below a volume both forms are in use.
-    const bool belowVolume = related != nullptr && (related->Flags & FO_VOLUME_OPEN);
-    return related != nullptr && !(belowVolume && !name.empty() && name[0] == L'\\');
+    return DiskBlockOf(related)->Owner.get();
 }
 
 // The name of such an open is the eight bytes of the id, by some callers after a backslash.
@@ -274,7 +265,7 @@ void DiskFileSystem::SaveIfChanged(Node* node)
 NTSTATUS DiskFileSystem::NormalizedName(PFILE_OBJECT fileObject, ULONG options, WideString* path)
 {
     std::lock_guard guard(tree_);
-    if (const ControlBlock* block = BlockOf(fileObject))
+    if (const DiskBlock* block = DiskBlockOf(fileObject))
     {
         if (block->Owner->Deleted)
         {

@@ -101,6 +101,8 @@ NTSTATUS SendCreate(const OpenRequest& request, PFILE_OBJECT file, IO_STATUS_BLO
     parameters.Options = request.Disposition << DispositionShift | request.Options;
     parameters.FileAttributes = static_cast<USHORT>(request.FileAttributes);
     parameters.ShareAccess = static_cast<USHORT>(request.ShareAccess);
+    parameters.EaBuffer = const_cast<void*>(request.Ea);
+    parameters.EaLength = request.EaLength;
     return SendFileRequest(create, status);
 }
 }

@@ -17,6 +17,8 @@ struct OpenRequest
     ULONG FileAttributes = FILE_ATTRIBUTE_NORMAL;
     UCHAR StackFlags = 0;                 // SL_OPEN_PAGING_FILE
     KPROCESSOR_MODE Mode = UserMode;
+    const void* Ea = nullptr;             // extended attributes of what is created, as its file system takes them
+    ULONG EaLength = 0;                   // bytes
     ULONG FileObjectFlags = 0;            // FO_MAILSLOT, FO_NAMED_PIPE, ...: set before the create is sent
 };
 

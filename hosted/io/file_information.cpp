@@ -1,5 +1,6 @@
 // Everything that programs ask of open files besides reading and writing.
 #include "hosted/io/file_object.h"
+#include "hosted/io/posix_information.h"
 
 #include "hosted/ke/irql.h"
 #include "hosted/ke/user_access.h"
@@ -36,7 +37,9 @@ ACCESS_MASK AccessToSet(FILE_INFORMATION_CLASS kind)
     switch (kind)
     {
     case FileRenameInformation:
+    case FileRenameInformationEx:
     case FileDispositionInformation:
+    case FileDispositionInformationEx:
         return DELETE;
     case FileEndOfFileInformation:
     case FileAllocationInformation:
@@ -54,9 +57,13 @@ ULONG LeastLengthToSet(FILE_INFORMATION_CLASS kind)
     switch (kind)
     {
     case FileRenameInformation:
+    case FileRenameInformationEx:
+    case FileLinkInformation:
         return FIELD_OFFSET(FILE_RENAME_INFORMATION, FileName);
     case FileDispositionInformation:
         return sizeof(FILE_DISPOSITION_INFORMATION);
+    case FileDispositionInformationEx:
+        return sizeof(DispositionEx);
     case FileBasicInformation:
         return sizeof(FILE_BASIC_INFORMATION);
     default:
@@ -110,7 +117,7 @@ NTSTATUS SetInformation(PFILE_OBJECT file, FILE_INFORMATION_CLASS kind, void* bu
     parameters.Length = length;
     parameters.FileInformationClass = kind;
     parameters.InfoBuffer = system.Memory.get();
-    if (kind == FileRenameInformation)
+    if (kind == FileRenameInformation || kind == FileLinkInformation)
     {
         parameters.ReplaceIfExists = *reinterpret_cast<const BOOLEAN*>(system.Memory.get());
     }

@@ -1,7 +1,7 @@
 #include "hosted/machine/machine_volume.h"
 
 #include "hosted/cc/cache.h"
-#include "hosted/fs/file_system.h"
+#include "hosted/fs/folder_file_system.h"
 
 namespace host
 {
@@ -32,9 +32,17 @@ void MachineVolume::Mount()
     volume->FileSystemDevice = nullptr;
     volume->Vpb = nullptr;
     volume->SectorSize = options_.SectorSize;
-    auto store = disk_ != nullptr ? CreateMemoryStore(disk_) : CreateDirectoryStore(options_.Directory);
-    const FileSystemOptions files{.StrictEndOfFile = options_.StrictEndOfFile, .ShortNames = options_.ShortNames};
-    volume->Files = CreateFileSystem(*volume, std::move(store), files);
+    if (!options_.Folder.empty())
+    {
+        const FolderOptions folder{.Folder = options_.Folder, .ReadOnly = options_.ReadOnly};
+        volume->Files = CreateFolderFileSystem(*volume, folder);
+    }
+    else
+    {
+        auto store = disk_ != nullptr ? CreateMemoryStore(disk_) : CreateDirectoryStore(options_.Directory);
+        const FileSystemOptions files{.StrictEndOfFile = options_.StrictEndOfFile, .ShortNames = options_.ShortNames};
+        volume->Files = CreateFileSystem(*volume, std::move(store), files);
+    }
     volume_ = MountVolume(std::move(volume));
 }
 

@@ -28,6 +28,7 @@
 #define FILE_NON_DIRECTORY_FILE 0x00000040
 #define FILE_DELETE_ON_CLOSE 0x00001000
 #define FILE_OPEN_BY_FILE_ID 0x00002000
+#define FILE_OPEN_REPARSE_POINT 0x00200000
 
 #define FILE_READ_DATA 0x0001
 #define FILE_LIST_DIRECTORY 0x0001
@@ -42,6 +43,7 @@
 #define FILE_ATTRIBUTE_DIRECTORY 0x00000010
 #define FILE_ATTRIBUTE_ARCHIVE 0x00000020
 #define FILE_ATTRIBUTE_NORMAL 0x00000080
+#define FILE_ATTRIBUTE_REPARSE_POINT 0x00000400
 
 typedef enum _FILE_INFORMATION_CLASS
 {
@@ -53,6 +55,7 @@ typedef enum _FILE_INFORMATION_CLASS
     FileInternalInformation,
     FileNameInformation = 9,
     FileRenameInformation = 10,
+    FileLinkInformation = 11,
     FileNamesInformation = 12,
     FileDispositionInformation = 13,
     FilePositionInformation = 14,
@@ -60,7 +63,9 @@ typedef enum _FILE_INFORMATION_CLASS
     FileAllocationInformation = 19,
     FileEndOfFileInformation = 20,
     FileStreamInformation = 22,
-    FileValidDataLengthInformation = 39
+    FileValidDataLengthInformation = 39,
+    FileDispositionInformationEx = 64,
+    FileRenameInformationEx = 65
 } FILE_INFORMATION_CLASS;
 
 typedef struct _FILE_BASIC_INFORMATION

@@ -1,5 +1,5 @@
 // Reading and writing: cached, past the cache, and for the cache itself.
-#include "hosted/fs/disk_file_system.h"
+#include "hosted/fs/stream_file_system.h"
 
 #include "hosted/io/mdl.h"
 #include "hosted/ke/user_access.h"
@@ -71,12 +71,12 @@ NTSTATUS Bounce(ULONG length, Move&& move)
 }
 }
 
-bool DiskFileSystem::IsSectorAligned(LONGLONG offset, ULONG length) const
+bool StreamFileSystem::IsSectorAligned(LONGLONG offset, ULONG length) const
 {
     return offset % volume_.SectorSize == 0 && length % volume_.SectorSize == 0;
 }
 
-NTSTATUS DiskFileSystem::ReadPages(ControlBlock& block, FLT_IO_PARAMETER_BLOCK& operation, ULONG_PTR* information)
+NTSTATUS StreamFileSystem::ReadPages(ControlBlock& block, FLT_IO_PARAMETER_BLOCK& operation, ULONG_PTR* information)
 {
     const auto& parameters = operation.Parameters.Read;
     const LONGLONG offset = parameters.ByteOffset.QuadPart;
@@ -92,7 +92,7 @@ NTSTATUS DiskFileSystem::ReadPages(ControlBlock& block, FLT_IO_PARAMETER_BLOCK& 
     return status;
 }
 
-NTSTATUS DiskFileSystem::WritePages(ControlBlock& block, FLT_IO_PARAMETER_BLOCK& operation, ULONG_PTR* information)
+NTSTATUS StreamFileSystem::WritePages(ControlBlock& block, FLT_IO_PARAMETER_BLOCK& operation, ULONG_PTR* information)
 {
     const auto& parameters = operation.Parameters.Write;
     const LONGLONG offset = parameters.ByteOffset.QuadPart;
@@ -108,7 +108,7 @@ NTSTATUS DiskFileSystem::WritePages(ControlBlock& block, FLT_IO_PARAMETER_BLOCK&
     return status;
 }
 
-NTSTATUS DiskFileSystem::Read(FLT_IO_PARAMETER_BLOCK& operation, ULONG_PTR* information)
+NTSTATUS StreamFileSystem::Read(FLT_IO_PARAMETER_BLOCK& operation, ULONG_PTR* information)
 {
     const PFILE_OBJECT file = operation.TargetFileObject;
     ControlBlock* block = BlockOf(file);
@@ -157,7 +157,7 @@ NTSTATUS DiskFileSystem::Read(FLT_IO_PARAMETER_BLOCK& operation, ULONG_PTR* info
 }
 
 // Shared main lock held; the range lies within the file size.
-NTSTATUS DiskFileSystem::ReadNonCached(
+NTSTATUS StreamFileSystem::ReadNonCached(
     ControlBlock& block, LONGLONG offset, ULONG length, void* data, ULONG_PTR* information)
 {
     NTSTATUS status = CacheFlush(block.Map, offset, length);
@@ -188,7 +188,7 @@ NTSTATUS DiskFileSystem::ReadNonCached(
     return status;
 }
 
-NTSTATUS DiskFileSystem::Write(FLT_IO_PARAMETER_BLOCK& operation, ULONG_PTR* information)
+NTSTATUS StreamFileSystem::Write(FLT_IO_PARAMETER_BLOCK& operation, ULONG_PTR* information)
 {
     const PFILE_OBJECT file = operation.TargetFileObject;
     ControlBlock* block = BlockOf(file);
@@ -245,7 +245,7 @@ NTSTATUS DiskFileSystem::Write(FLT_IO_PARAMETER_BLOCK& operation, ULONG_PTR* inf
 }
 
 // Main lock held.
-NTSTATUS DiskFileSystem::WriteCached(
+NTSTATUS StreamFileSystem::WriteCached(
     ControlBlock& block, LONGLONG offset, ULONG length, const void* data, ULONG_PTR* information)
 {
     const LONGLONG oldSize = block.Size();
@@ -268,20 +268,25 @@ NTSTATUS DiskFileSystem::WriteCached(
 }
 
 // Main lock held.
-NTSTATUS DiskFileSystem::WriteNonCached(
+NTSTATUS StreamFileSystem::WriteNonCached(
     ControlBlock& block, LONGLONG offset, ULONG length, const void* data, ULONG_PTR* information)
 {
     const LONGLONG oldSize = block.Size();
     NTSTATUS status = STATUS_SUCCESS;
     if (offset + length > oldSize)
     {
-        status = Resize(block, offset + length, !options_.StrictEndOfFile);
+        status = Resize(block, offset + length, !strictEndOfFile_);
         // With the old and the new end of file in it, all of which must be on disk before the data.
         status = NT_SUCCESS(status) ? CacheFlush(block.Map, std::min(oldSize, offset), 0) : status;
     }
     else
     {
         status = CacheFlush(block.Map, offset, length);
+    }
+    const LONGLONG first = block.Data->WriteFirst();
+    if (NT_SUCCESS(status) && first >= 0 && first < offset)
+    {
+        status = CacheFlush(block.Map, first, 1);
     }
     if (NT_SUCCESS(status))
     {
@@ -291,12 +296,12 @@ NTSTATUS DiskFileSystem::WriteNonCached(
     *information = NT_SUCCESS(status) ? length : 0;
     if (!NT_SUCCESS(status) && block.Size() > oldSize)
     {
-        Resize(block, oldSize, !options_.StrictEndOfFile);
+        Resize(block, oldSize, !strictEndOfFile_);
     }
     return status;
 }
 
-NTSTATUS DiskFileSystem::WriteStore(ControlBlock& block, LONGLONG offset, ULONG length, const void* data)
+NTSTATUS StreamFileSystem::WriteStore(ControlBlock& block, LONGLONG offset, ULONG length, const void* data)
 {
     const auto write = [&](const void* from, ULONG done, ULONG step)
     {

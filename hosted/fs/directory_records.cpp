@@ -1,5 +1,5 @@
 // Listing directories.
-#include "hosted/fs/disk_file_system.h"
+#include "hosted/fs/stream_file_system.h"
 
 #include "hosted/io/file_object.h"
 #include "hosted/io/mdl.h"
@@ -11,14 +11,6 @@ namespace host
 {
 namespace
 {
-// What the record of one entry shows; "." and ".." have the times of the directories they stand for.
-struct Entry
-{
-    WideView Name;
-    WideView ShortName;
-    const Node* Of;
-};
-
 // The four record layouts share their beginning; Names has only the links and the name.
 ULONG FixedLength(FILE_INFORMATION_CLASS kind)
 {
@@ -37,14 +29,8 @@ ULONG FixedLength(FILE_INFORMATION_CLASS kind)
     }
 }
 
-LONGLONG SizeOf(const Node& node)
-{
-    auto data = node.Streams.find(WideString());
-    return node.Info.Directory || data == node.Streams.end() ? 0 : data->second->CurrentSize();
-}
-
 // The record up to the name.
-std::string FixedPart(const Entry& entry, FILE_INFORMATION_CLASS kind)
+std::string FixedPart(const ScannedEntry& entry, FILE_INFORMATION_CLASS kind)
 {
     const ULONG nameBytes = static_cast<ULONG>(entry.Name.size() * sizeof(WCHAR));
     FILE_BOTH_DIR_INFORMATION record;
@@ -55,56 +41,23 @@ std::string FixedPart(const Entry& entry, FILE_INFORMATION_CLASS kind)
         std::memcpy(bytes.data() + 2 * sizeof(ULONG), &nameBytes, sizeof(nameBytes));
         return bytes;
     }
-    const StoredNode& info = entry.Of->Info;
-    record.CreationTime.QuadPart = info.CreationTime;
-    record.LastAccessTime.QuadPart = info.LastAccessTime;
-    record.LastWriteTime.QuadPart = info.LastWriteTime;
-    record.ChangeTime.QuadPart = info.ChangeTime;
-    record.EndOfFile.QuadPart = SizeOf(*entry.Of);
-    record.AllocationSize.QuadPart = AllocationFor(record.EndOfFile.QuadPart);
-    record.FileAttributes = info.Attributes != 0 ? info.Attributes : FILE_ATTRIBUTE_NORMAL;
+    const FileFacts& facts = entry.Facts;
+    record.CreationTime.QuadPart = facts.CreationTime;
+    record.LastAccessTime.QuadPart = facts.LastAccessTime;
+    record.LastWriteTime.QuadPart = facts.LastWriteTime;
+    record.ChangeTime.QuadPart = facts.ChangeTime;
+    record.EndOfFile.QuadPart = facts.Size;
+    record.AllocationSize.QuadPart = AllocationFor(facts.Size);
+    record.FileAttributes = facts.Attributes != 0 ? facts.Attributes : FILE_ATTRIBUTE_NORMAL;
     record.FileNameLength = nameBytes;
     record.ShortNameLength = static_cast<CCHAR>(entry.ShortName.size() * sizeof(WCHAR));
     entry.ShortName.copy(record.ShortName, std::size(record.ShortName));
     return std::string(reinterpret_cast<const char*>(&record), FixedLength(kind));
 }
 
-bool Matches(const WideString& pattern, const Entry& entry)
+bool Matches(const WideString& pattern, const ScannedEntry& entry)
 {
-    if (pattern.empty())
-    {
-        return true;
-    }
-    if (!HasWildcards(pattern))
-    {
-        return EqualNoCase(pattern, entry.Name) || (!entry.ShortName.empty() && EqualNoCase(pattern, entry.ShortName));
-    }
-    return MatchesPattern(pattern, entry.Name) ||
-           (!entry.ShortName.empty() && MatchesPattern(pattern, entry.ShortName));
-}
-
-// The entry after what the scan has dealt with, past which the scan then stands.
-bool NextEntry(DirectoryScan& scan, const Node& directory, Entry* entry)
-{
-    // The root has no parent, and so neither of the two.
-    for (; scan.Dots < 2; ++scan.Dots)
-    {
-        if (directory.Parent != nullptr)
-        {
-            *entry = scan.Dots == 0 ? Entry{L".", {}, &directory} : Entry{L"..", {}, directory.Parent};
-            ++scan.Dots;
-            return true;
-        }
-    }
-    auto next = scan.Last.empty() ? directory.Children.begin() : directory.Children.upper_bound(scan.Last);
-    if (next == directory.Children.end())
-    {
-        return false;
-    }
-    const StoredNode& info = next->second->Info;
-    *entry = {info.Name, info.ShortName, next->second.get()};
-    scan.Last = info.Name;
-    return true;
+    return MatchesQuery(pattern, entry.Name) || (!entry.ShortName.empty() && MatchesQuery(pattern, entry.ShortName));
 }
 
 struct CopyRequest
@@ -130,12 +83,12 @@ NTSTATUS CopyOut(void* to, const std::string& from)
 }
 }
 
-NTSTATUS DiskFileSystem::QueryDirectory(FLT_IO_PARAMETER_BLOCK& operation, ULONG_PTR* information)
+NTSTATUS StreamFileSystem::QueryDirectory(FLT_IO_PARAMETER_BLOCK& operation, ULONG_PTR* information)
 {
     const PFILE_OBJECT file = operation.TargetFileObject;
     ControlBlock* block = BlockOf(file);
     const auto& parameters = operation.Parameters.QueryDirectory;
-    if (block == nullptr || block->Map != nullptr || block->Owner == volumeNode_ || OpenOf(file) == nullptr)
+    if (block == nullptr || block->Kind != StreamKind::Directory || OpenOf(file) == nullptr)
     {
         return STATUS_INVALID_PARAMETER;
     }
@@ -166,18 +119,14 @@ NTSTATUS DiskFileSystem::QueryDirectory(FLT_IO_PARAMETER_BLOCK& operation, ULONG
     return NT_SUCCESS(copied) ? status : copied;
 }
 
-NTSTATUS DiskFileSystem::FillDirectory(OpenContext& open, FLT_IO_PARAMETER_BLOCK& operation, std::string* entries)
+NTSTATUS StreamFileSystem::FillDirectory(OpenContext& open, FLT_IO_PARAMETER_BLOCK& operation, std::string* entries)
 {
     const auto& parameters = operation.Parameters.QueryDirectory;
-    const Node& directory = *open.Block->Owner;
-    if (directory.Deleted || directory.DeletePending)
-    {
-        return STATUS_DELETE_PENDING;
-    }
     // The first query's pattern holds for the whole life of the open; a restart only goes back to the beginning.
     DirectoryScan& scan = open.Scan;
     const bool restart = (operation.OperationFlags & DirectoryRestartScan) != 0;
-    if (!scan.Started || restart)
+    const bool restarted = !scan.Started || restart;
+    if (restarted)
     {
         const bool first = !scan.Started;
         const WideString pattern = first || (restart && parameters.FileName != nullptr)
@@ -185,12 +134,17 @@ NTSTATUS DiskFileSystem::FillDirectory(OpenContext& open, FLT_IO_PARAMETER_BLOCK
                                        : scan.Pattern;
         scan = {.Started = true, .Pattern = pattern, .Last = {}};
     }
+    NTSTATUS status = PrepareScan(open, restarted);
+    if (!NT_SUCCESS(status))
+    {
+        return status;
+    }
     size_t previous = 0;
     for (;;)
     {
         const DirectoryScan before = scan;
-        Entry entry;
-        if (!NextEntry(scan, directory, &entry))
+        ScannedEntry entry;
+        if (!NextEntry(open, &entry))
         {
             break;
         }
