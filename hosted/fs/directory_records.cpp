@@ -11,7 +11,7 @@ namespace host
 {
 namespace
 {
-// The four record layouts share their beginning; Names has only the links and the name.
+// The record layouts share their beginning; Names has only the links and the name.
 ULONG FixedLength(FILE_INFORMATION_CLASS kind)
 {
     switch (kind)
@@ -22,6 +22,8 @@ ULONG FixedLength(FILE_INFORMATION_CLASS kind)
         return 68;
     case FileBothDirectoryInformation:
         return FIELD_OFFSET(FILE_BOTH_DIR_INFORMATION, FileName);
+    case FileIdBothDirectoryInformation:
+        return FIELD_OFFSET(FILE_ID_BOTH_DIR_INFORMATION, FileName);
     case FileNamesInformation:
         return 12;
     default:
@@ -33,7 +35,7 @@ ULONG FixedLength(FILE_INFORMATION_CLASS kind)
 std::string FixedPart(const ScannedEntry& entry, FILE_INFORMATION_CLASS kind)
 {
     const ULONG nameBytes = static_cast<ULONG>(entry.Name.size() * sizeof(WCHAR));
-    FILE_BOTH_DIR_INFORMATION record;
+    FILE_ID_BOTH_DIR_INFORMATION record;
     std::memset(&record, 0, sizeof(record));
     if (kind == FileNamesInformation)
     {
@@ -52,6 +54,7 @@ std::string FixedPart(const ScannedEntry& entry, FILE_INFORMATION_CLASS kind)
     record.FileNameLength = nameBytes;
     record.ShortNameLength = static_cast<CCHAR>(entry.ShortName.size() * sizeof(WCHAR));
     entry.ShortName.copy(record.ShortName, std::size(record.ShortName));
+    record.FileId.QuadPart = static_cast<LONGLONG>(facts.Id);
     return std::string(reinterpret_cast<const char*>(&record), FixedLength(kind));
 }
 

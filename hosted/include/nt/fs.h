@@ -63,6 +63,7 @@ typedef enum _FILE_INFORMATION_CLASS
     FileAllocationInformation = 19,
     FileEndOfFileInformation = 20,
     FileStreamInformation = 22,
+    FileIdBothDirectoryInformation = 37,
     FileValidDataLengthInformation = 39,
     FileDispositionInformationEx = 64,
     FileRenameInformationEx = 65
@@ -132,6 +133,25 @@ typedef struct _FILE_BOTH_DIR_INFORMATION
     WCHAR ShortName[12];
     WCHAR FileName[1];
 } FILE_BOTH_DIR_INFORMATION, *PFILE_BOTH_DIR_INFORMATION;
+
+typedef struct _FILE_ID_BOTH_DIR_INFORMATION
+{
+    ULONG NextEntryOffset;
+    ULONG FileIndex;
+    LARGE_INTEGER CreationTime;
+    LARGE_INTEGER LastAccessTime;
+    LARGE_INTEGER LastWriteTime;
+    LARGE_INTEGER ChangeTime;
+    LARGE_INTEGER EndOfFile;
+    LARGE_INTEGER AllocationSize;
+    ULONG FileAttributes;
+    ULONG FileNameLength;
+    ULONG EaSize;
+    CCHAR ShortNameLength;
+    WCHAR ShortName[12];
+    LARGE_INTEGER FileId;
+    WCHAR FileName[1];
+} FILE_ID_BOTH_DIR_INFORMATION, *PFILE_ID_BOTH_DIR_INFORMATION;
 
 typedef struct _FSRTL_COMMON_FCB_HEADER
 {

@@ -27,8 +27,11 @@ void TakeEntries(const UCHAR* records, std::vector<DirectoryEntry>* entries)
     {
         const auto* record = reinterpret_cast<const FILE_ID_BOTH_DIR_INFORMATION*>(records);
         const host::WideView name(record->FileName, record->FileNameLength / sizeof(WCHAR));
-        entries->push_back({host::NameToHost(name), static_cast<ino_t>(record->FileId.QuadPart),
-                            TypeOf(record->FileAttributes)});
+        if (name != host::WideView(L".") && name != host::WideView(L".."))
+        {
+            entries->push_back({host::NameToHost(name), static_cast<ino_t>(record->FileId.QuadPart),
+                                TypeOf(record->FileAttributes)});
+        }
         if (record->NextEntryOffset == 0)
         {
             return;
@@ -40,7 +43,10 @@ void TakeEntries(const UCHAR* records, std::vector<DirectoryEntry>* entries)
 // The whole directory at once: what a program reads on must not change with what it removes meanwhile.
 NTSTATUS List(PFILE_OBJECT directory, std::vector<DirectoryEntry>* entries)
 {
-    entries->clear();
+    struct stat own = {};
+    host::FolderStat(directory, &own);
+    // The root of a Windows volume lists neither of these; here every directory has both.
+    *entries = {{".", own.st_ino, S_IFDIR}, {"..", own.st_ino, S_IFDIR}};
     const std::unique_ptr<ULONGLONG[]> buffer(new ULONGLONG[ListingBytes / sizeof(ULONGLONG)]);
     for (bool restart = true;; restart = false)
     {
