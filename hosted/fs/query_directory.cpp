@@ -177,9 +177,9 @@ NTSTATUS DiskFileSystem::FillDirectory(OpenContext& open, FLT_IO_PARAMETER_BLOCK
     // The first query's pattern holds for the whole life of the open; a restart only goes back to the beginning.
     DirectoryScan& scan = open.Scan;
     const bool restart = (operation.OperationFlags & DirectoryRestartScan) != 0;
-    if (!scan.Started || restart)
+    const bool first = !scan.Started;
+    if (first || restart)
     {
-        const bool first = !scan.Started;
         const WideString pattern = first || (restart && parameters.FileName != nullptr)
                                        ? (parameters.FileName != nullptr ? WideString(View(*parameters.FileName)) : L"")
                                        : scan.Pattern;
@@ -201,7 +201,6 @@ NTSTATUS DiskFileSystem::FillDirectory(OpenContext& open, FLT_IO_PARAMETER_BLOCK
         const size_t start = (entries->size() + 7) / 8 * 8;
         std::string record = FixedPart(entry, parameters.FileInformationClass);
         record.append(reinterpret_cast<const char*>(entry.Name.data()), entry.Name.size() * sizeof(WCHAR));
-        scan.Answered = true;
         if (start + record.size() > parameters.Length)
         {
             if (entries->empty())
@@ -230,6 +229,6 @@ NTSTATUS DiskFileSystem::FillDirectory(OpenContext& open, FLT_IO_PARAMETER_BLOCK
     {
         return STATUS_SUCCESS;
     }
-    return scan.Answered ? STATUS_NO_MORE_FILES : STATUS_NO_SUCH_FILE;
+    return first ? STATUS_NO_SUCH_FILE : STATUS_NO_MORE_FILES;
 }
 }
