@@ -63,7 +63,7 @@ bool TakePrint(const std::string& line, std::vector<std::string>* prints)
 }
 }
 
-Prefix::Prefix(const std::vector<fs::path>& files)
+Prefix::Prefix()
 {
     std::string pattern = (fs::temp_directory_path() / "tarnveil-wine-XXXXXX").string();
     if (mkdtemp(pattern.data()) == nullptr)
@@ -71,6 +71,11 @@ Prefix::Prefix(const std::vector<fs::path>& files)
         throw std::runtime_error("no folder for a Wine prefix");
     }
     folder_ = pattern;
+}
+
+// By way of the other, so that the folder goes whatever fails here.
+Prefix::Prefix(const std::vector<fs::path>& files) : Prefix()
+{
     const std::string output = Shell(Wine(folder_ / "prefix", "wineboot -i"));
     if (!fs::is_directory(Disk()))
     {

@@ -30,6 +30,8 @@ public:
     std::filesystem::path Disk() const { return folder_ / "prefix" / "drive_c"; }
 
 private:
+    Prefix();
+
     std::filesystem::path folder_;
 };
 }
