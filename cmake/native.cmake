@@ -129,6 +129,17 @@ if(TARNVEIL_SANITIZER OR TARNVEIL_COVERAGE)
         tarnveil_test(conformance_wine tests/conformance/wine wine)
         target_compile_definitions(conformance_wine PRIVATE
             TARNVEIL_AGENT="${CMAKE_SOURCE_DIR}/build/windows/tarnctl.exe")
+        # One source of questions, here compiled natively; windows/platform_questions.cmake makes the image of it.
+        file(GLOB PLATFORM_QUESTIONS CONFIGURE_DEPENDS
+            ${CMAKE_SOURCE_DIR}/tests/conformance/platform/questions/*.cpp)
+        add_library(platform_questions STATIC ${PLATFORM_QUESTIONS})
+        target_compile_definitions(platform_questions PRIVATE TARNVEIL_DRIVER_SOURCE=1)
+        target_link_libraries(platform_questions PUBLIC hosted)
+        set(TARNVEIL_QUESTIONS ${CMAKE_SOURCE_DIR}/build/windows/PlatformQuestions.sys CACHE FILEPATH
+            "The driver image that asks Windows kernels")
+        tarnveil_test(conformance_platform tests/conformance/platform/test platform platform_questions hosted)
+        target_sources(conformance_platform PRIVATE tests/conformance/wine/wine_session.cpp)
+        target_compile_definitions(conformance_platform PRIVATE TARNVEIL_QUESTIONS="${TARNVEIL_QUESTIONS}")
     endif()
     # Programs on a mounted volume. What they are told to run stands beside the tests.
     add_executable(random_file_program tests/live/program/random_file_program.cpp)

@@ -3,6 +3,7 @@
 #include "hosted/ke/bug_check.h"
 #include "hosted/ke/failure_injection.h"
 #include "hosted/ke/irql.h"
+#include "hosted/ldr/export_list.h"
 
 #include <mutex>
 #include <set>
@@ -11,24 +12,39 @@ namespace host
 {
 namespace
 {
-struct SystemRoutine
+// Those that no image may import.
+void* FindByNameOnly(WideView name)
 {
-    WideView Name;
-    void* Address;
-};
-
-const SystemRoutine* FindRoutine(WideView name)
-{
-    static const SystemRoutine routines[] = {
+    static const struct
+    {
+        WideView Name;
+        void* Address;
+    } routines[] = {
         {L"ZwQueryInformationProcess", reinterpret_cast<void*>(&ZwQueryInformationProcess)},
         {L"ZwQuerySystemInformation", reinterpret_cast<void*>(&ZwQuerySystemInformation)},
         {L"NtQuerySystemInformation", reinterpret_cast<void*>(&NtQuerySystemInformation)},
     };
-    for (const SystemRoutine& routine : routines)
+    for (const auto& routine : routines)
     {
         if (routine.Name == name)
         {
-            return &routine;
+            return routine.Address;
+        }
+    }
+    return nullptr;
+}
+
+// Null for what no module of this kernel's own exports.
+void* FindExport(WideView name)
+{
+    size_t count;
+    const ExportedRoutine* routines = ExportedRoutines(&count);
+    for (size_t index = 0; index < count; ++index)
+    {
+        const ExportedRoutine& routine = routines[index];
+        if (std::string_view(routine.Module) == "ntoskrnl.exe" && Narrow(name) == routine.Name)
+        {
+            return routine.Address;
         }
     }
     return nullptr;
@@ -73,7 +89,11 @@ extern "C" PVOID NTAPI MmGetSystemRoutineAddress(PUNICODE_STRING SystemRoutineNa
         return nullptr;
     }
     WideView name = View(*SystemRoutineName);
-    const SystemRoutine* routine = FindRoutine(name);
+    void* address = FindByNameOnly(name);
+    if (address == nullptr)
+    {
+        address = FindExport(name);
+    }
     std::lock_guard lock(Hidden().Lock);
-    return routine != nullptr && !Hidden().Names.contains(WideString(name)) ? routine->Address : nullptr;
+    return Hidden().Names.contains(WideString(name)) ? nullptr : address;
 }

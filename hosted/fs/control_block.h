@@ -71,7 +71,6 @@ struct ControlBlock : FSRTL_COMMON_FCB_HEADER, std::enable_shared_from_this<Cont
 struct DirectoryScan
 {
     bool Started = false;
-    bool Answered = false; // something was returned since the scan began
     WideString Pattern;
     ULONG Dots = 0;  // 0: "." comes next, 1: ".." does, 2: names
     WideString Last; // the last name that was dealt with, or how many of a listing were

@@ -100,9 +100,13 @@ NTSTATUS DiskFileSystem::OpenExisting(CreateRequest& request, Node* node)
     {
         return STATUS_FILE_IS_A_DIRECTORY;
     }
-    if (!asDirectory && (request.WantsDirectory() || request.Path.TrailingBackslash))
+    if (!asDirectory && request.WantsDirectory())
     {
         return STATUS_NOT_A_DIRECTORY;
+    }
+    if (!asDirectory && request.Path.TrailingBackslash)
+    {
+        return STATUS_OBJECT_NAME_INVALID;
     }
     if (node->Info.Directory && request.Path.StreamGiven && request.Path.Stream.empty())
     {

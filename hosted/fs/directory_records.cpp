@@ -128,10 +128,10 @@ NTSTATUS StreamFileSystem::FillDirectory(OpenContext& open, FLT_IO_PARAMETER_BLO
     // The first query's pattern holds for the whole life of the open; a restart only goes back to the beginning.
     DirectoryScan& scan = open.Scan;
     const bool restart = (operation.OperationFlags & DirectoryRestartScan) != 0;
-    const bool restarted = !scan.Started || restart;
+    const bool first = !scan.Started;
+    const bool restarted = first || restart;
     if (restarted)
     {
-        const bool first = !scan.Started;
         const WideString pattern = first || (restart && parameters.FileName != nullptr)
                                        ? (parameters.FileName != nullptr ? WideString(View(*parameters.FileName)) : L"")
                                        : scan.Pattern;
@@ -158,7 +158,6 @@ NTSTATUS StreamFileSystem::FillDirectory(OpenContext& open, FLT_IO_PARAMETER_BLO
         const size_t start = (entries->size() + 7) / 8 * 8;
         std::string record = FixedPart(entry, parameters.FileInformationClass);
         record.append(reinterpret_cast<const char*>(entry.Name.data()), entry.Name.size() * sizeof(WCHAR));
-        scan.Answered = true;
         if (start + record.size() > parameters.Length)
         {
             if (entries->empty())
@@ -187,6 +186,6 @@ NTSTATUS StreamFileSystem::FillDirectory(OpenContext& open, FLT_IO_PARAMETER_BLO
     {
         return STATUS_SUCCESS;
     }
-    return scan.Answered ? STATUS_NO_MORE_FILES : STATUS_NO_SUCH_FILE;
+    return first ? STATUS_NO_SUCH_FILE : STATUS_NO_MORE_FILES;
 }
 }

@@ -277,9 +277,13 @@ NTSTATUS FolderFileSystem::CheckExisting(const CreateRequest& request, const str
     {
         return STATUS_FILE_IS_A_DIRECTORY;
     }
-    if (!directory && (request.WantsDirectory() || request.Path.TrailingBackslash))
+    if (!directory && request.WantsDirectory())
     {
         return STATUS_NOT_A_DIRECTORY;
+    }
+    if (!directory && request.Path.TrailingBackslash)
+    {
+        return STATUS_OBJECT_NAME_INVALID;
     }
     return !directory && !S_ISREG(info.st_mode) && overwrites ? STATUS_ACCESS_DENIED : STATUS_SUCCESS;
 }

@@ -58,7 +58,7 @@ NTSTATUS ParsePath(WideView text, bool relative, ParsedPath* parsed)
     const bool rooted = !text.empty() && text[0] == L'\\';
     if (rooted == relative && !text.empty())
     {
-        return STATUS_OBJECT_NAME_INVALID;
+        return rooted ? STATUS_INVALID_PARAMETER : STATUS_OBJECT_NAME_INVALID;
     }
     WideView rest = rooted ? text.substr(1) : text;
     if (!rest.empty() && rest.back() == L'\\')

@@ -17,7 +17,8 @@ struct ParsedPath
 };
 
 // Takes apart "\a\b\name:stream:$DATA" (absolute) or "b\name" (relative to an open directory or, as ":stream", to an
-// open file). An empty text has no components. STATUS_OBJECT_NAME_INVALID for names that no file can have.
+// open file). An empty text has no components. STATUS_OBJECT_NAME_INVALID for names that no file can have,
+// STATUS_INVALID_PARAMETER for an absolute name where a relative one is needed.
 NTSTATUS ParsePath(WideView text, bool relative, ParsedPath* parsed);
 // One component: 1 to 255 characters, none of them reserved, neither "." nor "..".
 bool IsValidName(WideView name);

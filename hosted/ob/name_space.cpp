@@ -51,19 +51,29 @@ WideString Normalise(WideView path)
     return WideString(path);
 }
 
-bool IsAbsolute(WideView path)
+// What a name that leads nowhere fails with, whatever exists.
+NTSTATUS CheckAbsolute(WideView path)
 {
-    return path.size() > 1 && path[0] == L'\\';
+    if (path.empty() || path[0] != L'\\')
+    {
+        return STATUS_OBJECT_PATH_SYNTAX_BAD;
+    }
+    return path.size() > 1 ? STATUS_SUCCESS : STATUS_OBJECT_NAME_INVALID;
 }
 
 // A name that can be inserted: no empty component.
 bool IsWholeName(WideView path)
 {
-    return IsAbsolute(path) && path.back() != L'\\' && path.find(WideView(L"\\\\")) == WideView::npos;
+    return path.back() != L'\\' && path.find(WideView(L"\\\\")) == WideView::npos;
 }
 
 NTSTATUS InsertBody(const WideString& name, void* body)
 {
+    const NTSTATUS status = CheckAbsolute(name);
+    if (!NT_SUCCESS(status))
+    {
+        return status;
+    }
     if (!IsWholeName(name))
     {
         return STATUS_OBJECT_NAME_INVALID;
@@ -137,6 +147,13 @@ void* FindPrefix(const NameTable& table, WideView path, size_t* length)
     }
     return nullptr;
 }
+
+// The name with a link at its start, of that length, replaced by what the link leads to.
+WideString Follow(const void* body, const WideString& name, size_t length)
+{
+    const auto* link = static_cast<const SymbolicLink*>(body);
+    return Normalise(WideString(link->Target, link->TargetCharacters) + name.substr(length));
+}
 }
 
 NTSTATUS InsertName(WideView path, void* body)
@@ -151,6 +168,10 @@ NTSTATUS RemoveName(WideView path)
 
 NTSTATUS InsertSymbolicLink(WideView link, WideView target)
 {
+    if (target.empty())
+    {
+        return STATUS_INVALID_PARAMETER;
+    }
     auto* body = static_cast<SymbolicLink*>(CreateObject(SymbolicLinkType, sizeof(SymbolicLink)));
     body->Target = new WCHAR[target.size() + 1];
     body->TargetCharacters = target.size();
@@ -169,26 +190,35 @@ NTSTATUS RemoveSymbolicLink(WideView link)
 NTSTATUS ReferenceSymbolicLink(WideView path, SymbolicLink** link)
 {
     *link = nullptr;
-    if (!IsAbsolute(path))
+    const NTSTATUS status = CheckAbsolute(path);
+    if (!NT_SUCCESS(status))
     {
-        return STATUS_OBJECT_NAME_INVALID;
+        return status;
     }
     WideString name = Normalise(path);
     NameTable& table = Table();
     std::lock_guard lock(table.Lock);
-    auto found = table.Names.find(name);
-    if (found == table.Names.end())
+    for (int links = 0; links <= MostLinks; ++links)
     {
         size_t length;
-        return FindPrefix(table, name, &length) != nullptr ? STATUS_OBJECT_TYPE_MISMATCH : MissingStatus(table, name);
+        void* found = FindPrefix(table, name, &length);
+        if (found == nullptr)
+        {
+            return MissingStatus(table, name);
+        }
+        if (&TypeOf(found) != &SymbolicLinkType)
+        {
+            return STATUS_OBJECT_TYPE_MISMATCH;
+        }
+        if (length == name.size())
+        {
+            ReferenceObject(found);
+            *link = static_cast<SymbolicLink*>(found);
+            return STATUS_SUCCESS;
+        }
+        name = Follow(found, name, length);
     }
-    if (&TypeOf(found->second) != &SymbolicLinkType)
-    {
-        return STATUS_OBJECT_TYPE_MISMATCH;
-    }
-    ReferenceObject(found->second);
-    *link = static_cast<SymbolicLink*>(found->second);
-    return STATUS_SUCCESS;
+    return STATUS_OBJECT_NAME_INVALID;
 }
 
 NTSTATUS ReadSymbolicLink(WideView link, WideString* target)
@@ -207,9 +237,10 @@ NTSTATUS ReadSymbolicLink(WideView link, WideString* target)
 NTSTATUS LookupObject(WideView path, void** body, WideString* remainder)
 {
     *body = nullptr;
-    if (!IsAbsolute(path))
+    const NTSTATUS status = CheckAbsolute(path);
+    if (!NT_SUCCESS(status))
     {
-        return STATUS_OBJECT_NAME_INVALID;
+        return status;
     }
     WideString name = Normalise(path);
     NameTable& table = Table();
@@ -229,9 +260,7 @@ NTSTATUS LookupObject(WideView path, void** body, WideString* remainder)
             *remainder = name.substr(length);
             return STATUS_SUCCESS;
         }
-        const auto* link = static_cast<const SymbolicLink*>(found);
-        WideString target(link->Target, link->TargetCharacters);
-        name = Normalise(target + name.substr(length));
+        name = Follow(found, name, length);
     }
     // Links in a circle.
     return STATUS_OBJECT_NAME_INVALID;

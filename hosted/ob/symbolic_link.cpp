@@ -73,19 +73,20 @@ extern "C" NTSTATUS NTAPI ZwQuerySymbolicLinkObject(
         return status;
     }
     const auto* link = static_cast<const SymbolicLink*>(body);
-    SIZE_T bytes = link->TargetCharacters * sizeof(WCHAR);
+    // The terminator is part of what is copied, and so of the room that is needed.
+    SIZE_T needed = (link->TargetCharacters + 1) * sizeof(WCHAR);
     if (ReturnedLength != nullptr)
     {
-        *ReturnedLength = static_cast<ULONG>(bytes);
+        *ReturnedLength = static_cast<ULONG>(needed);
     }
-    if (bytes > LinkTarget->MaximumLength)
+    if (needed > LinkTarget->MaximumLength)
     {
         status = STATUS_BUFFER_TOO_SMALL;
     }
     else
     {
-        RtlCopyMemory(LinkTarget->Buffer, link->Target, bytes);
-        LinkTarget->Length = static_cast<USHORT>(bytes);
+        RtlCopyMemory(LinkTarget->Buffer, link->Target, needed);
+        LinkTarget->Length = static_cast<USHORT>(needed - sizeof(WCHAR));
     }
     DereferenceObject(body);
     return status;

@@ -20,6 +20,7 @@ static_assert(sizeof(ExtendedVersion) == 284);
 
 constexpr ULONG PlatformNt = 2;
 constexpr UCHAR Workstation = 1;
+constexpr USHORT SuiteSingleUserTerminal = 0x100; // remote desktop for one user, which every workstation has
 constexpr ULONG FirstServicePackBuild = 7601;
 }
 
@@ -50,7 +51,7 @@ extern "C" NTSTATUS NTAPI RtlGetVersion(PRTL_OSVERSIONINFOW VersionInformation)
         auto* extended = reinterpret_cast<ExtendedVersion*>(VersionInformation);
         extended->ServicePackMajor = servicePack ? 1 : 0;
         extended->ServicePackMinor = 0;
-        extended->SuiteMask = 0;
+        extended->SuiteMask = SuiteSingleUserTerminal;
         extended->ProductType = Workstation;
         extended->Reserved = 0;
     }

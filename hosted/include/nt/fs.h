@@ -45,7 +45,8 @@
 #define FILE_ATTRIBUTE_NORMAL 0x00000080
 #define FILE_ATTRIBUTE_REPARSE_POINT 0x00000400
 
-typedef enum _FILE_INFORMATION_CLASS
+// Callers may ask for classes that are not listed, so every value must be one of the type's.
+typedef enum _FILE_INFORMATION_CLASS : int
 {
     FileDirectoryInformation = 1,
     FileFullDirectoryInformation,

@@ -25,7 +25,8 @@ NTSTATUS NTAPI ZwOpenSymbolicLinkObject(
     PHANDLE LinkHandle, ACCESS_MASK DesiredAccess, POBJECT_ATTRIBUTES ObjectAttributes);
 NTSTATUS NTAPI ZwQuerySymbolicLinkObject(HANDLE LinkHandle, PUNICODE_STRING LinkTarget, PULONG ReturnedLength);
 
-typedef enum _KEY_VALUE_INFORMATION_CLASS
+// Callers may ask for classes that are not listed, so every value must be one of the type's. So in those below.
+typedef enum _KEY_VALUE_INFORMATION_CLASS : int
 {
     KeyValueBasicInformation,
     KeyValueFullInformation,
@@ -85,13 +86,12 @@ NTSTATUS NTAPI PsLookupProcessByProcessId(HANDLE ProcessId, PEPROCESS* Process);
 HANDLE NTAPI PsGetCurrentProcessId(void);
 HANDLE NTAPI PsGetCurrentThreadId(void);
 
-typedef enum _PROCESSINFOCLASS
+typedef enum _PROCESSINFOCLASS : int
 {
     ProcessBasicInformation = 0,
     ProcessImageFileName = 27
 } PROCESSINFOCLASS;
 
-// Callers ask for classes that are not listed here, so every value must be one of the type's.
 typedef enum _SYSTEM_INFORMATION_CLASS : int
 {
     SystemProcessInformation = 5,

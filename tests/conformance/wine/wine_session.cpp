@@ -46,7 +46,7 @@ std::string Shell(const std::string& command)
 std::string Wine(const fs::path& prefix, const std::string& arguments)
 {
     return "WINEPREFIX='" + prefix.string() + "' WINEDEBUG='" + Channels +
-           "' WINEDLLOVERRIDES='mscoree,mshtml=' timeout -k 5 180 " + Loader + " " + arguments + " 2>&1 < /dev/null";
+           "' WINEDLLOVERRIDES='mscoree,mshtml,winemenubuilder.exe=' timeout -k 5 180 " + Loader + " " + arguments + " 2>&1 < /dev/null";
 }
 
 // A debugger text stands behind "PROCESS:CHANNEL:vDbgPrintExWithPrefix COMPONENT:LEVEL: ".
@@ -63,7 +63,7 @@ bool TakePrint(const std::string& line, std::vector<std::string>* prints)
 }
 }
 
-Prefix::Prefix(const fs::path& image, const fs::path& agent)
+Prefix::Prefix()
 {
     std::string pattern = (fs::temp_directory_path() / "tarnveil-wine-XXXXXX").string();
     if (mkdtemp(pattern.data()) == nullptr)
@@ -71,14 +71,20 @@ Prefix::Prefix(const fs::path& image, const fs::path& agent)
         throw std::runtime_error("no folder for a Wine prefix");
     }
     folder_ = pattern;
+}
+
+// By way of the other, so that the folder goes whatever fails here.
+Prefix::Prefix(const std::vector<fs::path>& files) : Prefix()
+{
     const std::string output = Shell(Wine(folder_ / "prefix", "wineboot -i"));
-    const fs::path disk = folder_ / "prefix" / "drive_c";
-    if (!fs::is_directory(disk))
+    if (!fs::is_directory(Disk()))
     {
         throw std::runtime_error("Wine made no prefix:\n" + output);
     }
-    fs::copy_file(image, disk / "Tarnveil.sys");
-    fs::copy_file(agent, disk / "tarnctl.exe");
+    for (const fs::path& file : files)
+    {
+        fs::copy_file(file, Disk() / file.filename());
+    }
 }
 
 Prefix::~Prefix()
@@ -89,7 +95,7 @@ Prefix::~Prefix()
 
 Prefix::Outcome Prefix::Run(const std::vector<std::string>& lines) const
 {
-    const fs::path batch = folder_ / "prefix" / "drive_c" / "batch.bat";
+    const fs::path batch = Disk() / "batch.bat";
     std::ofstream file(batch, std::ios::binary);
     file << "@echo off\r\n";
     for (const std::string& line : lines)

@@ -8,12 +8,12 @@
 namespace wine
 {
 // A machine that Wine plays: its disk and registry live as long as the object, its running system only as long as one
-// batch. The driver image and the agent stand in C:\.
+// batch.
 class Prefix
 {
 public:
-    // Boots once. Throws std::runtime_error, with what Wine said, when that fails.
-    Prefix(const std::filesystem::path& image, const std::filesystem::path& agent);
+    // Boots once, with copies of the files in C:\. Throws std::runtime_error, with what Wine said, when that fails.
+    explicit Prefix(const std::vector<std::filesystem::path>& files);
     ~Prefix();
     Prefix(const Prefix&) = delete;
     Prefix& operator=(const Prefix&) = delete;
@@ -26,7 +26,12 @@ public:
     // Runs the lines as one batch, with a system that is shut down behind it.
     Outcome Run(const std::vector<std::string>& lines) const;
 
+    // What is C:\ inside.
+    std::filesystem::path Disk() const { return folder_ / "prefix" / "drive_c"; }
+
 private:
+    Prefix();
+
     std::filesystem::path folder_;
 };
 }

@@ -49,7 +49,7 @@ class UnderWine : public testing::Test
 protected:
     static void SetUpTestSuite()
     {
-        prefix.emplace(TARNVEIL_IMAGE, TARNVEIL_AGENT);
+        prefix.emplace(std::vector<std::filesystem::path>{TARNVEIL_IMAGE, TARNVEIL_AGENT});
         created = prefix->Run({"sc create Tarnveil binPath= C:\\Tarnveil.sys type= filesys start= demand"});
     }
     static void TearDownTestSuite()

@@ -11,6 +11,7 @@ namespace stand_in
 {
 const char Answer::NoFileNameInformation[] = "no file name information";
 const char Answer::EmptyLinkTarget[] = "empty link target";
+const char Answer::NoLinkTarget[] = "no link target";
 const char Answer::FailCacheInitialization[] = "cache initialization fails";
 const char Answer::FailCacheCount[] = "cache count fails";
 const char Answer::FailBase64[] = "base64 fails";
@@ -61,6 +62,11 @@ NTSTATUS NTAPI __wrap_ZwQuerySymbolicLinkObject(HANDLE link, PUNICODE_STRING tar
     {
         *length = 0;
         return STATUS_BUFFER_TOO_SMALL;
+    }
+    if (stand_in::Is(Answer::NoLinkTarget))
+    {
+        *length = 0;
+        return STATUS_SUCCESS;
     }
     return __real_ZwQuerySymbolicLinkObject(link, target, length);
 }

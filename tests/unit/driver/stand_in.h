@@ -14,6 +14,8 @@ public:
     static const char NoFileNameInformation[];
     // ZwQuerySymbolicLinkObject: too small a buffer for a target of no length.
     static const char EmptyLinkTarget[];
+    // ZwQuerySymbolicLinkObject: success, as no room is enough for the target.
+    static const char NoLinkTarget[];
     // STATUS_UNSUCCESSFUL.
     static const char FailCacheInitialization[];
     static const char FailCacheCount[];

@@ -32,6 +32,13 @@ TEST_F(SystemRoutines, FindsItsNames)
     EXPECT_EQ(reinterpret_cast<void*>(&NtQuerySystemInformation), Find(L"NtQuerySystemInformation"));
 }
 
+TEST_F(SystemRoutines, FindsWhatTheKernelExports)
+{
+    EXPECT_EQ(reinterpret_cast<void*>(&ZwClose), Find(L"ZwClose"));
+    EXPECT_EQ(reinterpret_cast<void*>(&KernelToUpper), Find(L"towupper"));
+    EXPECT_EQ(nullptr, Find(L"FltRegisterFilter")) << "another module's";
+}
+
 TEST_F(SystemRoutines, FindsNothingElse)
 {
     EXPECT_EQ(nullptr, Find(L""));

@@ -56,7 +56,8 @@ TEST_F(FileCreate, DirectoriesAndFilesAreToldApart)
     EXPECT_EQ(Attempt(L"\\dir\\", {.Disposition = FILE_OPEN}), STATUS_SUCCESS);
     EXPECT_EQ(Attempt(L"\\", {.Disposition = FILE_OPEN}), STATUS_SUCCESS);
     EXPECT_EQ(Attempt(L"\\file", {.Options = FILE_DIRECTORY_FILE}), STATUS_NOT_A_DIRECTORY);
-    EXPECT_EQ(Attempt(L"\\file\\", {.Disposition = FILE_OPEN}), STATUS_NOT_A_DIRECTORY);
+    EXPECT_EQ(Attempt(L"\\file\\", {.Disposition = FILE_OPEN}), STATUS_OBJECT_NAME_INVALID);
+    EXPECT_EQ(Attempt(L"\\file\\", {.Disposition = FILE_OPEN, .Options = FILE_DIRECTORY_FILE}), STATUS_NOT_A_DIRECTORY);
     EXPECT_EQ(Attempt(L"\\file\\below"), STATUS_OBJECT_PATH_NOT_FOUND);
     EXPECT_EQ(Attempt(L"\\dir", {.Disposition = FILE_CREATE, .Options = FILE_DIRECTORY_FILE}),
         STATUS_OBJECT_NAME_COLLISION);
@@ -83,7 +84,7 @@ TEST_F(FileCreate, RelativeOpensStartAtTheRelatedFile)
     EXPECT_EQ(Read(file, 0, 10), "data");
     EXPECT_EQ(Attempt(L":note", {.Root = file}), STATUS_SUCCESS);
     EXPECT_EQ(Attempt(L"below", {.Root = file}), STATUS_OBJECT_PATH_NOT_FOUND);
-    EXPECT_EQ(Attempt(L"\\file", {.Root = dir}), STATUS_OBJECT_NAME_INVALID);
+    EXPECT_EQ(Attempt(L"\\file", {.Root = dir}), STATUS_INVALID_PARAMETER);
     EXPECT_TRUE(IsOnDisk(L"\\dir\\file:note"));
     CloseFile(file);
     CloseFile(dir);

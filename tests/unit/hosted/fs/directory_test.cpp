@@ -87,6 +87,15 @@ TEST_F(DirectoryListing, PatternsMatchLongAndShortNames)
     EXPECT_EQ(list(L"none").Status, STATUS_NO_SUCH_FILE);
 }
 
+TEST_F(DirectoryListing, OnlyTheFirstQuerySaysThatNoneIsSuch)
+{
+    PFILE_OBJECT root = OpenDirectory(L"\\");
+    EXPECT_EQ(Query(root, L"none").Status, STATUS_NO_SUCH_FILE);
+    EXPECT_EQ(Query(root, L"none").Status, STATUS_NO_MORE_FILES);
+    EXPECT_EQ(Query(root, L"none", false, true).Status, STATUS_NO_MORE_FILES);
+    CloseFile(root);
+}
+
 TEST_F(DirectoryListing, TheFirstPatternHolds)
 {
     MakeFile(L"\\a.1");

@@ -14,7 +14,9 @@ std::string Parsed(WideView text, bool relative = false)
     const NTSTATUS status = ParsePath(text, relative, &path);
     if (status != STATUS_SUCCESS)
     {
-        return status == STATUS_OBJECT_NAME_INVALID ? "invalid" : "?";
+        return status == STATUS_OBJECT_NAME_INVALID ? "invalid"
+               : status == STATUS_INVALID_PARAMETER ? "parameter"
+                                                    : "?";
     }
     std::string shown;
     for (const WideString& component : path.Components)
@@ -46,7 +48,7 @@ TEST(FileNames, ImpossiblePathsAreRefused)
     {
         EXPECT_EQ(Parsed(path), "invalid") << Narrow(path);
     }
-    EXPECT_EQ(Parsed(L"\\a", true), "invalid");
+    EXPECT_EQ(Parsed(L"\\a", true), "parameter");
     EXPECT_EQ(Parsed(L"\\" + WideString(255, L'n')).size(), 257u);
     EXPECT_EQ(Parsed(L"\\" + WideString(256, L'n')), "invalid");
 }

@@ -98,9 +98,9 @@ TEST_F(NameSpace, MissingNames)
     EXPECT_EQ("C000003A", Find(L"\\Nothing\\a"));
     EXPECT_EQ("C0000024", Find(L"\\Device")) << "a directory";
     EXPECT_EQ("C0000024", Find(L"\\??"));
-    EXPECT_EQ("C0000033", Find(L""));
     EXPECT_EQ("C0000033", Find(L"\\"));
-    EXPECT_EQ("C0000033", Find(L"C:\\a"));
+    EXPECT_EQ("C000003B", Find(L""));
+    EXPECT_EQ("C000003B", Find(L"C:\\a"));
 }
 
 TEST_F(NameSpace, DanglingAndCircularLinks)
@@ -121,10 +121,13 @@ TEST_F(NameSpace, Insertion)
 {
     EXPECT_EQ(STATUS_OBJECT_NAME_COLLISION, InsertName(L"\\DEVICE\\harddiskvolume1", device_));
     EXPECT_EQ(STATUS_OBJECT_NAME_COLLISION, InsertSymbolicLink(L"\\??\\c:", L"\\Device\\Other"));
-    for (WideView name : {L"", L"\\", L"Device", L"\\Device\\", L"\\Device\\\\A"})
+    for (WideView name : {L"\\", L"\\Device\\", L"\\Device\\\\A"})
     {
         EXPECT_EQ(STATUS_OBJECT_NAME_INVALID, InsertName(name, device_)) << Narrow(name);
     }
+    EXPECT_EQ(STATUS_INVALID_PARAMETER, InsertSymbolicLink(L"\\??\\D:", L""));
+    EXPECT_EQ(STATUS_OBJECT_PATH_SYNTAX_BAD, InsertName(L"", device_));
+    EXPECT_EQ(STATUS_OBJECT_PATH_SYNTAX_BAD, InsertName(L"Device", device_));
     EXPECT_EQ(2, ReferenceCount(device_));
 }
 
@@ -163,13 +166,14 @@ TEST_F(LinkRoutines, OpenAndQuery)
     ASSERT_EQ(STATUS_SUCCESS, Open(L"\\??\\C:", &handle));
     WCHAR buffer[64];
     std::fill(buffer, buffer + 64, L'#');
-    UNICODE_STRING target = {2, 46, buffer};
+    UNICODE_STRING target = {2, 48, buffer};
     ULONG length = 0;
     EXPECT_EQ(STATUS_SUCCESS, ZwQuerySymbolicLinkObject(handle, &target, &length));
     EXPECT_EQ("\\Device\\HarddiskVolume1", Narrow(View(target)));
     EXPECT_EQ(46, target.Length);
-    EXPECT_EQ(46u, length);
-    EXPECT_EQ(L'#', buffer[23]);
+    EXPECT_EQ(48u, length);
+    EXPECT_EQ(0, buffer[23]);
+    EXPECT_EQ(L'#', buffer[24]);
     EXPECT_EQ(STATUS_SUCCESS, ZwQuerySymbolicLinkObject(handle, &target, nullptr));
     EXPECT_EQ(STATUS_SUCCESS, ZwClose(handle));
 }
@@ -180,12 +184,12 @@ TEST_F(LinkRoutines, TooSmallABuffer)
     ASSERT_EQ(STATUS_SUCCESS, Open(L"\\DosDevices\\C:", &handle));
     WCHAR buffer[64];
     std::fill(buffer, buffer + 64, L'#');
-    for (USHORT room : {0, 2, 45})
+    for (USHORT room : {0, 2, 45, 46, 47})
     {
         UNICODE_STRING target = {2, room, buffer};
         ULONG length = 0;
         EXPECT_EQ(STATUS_BUFFER_TOO_SMALL, ZwQuerySymbolicLinkObject(handle, &target, &length));
-        EXPECT_EQ(46u, length);
+        EXPECT_EQ(48u, length);
         EXPECT_EQ(2, target.Length);
         EXPECT_EQ(L'#', buffer[0]);
         EXPECT_EQ(STATUS_BUFFER_TOO_SMALL, ZwQuerySymbolicLinkObject(handle, &target, nullptr));
@@ -200,11 +204,27 @@ TEST_F(LinkRoutines, OpenFailures)
     EXPECT_EQ(STATUS_OBJECT_PATH_NOT_FOUND, Open(L"\\Nowhere\\Q:", &handle));
     EXPECT_EQ(STATUS_OBJECT_TYPE_MISMATCH, Open(L"\\Device\\HarddiskVolume1", &handle));
     EXPECT_EQ(STATUS_OBJECT_TYPE_MISMATCH, Open(L"\\??\\C:\\a", &handle));
-    EXPECT_EQ(STATUS_OBJECT_NAME_INVALID, Open(L"C:", &handle));
+    EXPECT_EQ(STATUS_OBJECT_PATH_SYNTAX_BAD, Open(L"C:", &handle));
     EXPECT_EQ(STATUS_INVALID_HANDLE, Open(L"C:", &handle, reinterpret_cast<HANDLE>(4000)));
     FailRoutine("ZwOpenSymbolicLinkObject");
     EXPECT_EQ(STATUS_INSUFFICIENT_RESOURCES, Open(L"\\??\\C:", &handle));
     EXPECT_EQ(nullptr, handle);
+}
+
+TEST_F(LinkRoutines, LinksOnTheWayAreFollowed)
+{
+    EXPECT_EQ(STATUS_SUCCESS, InsertSymbolicLink(L"\\??\\Directory", L"\\??"));
+    EXPECT_EQ(STATUS_SUCCESS, InsertSymbolicLink(L"\\??\\Dangling", L"\\Device\\Missing"));
+    EXPECT_EQ(STATUS_SUCCESS, InsertSymbolicLink(L"\\??\\Circle", L"\\??\\Circle"));
+    HANDLE handle;
+    EXPECT_EQ(STATUS_SUCCESS, Open(L"\\??\\Directory\\C:", &handle));
+    EXPECT_EQ(STATUS_SUCCESS, ZwClose(handle));
+    EXPECT_EQ(STATUS_OBJECT_PATH_NOT_FOUND, Open(L"\\??\\Dangling\\C:", &handle));
+    EXPECT_EQ(STATUS_OBJECT_NAME_INVALID, Open(L"\\??\\Circle\\C:", &handle));
+    for (WideView link : {L"\\??\\Directory", L"\\??\\Dangling", L"\\??\\Circle"})
+    {
+        EXPECT_EQ(STATUS_SUCCESS, RemoveSymbolicLink(link));
+    }
 }
 
 TEST_F(LinkRoutines, OpenWithWrongAttributes)

@@ -143,7 +143,7 @@ TEST_F(Version, FillsTheExtendedStructure)
     EXPECT_EQ(STATUS_SUCCESS, RtlGetVersion(&version.Common));
     EXPECT_EQ(1, version.ServicePackMajor);
     EXPECT_EQ(0, version.ServicePackMinor);
-    EXPECT_EQ(0, version.SuiteMask);
+    EXPECT_EQ(0x100, version.SuiteMask);
     EXPECT_EQ(1, version.ProductType);
     Model().BuildNumber = 7600;
     EXPECT_EQ(STATUS_SUCCESS, RtlGetVersion(&version.Common));
