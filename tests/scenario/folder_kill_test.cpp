@@ -2,6 +2,7 @@
 #include "hosted/fs/file_system.h"
 #include "hosted/fs/host_files.h"
 #include "tests/scenario/cipher_scenario.h"
+#include "tests/scenario/temporary_folder.h"
 
 #include <cstdlib>
 #include <filesystem>
@@ -113,13 +114,11 @@ class FolderKill : public testing::Test
 protected:
     FolderKill()
     {
-        char name[] = "/tmp/killed-volume-XXXXXX";
-        folder_ = mkdtemp(name);
         void* memory = mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
         shared = static_cast<Shared*>(memory);
         ScenarioOptions options;
         VolumeOptions volume;
-        volume.Folder = folder_.string();
+        volume.Folder = folder_.Path;
         options.Machine.Volumes = {volume};
         scenario_.emplace(std::move(options));
     }
@@ -127,7 +126,6 @@ protected:
     {
         scenario_.reset();
         munmap(shared, sizeof(Shared));
-        std::filesystem::remove_all(folder_);
     }
 
     // In the process that dies.
@@ -233,7 +231,7 @@ protected:
                 return;
             }
         }
-        const auto journal = folder_ / ".tarnveil-journal";
+        const std::string journal = folder_.Path + "/.tarnveil-journal";
         EXPECT_TRUE(!std::filesystem::exists(journal) || std::filesystem::is_empty(journal)) << where;
     }
 
@@ -254,7 +252,7 @@ protected:
         EXPECT_GT(points, 1u) << name;
     }
 
-    std::filesystem::path folder_;
+    const TemporaryFolder folder_;
     std::optional<CipherScenario> scenario_;
 };
 
