@@ -265,15 +265,36 @@ TEST_F(FolderKill, EndsThatMoveByHand)
         Script Steps;
     } scripts[] = {
         {"shrink inside a block", {{Step::SetEnd, 5003}, {Step::Flush}}},
-        {"shrink twice", {{Step::SetEnd, 5003}, {Step::SetEnd, 4999}, {Step::Flush}, {Step::SetEnd, 4998}, {Step::Flush}}},
+        {"shrink twice",
+         {{Step::SetEnd, 5003}, {Step::SetEnd, 4999}, {Step::Flush}, {Step::SetEnd, 4998}, {Step::Flush}}},
         {"shrink and grow", {{Step::SetEnd, 5003}, {Step::SetEnd, 9001}, {Step::Flush}}},
-        {"shrink, write out, grow", {{Step::SetEnd, 5003}, {Step::LazyWrite}, {Step::SetEnd, 9001}, {Step::LazyWrite}, {Step::Flush}}},
-        {"append", {{Step::Write, 10003, 7}, {Step::Flush}, {Step::Write, 10010, 30}, {Step::LazyWrite}, {Step::Write, 10040, 9000}, {Step::Flush}}},
-        {"grow by far", {{Step::SetEnd, 600001}, {Step::Write, 300000, 5000}, {Step::FlushPart, 300000}, {Step::LazyWrite}, {Step::Flush}}},
+        {"shrink, write out, grow",
+         {{Step::SetEnd, 5003}, {Step::LazyWrite}, {Step::SetEnd, 9001}, {Step::LazyWrite}, {Step::Flush}}},
+        {"append",
+         {{Step::Write, 10003, 7},
+          {Step::Flush},
+          {Step::Write, 10010, 30},
+          {Step::LazyWrite},
+          {Step::Write, 10040, 9000},
+          {Step::Flush}}},
+        {"grow by far",
+         {{Step::SetEnd, 600001},
+          {Step::Write, 300000, 5000},
+          {Step::FlushPart, 300000},
+          {Step::LazyWrite},
+          {Step::Flush}}},
         {"grow to whole pages", {{Step::SetEnd, 5}, {Step::Flush}, {Step::SetEnd, 65536}, {Step::LazyWrite}}},
-        {"past the cache behind the end", {{Step::Direct, 20480, 1024}, {Step::SetEnd, 20500}, {Step::Flush}, {Step::Direct, 512, 512}, {Step::Flush}}},
-        {"empty and fill", {{Step::SetEnd, 0}, {Step::Write, 0, 33}, {Step::Flush}, {Step::SetEnd, 32}, {Step::SetEnd, 31}, {Step::Flush}}},
-        {"overwrite and cut", {{Step::Write, 4990, 40}, {Step::SetEnd, 5011}, {Step::LazyWrite}, {Step::Write, 5005, 3}, {Step::Flush}}},
+        {"past the cache behind the end",
+         {{Step::Direct, 20480, 1024}, {Step::SetEnd, 20500}, {Step::Flush}, {Step::Direct, 512, 512}, {Step::Flush}}},
+        {"empty and fill",
+         {{Step::SetEnd, 0},
+          {Step::Write, 0, 33},
+          {Step::Flush},
+          {Step::SetEnd, 32},
+          {Step::SetEnd, 31},
+          {Step::Flush}}},
+        {"overwrite and cut",
+         {{Step::Write, 4990, 40}, {Step::SetEnd, 5011}, {Step::LazyWrite}, {Step::Write, 5005, 3}, {Step::Flush}}},
     };
     for (const auto& each : scripts)
     {
@@ -284,7 +305,8 @@ TEST_F(FolderKill, EndsThatMoveByHand)
 TEST_F(FolderKill, EndsThatMoveAtRandom)
 {
     const char* given = std::getenv("TARNVEIL_SEED");
-    const unsigned seed = given != nullptr ? static_cast<unsigned>(std::strtoul(given, nullptr, 10)) : std::random_device()();
+    const unsigned seed =
+        given != nullptr ? static_cast<unsigned>(std::strtoul(given, nullptr, 10)) : std::random_device()();
     std::cout << "seed " << seed << ": TARNVEIL_SEED=" << seed
               << " scenario_tests --gtest_filter=FolderKill.EndsThatMoveAtRandom\n";
     std::mt19937 random(seed);
@@ -320,7 +342,8 @@ TEST_F(FolderKill, EndsThatMoveAtRandom)
                 const LONGLONG whole = static_cast<LONGLONG>(size.Now.size()) / 512 * 512;
                 const LONGLONG behind = (static_cast<LONGLONG>(size.Now.size()) + 511) / 512 * 512 + 512 * below(3);
                 const bool within = whole > 512 && below(3) != 0;
-                script.push_back({Step::Direct, within ? below(static_cast<unsigned>(whole / 512)) * 512 : behind, 512});
+                script.push_back(
+                    {Step::Direct, within ? below(static_cast<unsigned>(whole / 512)) * 512 : behind, 512});
             }
             size.Apply(script.back(), script.size() - 1);
         }

@@ -22,7 +22,7 @@ protected:
         SystemRegistry().Reset();
         std::string value = Key + static_cast<char>(ScenarioMask);
         SystemRegistry().SetBinary(Machine::ServiceKey, L"SandboxCryptKey",
-            {reinterpret_cast<const UCHAR*>(value.data()), value.size()});
+                                   {reinterpret_cast<const UCHAR*>(value.data()), value.size()});
         SystemRegistry().SetString(Machine::ServiceKey, L"SandboxPath", L"\\Device\\HarddiskVolume2\\Sandbox");
         EXPECT_EQ(machine_.MakeFolder(L"S:\\Sandbox"), STATUS_SUCCESS);
         EXPECT_EQ(machine_.LoadDriver(scenario_test::DriverUnderTest()), STATUS_SUCCESS);
@@ -56,7 +56,10 @@ protected:
         text << std::ifstream(store_.Path + "/" + path, std::ios::binary).rdbuf();
         return text.str();
     }
-    std::string Cipher(const std::string& plain) { return OnDisk(Key, ScenarioMask, plain); }
+    std::string Cipher(const std::string& plain)
+    {
+        return OnDisk(Key, ScenarioMask, plain);
+    }
 
     const std::string Key = Pattern(16, 4711);
     const TemporaryFolder programs_;

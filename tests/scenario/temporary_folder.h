@@ -14,7 +14,10 @@ struct TemporaryFolder
         char name[] = "/tmp/scenario-volume-XXXXXX";
         Path = mkdtemp(name);
     }
-    ~TemporaryFolder() { std::filesystem::remove_all(Path); }
+    ~TemporaryFolder()
+    {
+        std::filesystem::remove_all(Path);
+    }
     TemporaryFolder(const TemporaryFolder&) = delete;
     TemporaryFolder& operator=(const TemporaryFolder&) = delete;
 

@@ -53,12 +53,14 @@ TEST_F(FolderCreate, DispositionsSayWhatBecameOfTheFile)
     {
         std::filesystem::remove(Folder / "file");
         ULONG_PTR information = 0;
-        EXPECT_EQ(Attempt(L"\\file", {.Disposition = each.Disposition}, &information), each.Missing) << each.Disposition;
+        EXPECT_EQ(Attempt(L"\\file", {.Disposition = each.Disposition}, &information), each.Missing)
+            << each.Disposition;
         EXPECT_EQ(information, each.MissingInformation) << each.Disposition;
         EXPECT_EQ(Exists("file"), NT_SUCCESS(each.Missing));
         Put("file", "some text");
         information = 0;
-        EXPECT_EQ(Attempt(L"\\file", {.Disposition = each.Disposition}, &information), each.Present) << each.Disposition;
+        EXPECT_EQ(Attempt(L"\\file", {.Disposition = each.Disposition}, &information), each.Present)
+            << each.Disposition;
         EXPECT_EQ(information, each.PresentInformation) << each.Disposition;
         LazyWrite();
         EXPECT_EQ(Bytes("file"), each.Emptied ? "" : "some text");
@@ -81,21 +83,27 @@ TEST_F(FolderCreate, WrongPathsFailAsTheyDoElsewhere)
     EXPECT_EQ(Attempt(L"\\a.", {}), STATUS_OBJECT_NAME_INVALID);
     EXPECT_EQ(Attempt(L"\\file\\", open), STATUS_NOT_A_DIRECTORY);
     EXPECT_EQ(Attempt(L"\\new\\"), STATUS_OBJECT_NAME_INVALID);
-    EXPECT_EQ(Attempt(L"\\dir", {.Disposition = FILE_OPEN, .Options = FILE_NON_DIRECTORY_FILE}), STATUS_FILE_IS_A_DIRECTORY);
+    EXPECT_EQ(Attempt(L"\\dir", {.Disposition = FILE_OPEN, .Options = FILE_NON_DIRECTORY_FILE}),
+              STATUS_FILE_IS_A_DIRECTORY);
     EXPECT_EQ(Attempt(L"\\dir", {.Disposition = FILE_OVERWRITE}), STATUS_FILE_IS_A_DIRECTORY);
     EXPECT_EQ(Attempt(L"\\file", {.Disposition = FILE_OPEN, .Options = FILE_DIRECTORY_FILE}), STATUS_NOT_A_DIRECTORY);
     EXPECT_EQ(Attempt(L"\\", {.Disposition = FILE_OPEN, .Options = FILE_DELETE_ON_CLOSE}), STATUS_CANNOT_DELETE);
     EXPECT_EQ(Attempt(WideString(L"\\") + WideString(300, L'a')), STATUS_OBJECT_NAME_INVALID);
-    EXPECT_EQ(Attempt(L"\\dir", {.Disposition = FILE_CREATE, .Options = FILE_DIRECTORY_FILE}), STATUS_OBJECT_NAME_COLLISION);
+    EXPECT_EQ(Attempt(L"\\dir", {.Disposition = FILE_CREATE, .Options = FILE_DIRECTORY_FILE}),
+              STATUS_OBJECT_NAME_COLLISION);
 }
 
 TEST_F(FolderCreate, NamesThatNoWindowsProgramCouldHoldAreReached)
 {
     Put("10:30 \"notes\"?.", "colon");
-    PFILE_OBJECT file = Open(L"\\10\xf03a" L"30 \xf022notes\xf022\xf03f\xf02e", {.Disposition = FILE_OPEN});
+    PFILE_OBJECT file = Open(L"\\10\xf03a"
+                             L"30 \xf022notes\xf022\xf03f\xf02e",
+                             {.Disposition = FILE_OPEN});
     EXPECT_EQ(Read(file, 0, 10), "colon");
     CloseFile(file);
-    MakeFile(L"\\a\xf03a" L"b", "made");
+    MakeFile(L"\\a\xf03a"
+             L"b",
+             "made");
     EXPECT_TRUE(Exists("a:b"));
 }
 
@@ -126,7 +134,8 @@ TEST_F(FolderCreate, SharingIsEnforced)
     PFILE_OBJECT file = Open(L"\\file", {.Share = FILE_SHARE_READ});
     EXPECT_EQ(Attempt(L"\\file", {.Access = FILE_READ_DATA}), STATUS_SUCCESS);
     EXPECT_EQ(Attempt(L"\\file", {.Access = FILE_WRITE_DATA}), STATUS_SHARING_VIOLATION);
-    EXPECT_EQ(Attempt(L"\\file", {.Disposition = FILE_OVERWRITE, .Access = FILE_READ_ATTRIBUTES}), STATUS_SHARING_VIOLATION);
+    EXPECT_EQ(Attempt(L"\\file", {.Disposition = FILE_OVERWRITE, .Access = FILE_READ_ATTRIBUTES}),
+              STATUS_SHARING_VIOLATION);
     EXPECT_EQ(Attempt(L"\\file", {.Access = FILE_READ_ATTRIBUTES}), STATUS_SUCCESS);
     CloseFile(file);
 }
@@ -135,8 +144,11 @@ TEST_F(FolderCreate, WhatTheCreatorSaysBecomesOfTheHostsFile)
 {
     const auto make = [&](WideView path, FolderCreation creation, ULONG options)
     {
-        return Open(path, {.Disposition = FILE_CREATE, .Options = options | FILE_OPEN_REPARSE_POINT,
-                              .Access = FILE_READ_ATTRIBUTES, .Ea = &creation, .EaLength = sizeof(creation)});
+        return Open(path, {.Disposition = FILE_CREATE,
+                           .Options = options | FILE_OPEN_REPARSE_POINT,
+                           .Access = FILE_READ_ATTRIBUTES,
+                           .Ea = &creation,
+                           .EaLength = sizeof(creation)});
     };
     const mode_t mask = umask(077);
     PFILE_OBJECT file = make(L"\\script", {.Mode = 04755}, 0);
@@ -184,8 +196,11 @@ TEST_F(FolderCreate, ADirectoryPassesItsGroupOn)
     for (ULONG options : {0u, static_cast<ULONG>(FILE_DIRECTORY_FILE)})
     {
         PFILE_OBJECT file = Open(options == 0 ? WideView(L"\\shared\\file") : WideView(L"\\shared\\dir"),
-            {.Disposition = FILE_CREATE, .Options = options, .Access = FILE_READ_ATTRIBUTES, .Ea = &creation,
-                .EaLength = sizeof(creation)});
+                                 {.Disposition = FILE_CREATE,
+                                  .Options = options,
+                                  .Access = FILE_READ_ATTRIBUTES,
+                                  .Ea = &creation,
+                                  .EaLength = sizeof(creation)});
         const struct stat info = StatOf(file);
         EXPECT_EQ(info.st_gid, 4444u);
         EXPECT_EQ(info.st_uid, 1234u);
@@ -203,8 +218,9 @@ TEST_F(FolderCreate, SymbolicLinksAreNotFollowed)
     EXPECT_EQ(Attempt(L"\\alias", {.Disposition = FILE_OPEN}), STATUS_STOPPED_ON_SYMLINK);
     EXPECT_EQ(Attempt(L"\\alias\\file", {.Disposition = FILE_OPEN}), STATUS_STOPPED_ON_SYMLINK);
     EXPECT_EQ(Attempt(L"\\out\\passwd", {.Disposition = FILE_OPEN}), STATUS_STOPPED_ON_SYMLINK);
-    PFILE_OBJECT link = Open(L"\\alias",
-        {.Disposition = FILE_OPEN, .Options = FILE_OPEN_REPARSE_POINT, .Access = FILE_READ_ATTRIBUTES | DELETE});
+    PFILE_OBJECT link =
+        Open(L"\\alias",
+             {.Disposition = FILE_OPEN, .Options = FILE_OPEN_REPARSE_POINT, .Access = FILE_READ_ATTRIBUTES | DELETE});
     FILE_BASIC_INFORMATION basic = {};
     EXPECT_EQ(QueryInformation(link, FileBasicInformation, &basic, sizeof(basic), nullptr), STATUS_SUCCESS);
     EXPECT_EQ(basic.FileAttributes, static_cast<ULONG>(FILE_ATTRIBUTE_REPARSE_POINT));
@@ -230,15 +246,18 @@ TEST_F(FolderCreate, AReadOnlyVolumeFollowsLinksInsideOfPathsAndChangesNothing)
     EXPECT_EQ(Attempt(L"\\bin", reading), STATUS_STOPPED_ON_SYMLINK);
     for (ACCESS_MASK access : {FILE_WRITE_DATA, FILE_APPEND_DATA, static_cast<int>(DELETE)})
     {
-        EXPECT_EQ(Attempt(L"\\usr\\bin\\tool", {.Disposition = FILE_OPEN, .Access = access}), STATUS_MEDIA_WRITE_PROTECTED);
+        EXPECT_EQ(Attempt(L"\\usr\\bin\\tool", {.Disposition = FILE_OPEN, .Access = access}),
+                  STATUS_MEDIA_WRITE_PROTECTED);
     }
     for (ULONG disposition : {FILE_CREATE, FILE_OVERWRITE, FILE_OVERWRITE_IF, FILE_SUPERSEDE})
     {
         EXPECT_EQ(Attempt(L"\\usr\\new", {.Disposition = disposition, .Access = FILE_READ_DATA}),
-            STATUS_MEDIA_WRITE_PROTECTED);
+                  STATUS_MEDIA_WRITE_PROTECTED);
     }
-    EXPECT_EQ(Attempt(L"\\usr\\new", {.Disposition = FILE_OPEN_IF, .Access = FILE_READ_DATA}), STATUS_MEDIA_WRITE_PROTECTED);
-    PFILE_OBJECT file = Open(L"\\bin\\tool", {.Disposition = FILE_OPEN, .Access = FILE_READ_DATA | FILE_WRITE_ATTRIBUTES});
+    EXPECT_EQ(Attempt(L"\\usr\\new", {.Disposition = FILE_OPEN_IF, .Access = FILE_READ_DATA}),
+              STATUS_MEDIA_WRITE_PROTECTED);
+    PFILE_OBJECT file =
+        Open(L"\\bin\\tool", {.Disposition = FILE_OPEN, .Access = FILE_READ_DATA | FILE_WRITE_ATTRIBUTES});
     EXPECT_EQ(Read(file, 0, 10), "tool");
     FILE_BASIC_INFORMATION basic = {};
     EXPECT_EQ(SetInformation(file, FileBasicInformation, &basic, sizeof(basic)), STATUS_MEDIA_WRITE_PROTECTED);

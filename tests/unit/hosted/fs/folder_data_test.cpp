@@ -15,17 +15,26 @@ namespace
 class FolderData : public FolderVolume
 {
 protected:
-    LONGLONG StoredSize(const std::string& path) { return static_cast<LONGLONG>(std::filesystem::file_size(Folder / path)); }
+    LONGLONG StoredSize(const std::string& path)
+    {
+        return static_cast<LONGLONG>(std::filesystem::file_size(Folder / path));
+    }
 
     // What has become of the stored file, step by step.
-    static std::vector<std::pair<LONGLONG, size_t>> TakeChanges() { return std::exchange(changes_, {}); }
+    static std::vector<std::pair<LONGLONG, size_t>> TakeChanges()
+    {
+        return std::exchange(changes_, {});
+    }
 
     void Watch()
     {
         changes_.clear();
         SetHostChangeWatcher([](const HostChange& change) { changes_.emplace_back(change.Offset, change.Length); });
     }
-    ~FolderData() override { SetHostChangeWatcher(nullptr); }
+    ~FolderData() override
+    {
+        SetHostChangeWatcher(nullptr);
+    }
 
 private:
     inline static std::vector<std::pair<LONGLONG, size_t>> changes_;
@@ -138,9 +147,28 @@ TEST_F(FolderData, AStoredFileMadeShorterFromOutsideFailsReads)
 // Every change of size between ends inside, at and behind blocks, pages and views, in three ways, against a string.
 TEST_F(FolderData, EveryChangeOfSizeLeavesTheBytesOfTheModel)
 {
-    const LONGLONG ends[] = {0, 1, 15, 16, 17, 4095, 4096, 4097, 4111, 4112, 8192, 8200, CacheViewBytes - 1, CacheViewBytes,
-        CacheViewBytes + 33};
-    const std::string pattern = [] { std::string bytes; for (int i = 0; i < CacheViewBytes + 100; ++i) bytes += static_cast<char>('a' + i * 31 % 23); return bytes; }();
+    const LONGLONG ends[] = {0,
+                             1,
+                             15,
+                             16,
+                             17,
+                             4095,
+                             4096,
+                             4097,
+                             4111,
+                             4112,
+                             8192,
+                             8200,
+                             CacheViewBytes - 1,
+                             CacheViewBytes,
+                             CacheViewBytes + 33};
+    const std::string pattern = []
+    {
+        std::string bytes;
+        for (int i = 0; i < CacheViewBytes + 100; ++i)
+            bytes += static_cast<char>('a' + i * 31 % 23);
+        return bytes;
+    }();
     for (int way = 0; way < 3; ++way)
     {
         for (LONGLONG from : ends)

@@ -50,7 +50,10 @@ protected:
     {
         std::ofstream(Folder / path, std::ios::binary) << text;
     }
-    bool Exists(const std::string& path) { return std::filesystem::exists(std::filesystem::symlink_status(Folder / path)); }
+    bool Exists(const std::string& path)
+    {
+        return std::filesystem::exists(std::filesystem::symlink_status(Folder / path));
+    }
 
     static struct stat StatOf(PFILE_OBJECT file)
     {
@@ -61,7 +64,7 @@ protected:
 
     static std::string RenameRecord(ULONG flags, WideView target)
     {
-        std::string record(FIELD_OFFSET(RenameEx, FileName) + target.size() * sizeof(WCHAR) + sizeof(LARGE_INTEGER), 0);
+        std::string record(FIELD_OFFSET(RenameEx, FileName) + target.size() * sizeof(WCHAR), 0);
         const auto bytes = static_cast<ULONG>(target.size() * sizeof(WCHAR));
         std::memcpy(record.data(), &flags, sizeof(flags));
         std::memcpy(record.data() + FIELD_OFFSET(RenameEx, FileNameLength), &bytes, sizeof(bytes));
@@ -115,13 +118,13 @@ protected:
     }
     std::vector<std::string> List(WideView directory, WideView pattern = {}, ULONG bufferBytes = 4096)
     {
-        PFILE_OBJECT file = Open(directory,
-            {.Disposition = FILE_OPEN, .Options = FILE_DIRECTORY_FILE, .Access = FILE_LIST_DIRECTORY});
+        PFILE_OBJECT file =
+            Open(directory, {.Disposition = FILE_OPEN, .Options = FILE_DIRECTORY_FILE, .Access = FILE_LIST_DIRECTORY});
         std::vector<std::string> names;
         std::vector<char> buffer(bufferBytes);
         ULONG_PTR used = 0;
-        while (NT_SUCCESS(QueryDirectory(
-            file, FileBothDirectoryInformation, false, false, pattern, buffer.data(), bufferBytes, &used)))
+        while (NT_SUCCESS(QueryDirectory(file, FileBothDirectoryInformation, false, false, pattern, buffer.data(),
+                                         bufferBytes, &used)))
         {
             for (const char* at = buffer.data();;)
             {

@@ -93,7 +93,10 @@ TEST_F(FolderQuery, DirectoriesAreListedWithWhatOpenFilesHave)
     Write(open, 0, "not on disk yet");
     Put("dir/10:30", "x");
     Put("dir/\xff\xfe", "no UTF-8");
-    EXPECT_EQ(List(L"\\dir"), (std::vector<std::string>{".", "..", "10\xef\x80\xba" "30", "One.txt", "sub", "two.txt"}));
+    EXPECT_EQ(List(L"\\dir"), (std::vector<std::string>{".", "..",
+                                                        "10\xef\x80\xba"
+                                                        "30",
+                                                        "One.txt", "sub", "two.txt"}));
     EXPECT_EQ(List(L"\\dir", L"*.TXT"), (std::vector<std::string>{"One.txt", "two.txt"}));
     EXPECT_EQ(List(L"\\dir", L"*.doc"), std::vector<std::string>());
     EXPECT_EQ(List(L"\\dir", {}, 160).size(), 6u) << "in several steps";
@@ -101,20 +104,22 @@ TEST_F(FolderQuery, DirectoriesAreListedWithWhatOpenFilesHave)
 
     PFILE_OBJECT directory = OpenDirectory(L"\\dir");
     ULONGLONG buffer[64];
-    EXPECT_EQ(QueryDirectory(directory, FileBothDirectoryInformation, true, true, L"two.txt", buffer, sizeof(buffer), nullptr),
-        STATUS_SUCCESS);
+    EXPECT_EQ(QueryDirectory(directory, FileBothDirectoryInformation, true, true, L"two.txt", buffer, sizeof(buffer),
+                             nullptr),
+              STATUS_SUCCESS);
     FILE_BOTH_DIR_INFORMATION entry;
     std::memcpy(static_cast<void*>(&entry), buffer, FIELD_OFFSET(FILE_BOTH_DIR_INFORMATION, FileName));
     EXPECT_EQ(entry.EndOfFile.QuadPart, 15);
     EXPECT_EQ(entry.ShortNameLength, 0);
-    EXPECT_EQ(QueryDirectory(directory, FileBothDirectoryInformation, true, false, L"", buffer, sizeof(buffer), nullptr),
+    EXPECT_EQ(
+        QueryDirectory(directory, FileBothDirectoryInformation, true, false, L"", buffer, sizeof(buffer), nullptr),
         STATUS_NO_MORE_FILES);
     EXPECT_EQ(QueryDirectory(directory, FileNamesInformation, true, true, L"none", buffer, sizeof(buffer), nullptr),
-        STATUS_NO_SUCH_FILE);
+              STATUS_NO_SUCH_FILE);
     // A restart sees what came since.
     Put("dir/none", "now");
     EXPECT_EQ(QueryDirectory(directory, FileNamesInformation, true, true, L"none", buffer, sizeof(buffer), nullptr),
-        STATUS_SUCCESS);
+              STATUS_SUCCESS);
     CloseFile(directory);
     CloseFile(open);
 }
@@ -133,12 +138,12 @@ TEST_F(FolderQuery, ANameIsFoundInItsOwnCaseFirst)
 TEST_F(FolderQuery, ADirectoryThatIsGoingListsNothing)
 {
     MakeDirectory(L"\\dir");
-    PFILE_OBJECT directory =
-        Open(L"\\dir", {.Disposition = FILE_OPEN, .Options = FILE_DIRECTORY_FILE, .Access = FILE_LIST_DIRECTORY | DELETE});
+    PFILE_OBJECT directory = Open(
+        L"\\dir", {.Disposition = FILE_OPEN, .Options = FILE_DIRECTORY_FILE, .Access = FILE_LIST_DIRECTORY | DELETE});
     EXPECT_EQ(PosixDelete(directory), STATUS_SUCCESS);
     char buffer[500];
     EXPECT_EQ(QueryDirectory(directory, FileNamesInformation, true, true, L"", buffer, sizeof(buffer), nullptr),
-        STATUS_DELETE_PENDING);
+              STATUS_DELETE_PENDING);
     CloseFile(directory);
 }
 
@@ -171,7 +176,8 @@ TEST_F(FolderQuery, TheJournalIsNobodysBusiness)
     EXPECT_EQ(Attempt(L"\\.tarnveil-journal", {.Disposition = FILE_OPEN}), STATUS_OBJECT_NAME_NOT_FOUND);
     EXPECT_EQ(Attempt(L"\\.tarnveil-journal\\x", {.Disposition = FILE_OPEN}), STATUS_OBJECT_PATH_NOT_FOUND);
     EXPECT_EQ(Attempt(L"\\.tarnveil-journal"), STATUS_ACCESS_DENIED);
-    EXPECT_EQ(Attempt(L"\\dir\\.tarnveil-journal", {.Disposition = FILE_OPEN}), STATUS_SUCCESS) << "an ordinary name there";
+    EXPECT_EQ(Attempt(L"\\dir\\.tarnveil-journal", {.Disposition = FILE_OPEN}), STATUS_SUCCESS)
+        << "an ordinary name there";
     MakeFile(L"\\file", "x");
     PFILE_OBJECT file = Open(L"\\file");
     EXPECT_EQ(PosixRename(file, L".tarnveil-journal"), STATUS_ACCESS_DENIED);
