@@ -48,7 +48,8 @@ NTSTATUS FolderFileSystem::SetOther(FLT_IO_PARAMETER_BLOCK& operation)
     FILE_BASIC_INFORMATION basic;
     FILE_DISPOSITION_INFORMATION disposition;
     DispositionEx dispositionEx;
-    RenameEx rename;
+    BOOLEAN replace;
+    ULONG renameFlags;
     switch (operation.Parameters.SetFileInformation.FileInformationClass)
     {
     case FileBasicInformation:
@@ -65,13 +66,13 @@ NTSTATUS FolderFileSystem::SetOther(FLT_IO_PARAMETER_BLOCK& operation)
                    ? RemoveNow(file)
                    : SetDisposition(file, (dispositionEx.Flags & DispositionEx::Delete) != 0);
     case FileRenameInformation:
-        if (!TakeRecord(operation, &rename))
+        if (!TakeRecord(operation, &replace))
         {
             return STATUS_INFO_LENGTH_MISMATCH;
         }
-        return Rename(operation, (rename.Flags & 0xff) != 0 ? RenameEx::ReplaceIfExists : 0);
+        return Rename(operation, replace ? RenameEx::ReplaceIfExists : 0);
     case FileRenameInformationEx:
-        return TakeRecord(operation, &rename) ? Rename(operation, rename.Flags) : STATUS_INFO_LENGTH_MISMATCH;
+        return TakeRecord(operation, &renameFlags) ? Rename(operation, renameFlags) : STATUS_INFO_LENGTH_MISMATCH;
     case FileLinkInformation:
         return Link(operation);
     default:

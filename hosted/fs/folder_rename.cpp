@@ -204,8 +204,8 @@ NTSTATUS FolderFileSystem::Rename(FLT_IO_PARAMETER_BLOCK& operation, ULONG flags
 
 NTSTATUS FolderFileSystem::Link(FLT_IO_PARAMETER_BLOCK& operation)
 {
-    FILE_RENAME_INFORMATION link;
-    if (!TakeRecord(operation, &link))
+    BOOLEAN replace;
+    if (!TakeRecord(operation, &replace))
     {
         return STATUS_INFO_LENGTH_MISMATCH;
     }
@@ -224,7 +224,7 @@ NTSTATUS FolderFileSystem::Link(FLT_IO_PARAMETER_BLOCK& operation)
     if (change.TargetExists)
     {
         // The host has no way to replace a name by a link in one step.
-        return link.ReplaceIfExists ? STATUS_NOT_SUPPORTED : STATUS_OBJECT_NAME_COLLISION;
+        return replace ? STATUS_NOT_SUPPORTED : STATUS_OBJECT_NAME_COLLISION;
     }
     const int result =
         linkat(change.From.Number(), change.OldName.c_str(), change.To.Number(), change.NewName.c_str(), 0);

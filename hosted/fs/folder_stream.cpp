@@ -10,6 +10,9 @@ namespace host
 {
 namespace
 {
+// Every host file system holds files of this size.
+constexpr LONGLONG SurelyHeld = 1ll << 31;
+
 NTSTATUS Result(int error)
 {
     return error == 0 ? STATUS_SUCCESS : StatusFromHost(error);
@@ -228,6 +231,12 @@ NTSTATUS FolderStream::SetSize(LONGLONG size)
     }
     const LONGLONG before = size_;
     const LONGLONG physical = Physical();
+    // The stored file may follow later, when it is too late to refuse.
+    const int file = size > SurelyHeld && size > before ? Number(true) : -1;
+    if (file >= 0 && lseek(file, size, SEEK_SET) < 0)
+    {
+        return STATUS_DISK_FULL;
+    }
     size_ = size;
     if (size >= physical)
     {

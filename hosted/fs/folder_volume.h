@@ -9,7 +9,16 @@
 namespace host
 {
 // What is opened or created: a name in a directory.
-struct FolderPlace;
+struct FolderPlace
+{
+    FolderEntry* Start = nullptr;       // kept by the request's related file object, or the root
+    int StartDescriptor = -1;
+    const std::vector<WideString>* Components = nullptr; // below the start
+    std::string Directory;              // of the host, from the start to before the last component
+    std::string Name;                   // the last component; empty: the start itself
+
+    std::string Path() const { return Directory.empty() ? Name : Directory + "/" + Name; }
+};
 
 // Locks: the name lock comes before all others of the file system, and is never held while filters are called. Names
 // are looked up and made with it shared, and changed with it exclusive, so that the names in memory are those of the
@@ -35,8 +44,10 @@ private:
     NTSTATUS LookUp(const FolderPlace& place, HostDescriptor* found);
     NTSTATUS OpenExisting(CreateRequest& request, const FolderPlace& place, HostDescriptor found, bool created);
     NTSTATUS CheckExisting(const CreateRequest& request, const struct stat& info, bool created) const;
+    // folder_make.cpp
     NTSTATUS CreateNew(CreateRequest& request, const FolderPlace& place);
-    // The tree lock is held.
+
+    // folder_create.cpp. The tree lock is held.
     NTSTATUS BlockFor(const struct stat& info, HostDescriptor found, bool forData, std::shared_ptr<FolderBlock>* block);
     NTSTATUS AttachOpen(CreateRequest& request, std::shared_ptr<FolderBlock> block, std::shared_ptr<FolderEntry> entry);
     FolderEntry* StartOf(PFILE_OBJECT file) const;

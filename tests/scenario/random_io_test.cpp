@@ -1,5 +1,6 @@
 // Random reads and writes of one enciphered stream by every road, against a plain array of bytes.
 #include "tests/scenario/cipher_scenario.h"
+#include "tests/scenario/temporary_folder.h"
 
 #include <cstdlib>
 #include <iostream>
@@ -13,7 +14,7 @@ constexpr WideView Path = L"C:\\Sandbox\\random.bin";
 constexpr size_t MaximumSize = 96 << 10;
 constexpr size_t Sector = 512;
 // The runs of the suite share the operations.
-constexpr unsigned Runs = 4;
+constexpr unsigned Runs = 6;
 
 uint64_t FromEnvironment(const char* name, uint64_t otherwise)
 {
@@ -236,6 +237,7 @@ struct RunKind
     const char* Name;
     size_t KeyBytes;
     SIZE_T CacheBytes;
+    bool Folder = false; // the volume is a folder of the host
 };
 
 class RandomIoRun : public testing::TestWithParam<RunKind>
@@ -251,6 +253,11 @@ TEST_P(RandomIoRun, ReadsWhatWasWritten)
     ScenarioOptions options;
     options.Key = Pattern(GetParam().KeyBytes, static_cast<unsigned>(seed));
     options.Machine.System.CacheLimitBytes = GetParam().CacheBytes;
+    const TemporaryFolder folder;
+    if (GetParam().Folder)
+    {
+        options.Machine.Volumes.front().Folder = folder.Path;
+    }
     CipherScenario scenario(options);
     RandomIo io(scenario, seed);
     for (uint64_t i = 0; i < (operations + Runs - 1) / Runs; ++i)
@@ -262,7 +269,9 @@ TEST_P(RandomIoRun, ReadsWhatWasWritten)
 
 INSTANTIATE_TEST_SUITE_P(Keys, RandomIoRun,
                          testing::Values(RunKind{"Key128", 16, 64 << 20}, RunKind{"Key192", 24, 64 << 20},
-                                         RunKind{"Key256", 32, 64 << 20}, RunKind{"SmallCache", 16, 1 << 18}),
+                                         RunKind{"Key256", 32, 64 << 20}, RunKind{"SmallCache", 16, 1 << 18},
+                                         RunKind{"Folder", 16, 64 << 20, true},
+                                         RunKind{"FolderSmallCache", 16, 1 << 18, true}),
                          [](const auto& info) { return info.param.Name; });
 }
 }

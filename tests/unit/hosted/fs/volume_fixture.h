@@ -89,6 +89,8 @@ struct OpenHow
     ULONG Attributes = FILE_ATTRIBUTE_NORMAL;
     PFILE_OBJECT Root = nullptr;
     UCHAR StackFlags = 0;
+    const void* Ea = nullptr;
+    ULONG EaLength = 0;
 };
 
 // The volume "X:" over a memory disk that outlives mounts.
@@ -118,7 +120,7 @@ protected:
         volume->FileSystemDevice = nullptr;
         volume->Vpb = nullptr;
         volume->SectorSize = SectorSize;
-        auto files = std::make_unique<RecordingFiles>(CreateFileSystem(*volume, MakeStoreFor(), Options));
+        auto files = std::make_unique<RecordingFiles>(MakeFilesFor(*volume));
         Files = files.get();
         volume->Files = std::move(files);
         Mounted = MountVolume(std::move(volume));
@@ -151,6 +153,8 @@ protected:
         request.Options = how.Options | FILE_SYNCHRONOUS_IO_NONALERT;
         request.FileAttributes = how.Attributes;
         request.StackFlags = how.StackFlags;
+        request.Ea = how.Ea;
+        request.EaLength = how.EaLength;
         return OpenFile(request, file, information);
     }
 
@@ -228,6 +232,8 @@ protected:
     Volume* Mounted = nullptr;
     RecordingFiles* Files = nullptr;
     std::function<std::unique_ptr<Store>()> MakeStoreFor = [this] { return CreateMemoryStore(Disk); };
+    std::function<std::unique_ptr<FileSystem>(Volume&)> MakeFilesFor = [this](Volume& volume)
+    { return CreateFileSystem(volume, MakeStoreFor(), Options); };
 
 private:
     SIZE_T limitBefore_;
