@@ -157,8 +157,8 @@ Connector::Result Connector::Receive(ConnectorEvent* event)
         alignas(nlmsghdr) char datagram[1024];
         sockaddr_nl sender{};
         socklen_t senderLength = sizeof sender;
-        const ssize_t length = recvfrom(
-            socket_, datagram, sizeof datagram, MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&sender), &senderLength);
+        const ssize_t length = recvfrom(socket_, datagram, sizeof datagram, MSG_DONTWAIT,
+                                        reinterpret_cast<sockaddr*>(&sender), &senderLength);
         if (length < 0)
         {
             switch (errno)

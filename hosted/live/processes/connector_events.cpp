@@ -24,7 +24,7 @@ void LinuxProcesses::OnFork(const ConnectorEvent& event)
     LinuxProcess* known = Find(event.Process);
     if (event.Thread != event.Process)
     {
-        if (known != nullptr)
+        if (known != nullptr && event.Time >= known->SeenAt)
         {
             AddThread(known, event.Thread);
         }
@@ -42,15 +42,16 @@ void LinuxProcesses::OnFork(const ConnectorEvent& event)
         End(known);
     }
     // Its own image, not the parent's: the process that is named the parent need not be the one that forked it.
-    if (!exited && (AddFromProc(event.Process, event.Parent, *stat, now) != nullptr ||
-                    !HasExited(event.Process, proc_.Process(event.Process))))
+    if (!exited && AddFromProc(event.Process, event.Parent, *stat, now) != nullptr)
     {
         return;
     }
+    const auto after = proc_.Process(event.Process);
+    const bool exits = HasExited(event.Process, after) || after->Exiting;
     const LinuxProcess* parent = Find(event.Parent);
-    if (parent != nullptr && !parent->Kernel && parent->SeenAt <= event.Time)
+    if (exits && parent != nullptr && !parent->Kernel && parent->SeenAt <= event.Time)
     {
-        // Gone already, but whoever it has forked is to be judged as its child.
+        // Too late to see its image, but whoever it has forked is to be judged as its child.
         Add({.Id = event.Process,
              .Parent = event.Parent,
              .StartTicks = std::nullopt,

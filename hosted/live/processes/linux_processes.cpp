@@ -134,11 +134,15 @@ void LinuxProcesses::ForgetThreads(LinuxProcess* process)
     process->Threads.clear();
 }
 
-// Without events the list would not hold, so threads are asked for as they come.
+// Without events the list would not hold; threads are asked for as they come then.
 void LinuxProcesses::ListThreads(LinuxProcess* process)
 {
+    if (!eventsComplete_)
+    {
+        return;
+    }
     ForgetThreads(process);
-    for (const pid_t tid : eventsComplete_ ? proc_.LiveThreads(process->Id) : std::vector<pid_t>())
+    for (const pid_t tid : proc_.LiveThreads(process->Id))
     {
         AddThread(process, tid);
     }

@@ -14,6 +14,7 @@ namespace host
 {
 namespace
 {
+constexpr uint64_t ExitingFlag = 0x00000004;
 constexpr uint64_t KernelThreadFlag = 0x00200000;
 // The kernel gives the first pid namespace this inode for ever.
 constexpr std::string_view FirstPidNamespace = "pid:[4026531836]";
@@ -78,6 +79,7 @@ std::optional<ProcStat> ParseStat(const std::string& text)
             break;
         case flagsField:
             stat.KernelThread = (value & KernelThreadFlag) != 0;
+            stat.Exiting = (value & ExitingFlag) != 0;
             break;
         case startField:
             stat.StartTicks = value;
@@ -144,7 +146,9 @@ std::optional<ProcImage> ProcFiles::Image(pid_t pid) const
         return std::nullopt;
     }
     auto path = ReadLink("/proc/self/fd/" + std::to_string(image));
-    struct statx file{};
+    struct statx file
+    {
+    };
     const int asked = statx(image, "", AT_EMPTY_PATH | AT_STATX_DONT_SYNC, STATX_MNT_ID, &file);
     close(image);
     if (!path.has_value() || asked != 0)
@@ -156,8 +160,8 @@ std::optional<ProcImage> ProcFiles::Image(pid_t pid) const
         path->resize(path->size() - DeletedSuffix.size());
     }
     // In a user namespace of its own a program may replace what is said to be its image.
-    const bool believed = (file.stx_mask & STATX_MNT_ID) != 0 &&
-                          ReadLink(folder + "/ns/user") == ReadLink(root_ + "/self/ns/user");
+    const bool believed =
+        (file.stx_mask & STATX_MNT_ID) != 0 && ReadLink(folder + "/ns/user") == ReadLink(root_ + "/self/ns/user");
     return ProcImage{std::move(*path), believed ? file.stx_mnt_id : 0};
 }
 
@@ -172,9 +176,8 @@ bool ProcFiles::IsMountHere(uint64_t mountId) const
 std::vector<pid_t> ProcFiles::Numbers(const std::string& folder) const
 {
     std::vector<pid_t> numbers;
-    const std::unique_ptr<DIR, int (*)(DIR*)> directory(opendir(folder.c_str()), [](DIR* open) {
-        return open == nullptr ? 0 : closedir(open);
-    });
+    const std::unique_ptr<DIR, int (*)(DIR*)> directory(opendir(folder.c_str()),
+                                                        [](DIR* open) { return open == nullptr ? 0 : closedir(open); });
     while (const dirent* entry = directory == nullptr ? nullptr : readdir(directory.get()))
     {
         char* end;
@@ -195,10 +198,12 @@ std::vector<pid_t> ProcFiles::Processes() const
 std::vector<pid_t> ProcFiles::LiveThreads(pid_t pid) const
 {
     std::vector<pid_t> threads = Numbers(root_ + '/' + std::to_string(pid) + "/task");
-    std::erase_if(threads, [this, pid](pid_t tid) {
-        const auto stat = Thread(pid, tid);
-        return !stat.has_value() || stat->Exited();
-    });
+    std::erase_if(threads,
+                  [this, pid](pid_t tid)
+                  {
+                      const auto stat = Thread(pid, tid);
+                      return !stat.has_value() || stat->Exited();
+                  });
     return threads;
 }
 

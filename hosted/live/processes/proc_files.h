@@ -15,6 +15,7 @@ struct ProcStat
     char State;
     pid_t Parent;
     bool KernelThread;
+    bool Exiting; // on its way out: it has no image any more, or will not have one in a moment
     uint64_t StartTicks; // when it was forked, in clock ticks since the system started
     uint64_t StackStart; // where the image's stack began: another after each exec; 0 when it cannot be read
 

@@ -73,6 +73,7 @@ LinuxProcess* LinuxProcesses::Update(LinuxProcess* known, pid_t pid, const ProcS
         return ChangeImage(known, stat, now);
     }
     known->SeenAt = now;
+    ListThreads(known);
     return known;
 }
 
@@ -140,9 +141,10 @@ void LinuxProcesses::Reconcile()
     for (const auto& [start, pid] : running)
     {
         LinuxProcess* updated = Bring(pid);
-        if (updated != nullptr)
+        if (updated != nullptr && !eventsComplete_)
         {
-            ListThreads(updated);
+            // Those that are still there are found again when they ask.
+            ForgetThreads(updated);
         }
     }
     taken_ = true;

@@ -31,10 +31,8 @@ protected:
     {
         proc_.Put({.Id = Init, .Image = init_, .StartTicks = 0});
         proc_.Put({.Id = Shell, .Parent = Init, .Image = shell_, .StartTicks = 100});
-        tracker_ = std::make_unique<ProcessTracker>(TrackerOptions{.ImageName = Name,
-                                                                   .UseConnector = false,
-                                                                   .Proc = proc_.Path(),
-                                                                   .ScanMilliseconds = 1'000'000'000});
+        tracker_ = std::make_unique<ProcessTracker>(TrackerOptions{
+            .ImageName = Name, .UseConnector = false, .Proc = proc_.Path(), .ScanMilliseconds = 1'000'000'000});
     }
 
     // The file's own name, whatever folder the test has it in.
@@ -43,7 +41,10 @@ protected:
         return L"\\Device\\HarddiskVolume1" + Widen("\\" + path.substr(path.rfind('/') + 1));
     }
 
-    static std::string Created(const std::string& path) { return "+ " + Narrow(Name(path)); }
+    static std::string Created(const std::string& path)
+    {
+        return "+ " + Narrow(Name(path));
+    }
 
     // The id and image of a thread's process: "1000 sh".
     std::string Of(pid_t tid)
@@ -141,7 +142,12 @@ TEST_F(ProcScanTest, AThreadThatChangesHandsChangesItsProcess)
 
 TEST_F(ProcScanTest, TheFirstThreadMayHaveGone)
 {
-    proc_.Put({.Id = Editor, .Parent = Shell, .Image = editor_, .StartTicks = 300, .StackStart = 0, .State = 'Z',
+    proc_.Put({.Id = Editor,
+               .Parent = Shell,
+               .Image = editor_,
+               .StartTicks = 300,
+               .StackStart = 0,
+               .State = 'Z',
                .OtherThreads = {1500}});
     std::filesystem::remove(proc_.Path() + "/1001/exe");
     std::filesystem::create_directories(proc_.Path() + "/1001/task/1500/ns");

@@ -37,8 +37,7 @@ void NTAPI Note(PEPROCESS process, HANDLE id, PPS_CREATE_NOTIFY_INFO information
     {
         note.Parent = AsPid(information->ParentProcessId);
         note.Image = Narrow(View(*information->ImageFileName));
-        note.FileName =
-            information->FileObject == nullptr ? "none" : Narrow(View(information->FileObject->FileName));
+        note.FileName = information->FileObject == nullptr ? "none" : Narrow(View(information->FileObject->FileName));
         EXPECT_EQ(information->FileObject == nullptr, information->IsSubsystemProcess == 1);
         EXPECT_EQ(0u, information->FileOpenNameAvailable);
         EXPECT_EQ(nullptr, information->CommandLine);

@@ -50,7 +50,9 @@ HANDLE Id(pid_t pid)
 // Owns the reference.
 struct Held
 {
-    explicit Held(Process* process) : Object(process) {}
+    explicit Held(Process* process) : Object(process)
+    {
+    }
     ~Held()
     {
         if (Object != nullptr)
@@ -61,8 +63,14 @@ struct Held
     Held(const Held&) = delete;
     Held& operator=(const Held&) = delete;
 
-    HANDLE Id() const { return Object == nullptr ? nullptr : Object->Id; }
-    std::string Image() const { return Object == nullptr ? "" : Narrow(Object->ImageNtPath); }
+    HANDLE Id() const
+    {
+        return Object == nullptr ? nullptr : Object->Id;
+    }
+    std::string Image() const
+    {
+        return Object == nullptr ? "" : Narrow(Object->ImageNtPath);
+    }
     Process* const Object;
 };
 
@@ -95,7 +103,10 @@ protected:
     }
 
     // The routine stays registered while the tracker ends.
-    void TearDown() override { tracker_.reset(); }
+    void TearDown() override
+    {
+        tracker_.reset();
+    }
 
     static std::unique_ptr<ProcessTracker> Track(TrackerOptions options)
     {
@@ -113,10 +124,12 @@ protected:
 
     bool SeesExit(pid_t pid)
     {
-        return Eventually([&] {
-            tracker_->BringUpToDate();
-            return notes_.HasExited(pid);
-        });
+        return Eventually(
+            [&]
+            {
+                tracker_->BringUpToDate();
+                return notes_.HasExited(pid);
+            });
     }
 
     const std::string actor_ = std::filesystem::canonical(TARNVEIL_PROCESS_ACTOR);
@@ -143,7 +156,8 @@ TEST_P(ProcessTrackerTest, WhatRunsAlreadyIsThereParentsFirst)
     const auto all = SnapshotProcesses();
     EXPECT_EQ(SystemProcess()->Id, all.front().Id);
     const auto find = [&all](HANDLE id) { return std::ranges::find(all, id, &ProcessSummary::Id); };
-    const auto hasImage = [](HANDLE id) {
+    const auto hasImage = [](HANDLE id)
+    {
         std::error_code error;
         const auto pid = std::to_string(reinterpret_cast<ULONG_PTR>(id));
         return !std::filesystem::read_symlink("/proc/" + pid + "/exe", error).empty();
@@ -237,11 +251,13 @@ TEST_P(ProcessTrackerTest, AProcessLivesAsLongAsAnyOfItsThreads)
     ProcessActor actor;
     const pid_t tid = actor.AskId("leaveToThread");
     const std::string stat = "/proc/" + std::to_string(actor.Id()) + "/stat";
-    ASSERT_TRUE(Eventually([&] {
-        std::string text;
-        std::getline(std::ifstream(stat), text);
-        return text.find(") Z ") != std::string::npos;
-    }));
+    ASSERT_TRUE(Eventually(
+        [&]
+        {
+            std::string text;
+            std::getline(std::ifstream(stat), text);
+            return text.find(") Z ") != std::string::npos;
+        }));
     // Known already, found anew, and again after another of its threads has gone.
     EXPECT_EQ(Id(actor.Id()), Held(tracker_->ProcessOfThread(tid)).Id());
     tracker_.reset();
@@ -363,9 +379,8 @@ TEST_P(ProcessTrackerTest, EverythingExitsWithTheTracker)
     EXPECT_EQ(1u, SnapshotProcesses().size());
     // Children before their parents.
     const auto all = notes_.All();
-    const auto exitOf = [&all](pid_t pid) {
-        return std::ranges::find_if(all, [pid](const ProcessNote& note) { return note.Id == pid && note.Exit; });
-    };
+    const auto exitOf = [&all](pid_t pid)
+    { return std::ranges::find_if(all, [pid](const ProcessNote& note) { return note.Id == pid && note.Exit; }); };
     EXPECT_LT(exitOf(actor.Id()), exitOf(getpid()));
 }
 
@@ -407,12 +422,14 @@ TEST_P(ProcessTrackerTest, ManyShortLivesWhileManyAsk)
     std::vector<std::thread> askers;
     for (int i = 0; i < 3; ++i)
     {
-        askers.emplace_back([this, &over] {
-            while (!over)
+        askers.emplace_back(
+            [this, &over]
             {
-                EXPECT_EQ(Id(getpid()), Held(tracker_->ProcessOfThread(gettid())).Id());
-            }
-        });
+                while (!over)
+                {
+                    EXPECT_EQ(Id(getpid()), Held(tracker_->ProcessOfThread(gettid())).Id());
+                }
+            });
     }
     EXPECT_EQ("done", actor.Ask("storm " + std::to_string(count)));
     over = true;
@@ -420,7 +437,8 @@ TEST_P(ProcessTrackerTest, ManyShortLivesWhileManyAsk)
     {
         asker.join();
     }
-    const auto settled = [this, &actor] {
+    const auto settled = [this, &actor]
+    {
         tracker_->BringUpToDate();
         std::set<HANDLE> parents;
         for (const ProcessSummary& process : SnapshotProcesses())
@@ -450,15 +468,17 @@ TEST_P(ProcessConnectorTest, LostEventsAreMadeUpFor)
     tracker_ = Track({.ConnectorBufferBytes = 4096});
     ProcessActor actor, leaving;
     tracker_->BringUpToDate();
-    ASSERT_EQ(0u, tracker_->LostEvents());
+    const size_t lostBefore = tracker_->LostEvents();
     // While one notification is under way nothing is taken from the queue.
     std::mutex gate;
     std::atomic<pid_t> held{0};
     std::unique_lock closed(gate);
-    notes_.SetDuring([&](pid_t pid, bool) {
-        held = pid;
-        const std::lock_guard passed(gate);
-    });
+    notes_.SetDuring(
+        [&](pid_t pid, bool)
+        {
+            held = pid;
+            const std::lock_guard passed(gate);
+        });
     const pid_t child = actor.AskId("fork");
     ASSERT_TRUE(Eventually([&] { return held != 0; }));
     EXPECT_EQ("done", actor.Ask("storm 100"));
@@ -469,7 +489,7 @@ TEST_P(ProcessConnectorTest, LostEventsAreMadeUpFor)
     closed.unlock();
 
     EXPECT_EQ(Narrow(NameOf(editor)), Held(tracker_->ProcessById(child)).Image());
-    EXPECT_GE(tracker_->LostEvents(), 1u);
+    EXPECT_GT(tracker_->LostEvents(), lostBefore);
     const Held last(tracker_->ProcessOfThread(grandchild));
     EXPECT_EQ(Narrow(NameOf(editor)), last.Image());
     EXPECT_EQ(Id(child), last.Object->ParentId);
