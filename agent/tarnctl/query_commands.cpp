@@ -98,8 +98,8 @@ void AddQueryCommands(CLI::App& program, Session& session)
     });
 
     CLI::App* status = AddCommand(program, "status",
-                                  "Whether the driver answers, what it runs in unless that is this Windows, and how many "
-                                  "processes are under the sandbox; dump tells its whole configuration",
+                                  "Whether the driver answers, what it runs in unless that is this Windows, and how "
+                                  "many processes are under the sandbox; dump tells its whole configuration",
                                   {"status", "status --json"});
     AddJsonFlag(*status, session);
     status->callback([&session] { session.Action = [&session] { AnswerStatus(session); }; });

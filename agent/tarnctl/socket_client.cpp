@@ -51,28 +51,35 @@ void FailWithStrangeAnswer()
     throw Failure(ExitCode::Trouble, "the host's answer is not understood");
 }
 
-std::vector<std::uint8_t> SocketClient::Ask(control_socket::Kind kind, std::span<const std::uint8_t> body)
+std::vector<std::uint8_t> SocketClient::Ask(control_socket::Kind kind, Body body, Body rest)
 {
-    Send(kind, body);
+    Send(kind, body, rest);
     return Receive();
 }
 
-void SocketClient::Send(control_socket::Kind kind, std::span<const std::uint8_t> body)
+void SocketClient::Send(control_socket::Kind kind, Body body, Body rest)
 {
-    std::vector<std::uint8_t> frame = control_socket::Frame(static_cast<std::uint32_t>(kind), ++sent_, body);
-    std::size_t done = 0;
-    while (done < frame.size())
+    const auto frame =
+        control_socket::Frame(static_cast<std::uint32_t>(kind), ++sent_, body, body.size() + rest.size());
+    // A failure shows when the answer is read: what the host said before it hung up tells why.
+    if (SendAll(frame))
     {
-        const ssize_t count = send(socket_.Get(), frame.data() + done, frame.size() - done, MSG_NOSIGNAL);
+        SendAll(rest);
+    }
+}
+
+bool SocketClient::SendAll(Body bytes)
+{
+    while (!bytes.empty())
+    {
+        const ssize_t count = send(socket_.Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
         if (count < 0 && errno != EINTR)
         {
-            // What the host said before it hung up tells why.
-            break;
+            return false;
         }
-        done += count > 0 ? static_cast<std::size_t>(count) : 0;
+        bytes = bytes.subspan(count > 0 ? static_cast<std::size_t>(count) : 0);
     }
-    // A key may be in it.
-    explicit_bzero(frame.data(), frame.size());
+    return true;
 }
 
 std::vector<std::uint8_t> SocketClient::Receive()

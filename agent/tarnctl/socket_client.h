@@ -12,17 +12,21 @@ public:
     // Takes a connected socket, which blocks.
     explicit SocketClient(host::Descriptor socket) : socket_(std::move(socket)) {}
 
-    // Sends a request and gives the body of its answer behind the result. Throws Failure: NotReachable when the host is
-    // gone or has no driver, otherwise Trouble.
-    std::vector<std::uint8_t> Ask(control_socket::Kind kind, std::span<const std::uint8_t> body = {});
+    using Body = std::span<const std::uint8_t>;
+
+    // Sends a request and gives the body of its answer behind the result. `rest` belongs to the body, and no copy of it
+    // is made: a key may be in it. Throws Failure: NotReachable when the host is gone or has no driver, otherwise
+    // Trouble.
+    std::vector<std::uint8_t> Ask(control_socket::Kind kind, Body body = {}, Body rest = {});
 
     // The two halves, for who has something to do in between. Answers come in the order of the requests.
-    void Send(control_socket::Kind kind, std::span<const std::uint8_t> body = {});
+    void Send(control_socket::Kind kind, Body body = {}, Body rest = {});
     std::vector<std::uint8_t> Receive();
 
     int Socket() const { return socket_.Get(); }
 
 private:
+    bool SendAll(Body bytes);
     void Fill(std::span<std::uint8_t> bytes);
 
     host::Descriptor socket_;

@@ -82,9 +82,8 @@ public:
         {
             throw Failure(ExitCode::Trouble, "the request is too long for the host");
         }
-        Writer writer;
-        writer.Word(code).Word(static_cast<std::uint32_t>(output.size())).Rest(input);
-        const Bytes answer = client_.Ask(Kind::DeviceControl, writer.Bytes());
+        const Writer sizes = Writer().Word(code).Word(static_cast<std::uint32_t>(output.size()));
+        const Bytes answer = client_.Ask(Kind::DeviceControl, sizes.Bytes(), input);
         Reader reader(answer);
         Reply reply;
         reply.Status = reader.Word();
@@ -117,9 +116,9 @@ public:
     Wake WaitForLogEvent(std::optional<std::chrono::milliseconds> longest) override
     {
         // A longer time than the message can say is not waited for by anybody.
-        const std::uint32_t time =
-            longest ? static_cast<std::uint32_t>(std::clamp<long long>(longest->count(), 0, control_socket::WaitForever - 1))
-                    : control_socket::WaitForever;
+        const long long most = control_socket::WaitForever - 1;
+        const auto time = longest ? static_cast<std::uint32_t>(std::clamp<long long>(longest->count(), 0, most))
+                                  : control_socket::WaitForever;
         client_.Send(Kind::WaitForEvent, Writer().Word(time).Bytes());
         if (InterruptedBeforeAnswer())
         {

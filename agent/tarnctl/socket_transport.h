@@ -5,7 +5,7 @@
 
 namespace tarnctl
 {
-// `path` of the socket; empty: where hosts have it by default (TARNVEIL_SOCKET, else a folder of the user's own). Only a
-// host of the same user, or root's, is talked to; root talks to any that it names. Throws Failure with NotReachable.
+// `path` of the socket; empty: where hosts have it by default (TARNVEIL_SOCKET, else a folder of the user's own). Only
+// a host of the same user, or root's, is talked to; root talks to any that it names. Throws Failure with NotReachable.
 std::unique_ptr<Transport> ConnectToSocket(const std::string& path);
 }

@@ -68,8 +68,8 @@ public:
     void Reset();
 
     // Called after each value that the system wrote while it ran (ZwSetValueKey), on the writing thread, which may hold
-    // locks of its own; it must not ask the registry anything. One at a time; an empty one takes it away, and no call is
-    // under way then. A reset keeps it.
+    // locks of its own; it must not ask the registry anything. One at a time; an empty one takes it away, and then no
+    // call is under way. A reset keeps it.
     void SetWriteHook(std::function<void()> hook);
 
     // For the exported routines: the key itself, kept alive by the pointer, and its contents under the lock.

@@ -13,8 +13,8 @@ bool WaitForEvent(PKEVENT event, unsigned timeoutMilliseconds);
 
 void ClearEvent(PKEVENT event);
 
-// While it lives, each signal of the event also adds 1 to an eventfd(2), so that a thread can wait for the event and for
-// descriptors at once. Descriptor and event outlive it; a signal from before it is for WaitForEvent to see. Thread-safe.
+// While it lives, each signal of the event also adds 1 to an eventfd(2), so that a thread can wait for the event and
+// for descriptors at once. Descriptor and event outlive it; a signal from before it is for WaitForEvent to see.
 class EventObserver
 {
 public:

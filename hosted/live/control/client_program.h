@@ -1,4 +1,5 @@
-// A program at the other end of a connection as the hosted system sees it: a process with a handle, a mailslot, requests.
+// A program at the other end of a connection as the hosted system sees it: a process that makes requests, with an event
+// and a mailslot.
 #pragma once
 
 #include "hosted/io/mailslot.h"

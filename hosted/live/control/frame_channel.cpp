@@ -101,7 +101,8 @@ bool FrameChannel::Write(std::uint32_t kind, std::uint32_t number, std::span<con
     std::size_t sent = 0;
     while (sent < frame.size())
     {
-        const ssize_t count = send(socket_.Get(), frame.data() + sent, frame.size() - sent, MSG_DONTWAIT | MSG_NOSIGNAL);
+        const ssize_t count =
+            send(socket_.Get(), frame.data() + sent, frame.size() - sent, MSG_DONTWAIT | MSG_NOSIGNAL);
         if (count >= 0)
         {
             sent += static_cast<std::size_t>(count);

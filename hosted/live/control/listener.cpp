@@ -101,8 +101,9 @@ void RemoveStale(const std::string& path, const sockaddr_un& address)
         Fail(path, "there is something else of that name");
     }
     const Descriptor probe = NewSocket(path);
+    const bool connected = connect(probe.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
     // A server whose queue is full (EAGAIN) is one, too.
-    if (connect(probe.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0 || errno != ECONNREFUSED)
+    if (connected || errno != ECONNREFUSED)
     {
         Fail(path, "another host serves it already");
     }

@@ -1,5 +1,5 @@
-// The messages of the control socket (docs/control-protocol.md, "Over a socket"). Plain C++ without the hosted kernel, as
-// programs include it, too.
+// The messages of the control socket (docs/control-protocol.md, "Over a socket"). Plain C++ without the hosted kernel,
+// as programs include it, too.
 #pragma once
 
 #include <cstddef>
@@ -148,11 +148,18 @@ private:
     bool good_ = true;
 };
 
-inline std::vector<std::uint8_t> Frame(std::uint32_t kind, std::uint32_t number, std::span<const std::uint8_t> body)
+// The beginning of a message, or all of it: `bodyBytes` counts the body whole, of which `body` is what comes first.
+inline std::vector<std::uint8_t> Frame(std::uint32_t kind, std::uint32_t number, std::span<const std::uint8_t> body,
+                                       std::size_t bodyBytes)
 {
     Writer writer;
-    writer.Word(Magic).Word(kind).Word(number).Word(static_cast<std::uint32_t>(body.size())).Rest(body);
+    writer.Word(Magic).Word(kind).Word(number).Word(static_cast<std::uint32_t>(bodyBytes)).Rest(body);
     return writer.Bytes();
+}
+
+inline std::vector<std::uint8_t> Frame(std::uint32_t kind, std::uint32_t number, std::span<const std::uint8_t> body)
+{
+    return Frame(kind, number, body, body.size());
 }
 
 // Nothing when it is no header. The length is as it was sent.

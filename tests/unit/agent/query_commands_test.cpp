@@ -17,10 +17,11 @@ protected:
     // What is told of the host, which a program of the machine itself is not told.
     std::string HostLines() const
     {
-        return GetParam() == Way::InMachine ? ""
-                                            : "system: 6.1\ndriver image: native\n"
-                                              "volume S: \\Device\\HarddiskVolume2 is /srv/store, mounted at /mnt/safe\n"
-                                              "volume C: \\Device\\HarddiskVolume1 is /\n";
+        return GetParam() == Way::InMachine
+                   ? ""
+                   : "system: 6.1\ndriver image: native\n"
+                     "volume S: \\Device\\HarddiskVolume2 is /srv/store, mounted at /mnt/safe\n"
+                     "volume C: \\Device\\HarddiskVolume1 is /\n";
     }
     std::string HostJson() const
     {
@@ -70,7 +71,8 @@ TEST_P(TarnctlQueries, AListLongerThanTheFirstAttempt)
     EXPECT_EQ(Output({"pids", "--json"}), "{\"pids\":[" + array + "]}\n");
     EXPECT_EQ(Output({"status"}), "driver: reachable\n" + HostLines() + "processes under the sandbox: 150\n");
     EXPECT_EQ(Output({"status", "--json"}),
-              "{\"reachable\":true," + HostJson() + "\"anyUnderSandbox\":true,\"count\":150,\"pids\":[" + array + "]}\n");
+              "{\"reachable\":true," + HostJson() + "\"anyUnderSandbox\":true,\"count\":150,\"pids\":[" + array +
+                  "]}\n");
 }
 }
 }

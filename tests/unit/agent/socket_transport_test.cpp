@@ -45,7 +45,8 @@ TEST_P(TarnctlSocket, TheOptionNamesTheSocket)
 {
     const Outcome outcome = RunAt(AtSocket({"status", "--json"}));
     EXPECT_EQ(outcome.Exit, 0) << outcome.Error;
-    EXPECT_THAT(outcome.Output, StartsWith("{\"reachable\":true,\"system\":\"6.1\",\"driver\":\"native\",\"volumes\":["));
+    EXPECT_THAT(outcome.Output,
+                StartsWith("{\"reachable\":true,\"system\":\"6.1\",\"driver\":\"native\",\"volumes\":["));
     EXPECT_EQ(RunAt({"--socket"}).Exit, 2);
 }
 
