@@ -95,6 +95,18 @@ void DropPowers(fuse_req_t request, PFILE_OBJECT file)
     }
 }
 
+// A filter that enciphers takes a non-cached write for one of as much as the file holds at that moment, and what goes
+// beyond would be lost with it. So the file is first made as long as it is going to be.
+NTSTATUS MakeRoom(PFILE_OBJECT file, LONGLONG end)
+{
+    struct stat info = {};
+    if (host::FolderStat(file, &info) != 0)
+    {
+        return STATUS_UNEXPECTED_IO_ERROR;
+    }
+    return end > info.st_size ? host::SetEndOfFile(file, end) : STATUS_SUCCESS;
+}
+
 NTSTATUS WriteZeros(PFILE_OBJECT file, LONGLONG offset, LONGLONG end)
 {
     static const std::vector<UCHAR> zeros(LargestTransfer);
@@ -229,7 +241,12 @@ void Write(fuse_req_t request, fuse_ino_t, const char* data, size_t size, off_t 
         DropPowers(request, file);
     }
     IO_STATUS_BLOCK result = {};
-    NTSTATUS status = host::WriteFile(file, offset, data, static_cast<ULONG>(size), &result);
+    NTSTATUS status = file == handle.File.Get() ? STATUS_SUCCESS
+                                                : MakeRoom(file, offset + static_cast<LONGLONG>(size));
+    if (NT_SUCCESS(status))
+    {
+        status = host::WriteFile(file, offset, data, static_cast<ULONG>(size), &result);
+    }
     const bool throughCache = file == handle.File.Get() && (info->flags & O_DIRECT) != 0 && !info->writepage;
     if (NT_SUCCESS(status) && throughCache)
     {

@@ -40,7 +40,8 @@ std::vector<fs::path> FilesBelow(const fs::path& folder)
     return files;
 }
 
-// Where the two agree around a common piece, in bytes.
+// How many bytes the two share around a common piece; those at both ends that only repeat one value do not count, since
+// holes are kept as such.
 size_t CommonAround(std::string_view left, size_t leftAt, std::string_view right, size_t rightAt)
 {
     size_t before = 0;
@@ -53,7 +54,16 @@ size_t CommonAround(std::string_view left, size_t leftAt, std::string_view right
     {
         ++after;
     }
-    return before + after;
+    std::string_view run = left.substr(leftAt - before, before + after);
+    while (run.size() > 1 && run[0] == run[1])
+    {
+        run.remove_prefix(1);
+    }
+    while (run.size() > 1 && run[run.size() - 1] == run[run.size() - 2])
+    {
+        run.remove_suffix(1);
+    }
+    return run.size();
 }
 }
 

@@ -62,10 +62,11 @@ TEST_P(LiveProcesses, ChildrenOfAMonitoredParentAreInsideAtAnyDepth)
     EXPECT_EQ(volume->Inside("cat document; bash -c 'cat document; bash -c \"cat document; true\"; true'").Output,
               "secret\nsecret\nsecret\n");
     // A child whose parent is gone by the time it reads.
-    EXPECT_EQ(volume->Inside("bash -c '(read go < pipe; cat document > late) & true'; true; "
-                             "cat document > early")
-                  .Code,
-              0);
+    EXPECT_EQ(volume->Inside("mkfifo go done\n"
+                             "bash -c '(read word < go; cat document > late; echo > done) & true'\n"
+                             "echo > go; read word < done; cat late")
+                  .Output,
+              "secret\n");
 }
 
 TEST_P(LiveProcesses, TheParentItselfIsNotInside)

@@ -118,7 +118,7 @@ END
         python3 map.py)x",
      "mapped"},
     {"WritesPastTheCache", R"x(
-        seq 200000 | head -c 1000003 > plain
+        seq 200000 > plain; truncate -s 1000003 plain
         dd if=plain of=direct bs=4096 oflag=direct status=none
         dd if=plain of=large bs=256k oflag=direct status=none
         dd if=plain of=odd bs=1000 status=none
@@ -154,7 +154,7 @@ END
         ( flock -n 9; ! flock -n hard true ) 9< hard)x",
      "c/file hard names targets attributes"},
     {"Endures", R"x(
-        stress-ng --temp-path . --quiet --timeout 4 --hdd 1 --hdd-bytes 8m --fallocate 1 --fallocate-bytes 4m --rename 1 --link 1 --dentry 1 --dentries 200 --seek 1 --seek-bytes 4m --utime 1 --mmap 1 --mmap-bytes 4m --mmap-file --verify
+        stress-ng --temp-path . --quiet --timeout 4 --hdd 1 --hdd-bytes 8m --fallocate 1 --fallocate-bytes 4m --rename 1 --link 1 --dentry 1 --dentries 200 --seek 1 --utime 1 --mmap 1 --mmap-bytes 4m --mmap-file --verify
         ls -A | grep -v '^stress' > left || true)x",
      "left"},
 };
