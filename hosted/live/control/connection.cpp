@@ -131,7 +131,8 @@ ControlConnection::Answer ControlConnection::Greet(Body body)
     }
     if (program_ == nullptr)
     {
-        Process* const process = options_.ProcessOf(peer_);
+        // Of a process that this host cannot see, as in another container, the kernel says 0.
+        Process* const process = peer_ > 0 ? options_.ProcessOf(peer_) : nullptr;
         if (process == nullptr)
         {
             return Refusal(Result::Refused, "process " + std::to_string(peer_) + " is not known to the hosted system");
