@@ -308,7 +308,7 @@ TEST_F(FolderKill, EndsThatMoveAtRandom)
     const unsigned seed =
         given != nullptr ? static_cast<unsigned>(std::strtoul(given, nullptr, 10)) : std::random_device()();
     std::cout << "seed " << seed << ": TARNVEIL_SEED=" << seed
-              << " scenario_tests --gtest_filter=FolderKill.EndsThatMoveAtRandom\n";
+              << " scenario_tests --gtest_filter=FolderKill.EndsThatMoveAtRandom" << std::endl;
     std::mt19937 random(seed);
     const auto below = [&](unsigned bound) { return static_cast<LONGLONG>(random() % bound); };
     for (int run = 0; run < 6 && !HasFailure(); ++run)
