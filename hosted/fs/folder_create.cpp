@@ -148,7 +148,19 @@ NTSTATUS FolderFileSystem::FindPlace(const CreateRequest& request, FolderPlace* 
     {
         std::swap(place->Directory, place->Name);
     }
-    return STATUS_SUCCESS;
+    return IsLeftOut(*place) ? STATUS_OBJECT_PATH_NOT_FOUND : STATUS_SUCCESS;
+}
+
+bool FolderFileSystem::IsLeftOut(const FolderPlace& place) const
+{
+    if (options_.Without.empty() || place.StartDescriptor != folder_.Number())
+    {
+        return false;
+    }
+    const std::string top = options_.Folder.ends_with('/') ? options_.Folder : options_.Folder + "/";
+    const std::string path = top + place.Directory + (place.Directory.empty() ? "" : "/") + place.Name;
+    return path.starts_with(options_.Without) &&
+           (path.size() == options_.Without.size() || path[options_.Without.size()] == '/');
 }
 
 NTSTATUS FolderFileSystem::LookUp(const FolderPlace& place, HostDescriptor* found)

@@ -16,6 +16,9 @@ struct FolderOptions
     // inside of a path are followed. Otherwise such a path ends with STATUS_STOPPED_ON_SYMLINK, as one does at a
     // link itself in both cases unless the open has FILE_OPEN_REPARSE_POINT.
     bool ReadOnly = false;
+    // A folder of the host system that is not there for this volume, by its path; empty: none. Where this process
+    // itself serves a folder, a look at it would wait for its own answer.
+    std::string Without = {};
 };
 
 // Names are case-sensitive; there are no 8.3 names, no alternate streams and no opens by file id. All links of a file

@@ -41,6 +41,7 @@ private:
     NTSTATUS OpenTarget(CreateRequest& request) override;
     NTSTATUS OpenVolume(CreateRequest& request);
     NTSTATUS FindPlace(const CreateRequest& request, FolderPlace* place);
+    bool IsLeftOut(const FolderPlace& place) const;
     NTSTATUS LookUp(const FolderPlace& place, HostDescriptor* found);
     NTSTATUS OpenExisting(CreateRequest& request, const FolderPlace& place, HostDescriptor found, bool created);
     NTSTATUS CheckExisting(const CreateRequest& request, const struct stat& info, bool created) const;

@@ -34,7 +34,8 @@ void MachineVolume::Mount()
     volume->SectorSize = options_.SectorSize;
     if (!options_.Folder.empty())
     {
-        const FolderOptions folder{.Folder = options_.Folder, .ReadOnly = options_.ReadOnly};
+        const FolderOptions folder{
+            .Folder = options_.Folder, .ReadOnly = options_.ReadOnly, .Without = options_.Without};
         volume->Files = CreateFolderFileSystem(*volume, folder);
     }
     else

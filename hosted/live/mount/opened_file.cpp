@@ -2,10 +2,17 @@
 
 #include "hosted/ob/object.h"
 
+#include <chrono>
+#include <thread>
 #include <utility>
 
 namespace live
 {
+namespace
+{
+constexpr int MostAttempts = 1000;
+}
+
 OpenedFile::OpenedFile(const host::WideString& path, const OpenWish& wish)
 {
     if (path.empty())
@@ -22,7 +29,16 @@ OpenedFile::OpenedFile(const host::WideString& path, const OpenWish& wish)
         request.Ea = wish.Creation;
         request.EaLength = sizeof(*wish.Creation);
     }
-    status_ = host::OpenFile(request, &file_, &outcome_);
+    for (int attempt = 0; attempt < MostAttempts; ++attempt)
+    {
+        status_ = host::OpenFile(request, &file_, &outcome_);
+        if (status_ != STATUS_SHARING_VIOLATION)
+        {
+            return;
+        }
+        // Only the driver itself opens directories without sharing all, and for no longer than a look takes.
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
 }
 
 OpenedFile::OpenedFile(OpenedFile&& other) noexcept

@@ -51,6 +51,7 @@ host::MachineOptions MachineFor(const LiveOptions& options)
     system.DosName = L"C:";
     system.Folder = "/";
     system.ReadOnly = true;
+    system.Without = options.Mount;
     host::VolumeOptions live;
     live.DeviceName = LiveVolume;
     live.DosName = L"S:";

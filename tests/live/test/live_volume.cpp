@@ -36,6 +36,16 @@ void MustSucceed(const Outcome& outcome, const std::string& what)
     }
 }
 
+fs::path MakeFolder(const fs::path& where)
+{
+    std::string pattern = (where / "tarnveil-live-XXXXXX").string();
+    if (mkdtemp(pattern.data()) == nullptr)
+    {
+        throw std::runtime_error("no folder in " + where.string());
+    }
+    return pattern;
+}
+
 // As the driver's patterns name a file of the machine.
 std::string SystemPath(const fs::path& path)
 {
@@ -79,12 +89,8 @@ bool CanMount(std::string* reason)
 
 LiveVolume::LiveVolume(const std::string& image, const std::string& options) : image_(image), options_(options)
 {
-    std::string pattern = (fs::temp_directory_path() / "tarnveil-live-XXXXXX").string();
-    if (mkdtemp(pattern.data()) == nullptr)
-    {
-        throw std::runtime_error("no temporary folder");
-    }
-    folder_ = pattern;
+    folder_ = MakeFolder(fs::temp_directory_path());
+    scratch_ = MakeFolder(fs::is_directory("/dev/shm") ? "/dev/shm" : fs::temp_directory_path());
     fs::create_directory(Store());
     fs::create_directory(Mount());
     fs::copy_file("/bin/bash", folder_ / "launch");
@@ -100,6 +106,7 @@ LiveVolume::~LiveVolume()
     umount2(Mount().c_str(), MNT_DETACH);
     std::error_code ignored;
     fs::remove_all(folder_, ignored);
+    fs::remove_all(scratch_, ignored);
 }
 
 void LiveVolume::Start()

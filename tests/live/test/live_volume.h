@@ -32,6 +32,8 @@ public:
     LiveVolume& operator=(const LiveVolume&) = delete;
 
     std::filesystem::path Folder() const { return folder_; }
+    // A folder that has nothing to do with the volume; in memory where the machine has such.
+    std::filesystem::path Scratch() const { return scratch_; }
     std::filesystem::path Store() const { return folder_ / "store"; }
     std::filesystem::path Mount() const { return folder_ / "mount"; }
     std::filesystem::path Sandbox() const { return Mount() / "Sandbox"; }
@@ -67,6 +69,7 @@ private:
     const std::string image_;
     const std::string options_;
     std::filesystem::path folder_;
+    std::filesystem::path scratch_;
     pid_t server_ = -1;
 
     mutable std::mutex mutex_;

@@ -138,5 +138,7 @@ TEST_P(LiveProcesses, TheAgentSeesRealProcessIds)
 }
 
 INSTANTIATE_TEST_SUITE_P(Native, LiveProcesses, testing::Values(false));
+#ifdef LIVE_TESTS_WITH_IMAGE
 INSTANTIATE_TEST_SUITE_P(Image, LiveProcesses, testing::Values(true));
+#endif
 }

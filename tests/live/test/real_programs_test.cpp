@@ -181,7 +181,6 @@ protected:
             GTEST_SKIP() << reason;
         }
         volume = std::make_unique<LiveVolume>(GetParam() ? TARNVEIL_IMAGE : "");
-        fs::create_directory(Reference());
     }
     void TearDown() override
     {
@@ -191,7 +190,7 @@ protected:
         }
     }
 
-    fs::path Reference() const { return volume->Folder() / "reference"; }
+    fs::path Reference() const { return volume->Scratch(); }
 
     static void ExpectSuccess(const Outcome& outcome, const std::string& what)
     {
@@ -267,5 +266,7 @@ TEST_P(RealPrograms, RandomOperationsAgreeWithAModel)
 }
 
 INSTANTIATE_TEST_SUITE_P(Native, RealPrograms, testing::Values(false));
+#ifdef LIVE_TESTS_WITH_IMAGE
 INSTANTIATE_TEST_SUITE_P(Image, RealPrograms, testing::Values(true));
+#endif
 }

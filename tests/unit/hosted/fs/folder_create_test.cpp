@@ -231,6 +231,21 @@ TEST_F(FolderCreate, SymbolicLinksAreNotFollowed)
     EXPECT_TRUE(Exists("dir/file"));
 }
 
+TEST_F(FolderCreate, AFolderThatIsLeftOutIsNotThere)
+{
+    std::filesystem::create_directories(Folder / "a/out/b");
+    std::filesystem::create_directories(Folder / "a/outer");
+    Put("a/out/file", "served elsewhere");
+    Without = (Folder / "a/out").string();
+    RemountReadOnly();
+    const OpenHow reading = {.Disposition = FILE_OPEN, .Access = FILE_READ_DATA};
+    EXPECT_EQ(Attempt(L"\\a\\out", reading), STATUS_OBJECT_PATH_NOT_FOUND);
+    EXPECT_EQ(Attempt(L"\\a\\out\\file", reading), STATUS_OBJECT_PATH_NOT_FOUND);
+    EXPECT_EQ(Attempt(L"\\a\\out\\b\\file", reading), STATUS_OBJECT_PATH_NOT_FOUND);
+    EXPECT_EQ(Attempt(L"\\a\\outer", reading), STATUS_SUCCESS);
+    EXPECT_EQ(Attempt(L"\\a", reading), STATUS_SUCCESS);
+}
+
 TEST_F(FolderCreate, AReadOnlyVolumeFollowsLinksInsideOfPathsAndChangesNothing)
 {
     std::filesystem::create_directories(Folder / "usr/bin");

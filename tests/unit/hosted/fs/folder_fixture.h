@@ -22,7 +22,7 @@ protected:
         Folder = mkdtemp(name);
         Dismount();
         MakeFilesFor = [this](Volume& volume)
-        { return CreateFolderFileSystem(volume, {.Folder = Folder.string(), .ReadOnly = ReadOnly}); };
+        { return CreateFolderFileSystem(volume, {.Folder = Folder.string(), .ReadOnly = ReadOnly, .Without = Without}); };
         Mount();
     }
     ~FolderVolume() override
@@ -147,5 +147,6 @@ protected:
 
     std::filesystem::path Folder;
     bool ReadOnly = false;
+    std::string Without;
 };
 }
