@@ -13,6 +13,7 @@
 #include <ctime>
 #include <optional>
 #include <thread>
+#include <utility>
 
 namespace host
 {
@@ -61,11 +62,11 @@ std::optional<ConnectorEvent> Translate(const Datagram& datagram)
     switch (datagram.What)
     {
     case ForkEvent:
-        return ConnectorEvent{Kind::Fork, time, data.fork.child_pid, data.fork.child_tgid, data.fork.parent_tgid};
+        return ConnectorEvent{Kind::Fork, time, data.fork.child_pid, data.fork.child_tgid, data.fork.parent_tgid, false};
     case ExecEvent:
-        return ConnectorEvent{Kind::Exec, time, data.exec.process_pid, data.exec.process_tgid, 0};
+        return ConnectorEvent{Kind::Exec, time, data.exec.process_pid, data.exec.process_tgid, 0, false};
     case ExitEvent:
-        return ConnectorEvent{Kind::Exit, time, data.exit.process_pid, data.exit.process_tgid, 0};
+        return ConnectorEvent{Kind::Exit, time, data.exit.process_pid, data.exit.process_tgid, 0, false};
     default:
         return std::nullopt;
     }
@@ -87,17 +88,21 @@ std::unique_ptr<Connector> Connector::Open(int receiveBufferBytes)
         return nullptr;
     }
     std::unique_ptr<Connector> connector(new Connector(opened));
-    const int bytes = receiveBufferBytes;
-    if (setsockopt(opened, SOL_SOCKET, SO_RCVBUFFORCE, &bytes, sizeof bytes) != 0)
-    {
-        setsockopt(opened, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes);
-    }
     sockaddr_nl address{};
     address.nl_family = AF_NETLINK;
     address.nl_groups = CN_IDX_PROC;
     const bool listens = bind(opened, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
                          connector->Listen(true) && connector->TellsOfThisProcess();
-    return listens ? std::move(connector) : nullptr;
+    if (!listens)
+    {
+        return nullptr;
+    }
+    const int bytes = receiveBufferBytes;
+    if (setsockopt(opened, SOL_SOCKET, SO_RCVBUFFORCE, &bytes, sizeof bytes) != 0)
+    {
+        setsockopt(opened, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes);
+    }
+    return connector;
 }
 
 Connector::~Connector()
@@ -128,8 +133,7 @@ bool Connector::Listen(bool listen)
 bool Connector::TellsOfThisProcess()
 {
     constexpr int attempts = 3;
-    bool told = false;
-    for (int i = 0; i < attempts && !told; ++i)
+    for (int i = 0; i < attempts; ++i)
     {
         const uint64_t before = MonotonicNow();
         pid_t tid = 0;
@@ -137,17 +141,25 @@ bool Connector::TellsOfThisProcess()
         const uint64_t after = MonotonicNow();
         ConnectorEvent event;
         Result result;
-        while ((result = Receive(&event)) == Result::Received)
+        bool lost = false;
+        while ((result = Receive(&event)) != Result::Empty)
         {
-            told = told || (event.What == ConnectorEvent::Kind::Fork && event.Thread == tid &&
-                            event.Process == getpid() && event.Time >= before && event.Time <= after);
+            if (result == Result::Overrun)
+            {
+                lost = true;
+            }
+            else if (event.What == ConnectorEvent::Kind::Fork && event.Thread == tid && event.Process == getpid() &&
+                     event.Time >= before && event.Time <= after)
+            {
+                return true;
+            }
         }
-        if (result != Result::Lost)
+        if (!lost)
         {
-            break;
+            return false;
         }
     }
-    return told;
+    return false;
 }
 
 Connector::Result Connector::Receive(ConnectorEvent* event)
@@ -166,9 +178,16 @@ Connector::Result Connector::Receive(ConnectorEvent* event)
             case EINTR:
                 continue;
             case EAGAIN:
+                if (overrun_)
+                {
+                    // From here on events are queued again, with gaps in their numbers that are known of.
+                    overrun_ = false;
+                    nextSequence_.clear();
+                }
                 return Result::Empty;
             default:
-                return Result::Lost;
+                overrun_ = true;
+                return Result::Overrun;
             }
         }
         // Programs can send to the group as well; only the kernel is believed.
@@ -178,14 +197,12 @@ Connector::Result Connector::Receive(ConnectorEvent* event)
         {
             continue;
         }
-        if (!IsNext(decoded->Event.cpu, decoded->Sequence))
-        {
-            return Result::Lost;
-        }
+        gap_ = !IsNext(decoded->Event.cpu, decoded->Sequence) || gap_;
         const auto translated = Translate(*decoded);
         if (translated.has_value())
         {
             *event = *translated;
+            event->AfterLoss = std::exchange(gap_, false) && !overrun_;
             return Result::Received;
         }
     }

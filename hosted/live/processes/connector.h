@@ -22,6 +22,7 @@ struct ConnectorEvent
     pid_t Thread;
     pid_t Process;
     pid_t Parent;
+    bool AfterLoss; // the kernel had no memory for events before this one; only /proc can tell what they were
 };
 
 // The kernel queues the event of a fork before the child runs and that of an exec before the new image runs, into the
@@ -34,7 +35,7 @@ public:
     {
         Received,
         Empty,
-        Lost, // some events before this moment are missing, so that only /proc can tell how things stand now
+        Overrun, // events are lost, and none is queued any more until what is queued has been received
     };
 
     // Null where the kernel offers no connector, where it is not allowed, and where it does not tell of this process by
@@ -56,6 +57,8 @@ private:
     bool IsNext(uint32_t processor, uint32_t sequence);
 
     const int socket_;
+    bool overrun_ = false;                                // and not empty since
+    bool gap_ = false;                                    // before the event that is received next
     std::unordered_map<uint32_t, uint32_t> nextSequence_; // by processor
 };
 

@@ -98,29 +98,41 @@ size_t ProcessTracker::LostEvents() const
 }
 
 // What is queued when this is called. An event that was made later was also queued later, so that it is a sign to stop
-// and not to run after events for ever.
+// and not to run after events for ever. After an overrun the queue only gets shorter until it is empty; what /proc says
+// from then on, and what is queued from then on, are the whole truth again.
 void ProcessTracker::Drain()
 {
-    const uint64_t called = MonotonicNow();
-    ConnectorEvent event;
-    while (connector_ != nullptr)
+    if (connector_ == nullptr)
     {
-        switch (connector_->Receive(&event))
+        return;
+    }
+    const uint64_t called = MonotonicNow();
+    bool overrun = false;
+    bool lost = false;
+    ConnectorEvent event{};
+    for (;;)
+    {
+        const Connector::Result result = connector_->Receive(&event);
+        if (result == Connector::Result::Empty)
         {
-        case Connector::Result::Received:
-            processes_->Apply(event);
-            if (event.Time > called)
-            {
-                return;
-            }
             break;
-        case Connector::Result::Empty:
-            return;
-        case Connector::Result::Lost:
-            ++lostEvents_;
-            processes_->Reconcile();
-            return;
         }
+        if (result == Connector::Result::Overrun)
+        {
+            overrun = true;
+            continue;
+        }
+        lost = lost || event.AfterLoss;
+        processes_->Apply(event);
+        if (event.Time > called && !overrun)
+        {
+            break;
+        }
+    }
+    if (overrun || lost)
+    {
+        ++lostEvents_;
+        processes_->Reconcile();
     }
 }
 

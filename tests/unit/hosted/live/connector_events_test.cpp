@@ -32,19 +32,19 @@ protected:
 
     void Fork(pid_t parent, pid_t child, uint64_t time = MonotonicNow())
     {
-        processes_->Apply({Kind::Fork, time, child, child, parent});
+        processes_->Apply({Kind::Fork, time, child, child, parent, false});
     }
     void Thread(pid_t pid, pid_t tid, uint64_t time = MonotonicNow())
     {
-        processes_->Apply({Kind::Fork, time, tid, pid, 0});
+        processes_->Apply({Kind::Fork, time, tid, pid, 0, false});
     }
     void Exec(pid_t pid, uint64_t time = MonotonicNow())
     {
-        processes_->Apply({Kind::Exec, time, pid, pid, 0});
+        processes_->Apply({Kind::Exec, time, pid, pid, 0, false});
     }
     void Exit(pid_t pid, pid_t tid, uint64_t time = MonotonicNow())
     {
-        processes_->Apply({Kind::Exit, time, tid, pid, 0});
+        processes_->Apply({Kind::Exit, time, tid, pid, 0, false});
     }
     void PutEditor(const std::string& image, unsigned long long start = 200, std::vector<pid_t> others = {})
     {
