@@ -81,7 +81,7 @@ TEST_F(FolderCreate, WrongPathsFailAsTheyDoElsewhere)
     EXPECT_EQ(Attempt(L"\\file::$DATA", open), STATUS_OBJECT_NAME_INVALID);
     EXPECT_EQ(Attempt(L"\\dir\\..\\file", open), STATUS_OBJECT_NAME_INVALID);
     EXPECT_EQ(Attempt(L"\\a.", {}), STATUS_OBJECT_NAME_INVALID);
-    EXPECT_EQ(Attempt(L"\\file\\", open), STATUS_NOT_A_DIRECTORY);
+    EXPECT_EQ(Attempt(L"\\file\\", open), STATUS_OBJECT_NAME_INVALID);
     EXPECT_EQ(Attempt(L"\\new\\"), STATUS_OBJECT_NAME_INVALID);
     EXPECT_EQ(Attempt(L"\\dir", {.Disposition = FILE_OPEN, .Options = FILE_NON_DIRECTORY_FILE}),
               STATUS_FILE_IS_A_DIRECTORY);

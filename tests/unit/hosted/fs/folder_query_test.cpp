@@ -115,7 +115,7 @@ TEST_F(FolderQuery, DirectoriesAreListedWithWhatOpenFilesHave)
         QueryDirectory(directory, FileBothDirectoryInformation, true, false, L"", buffer, sizeof(buffer), nullptr),
         STATUS_NO_MORE_FILES);
     EXPECT_EQ(QueryDirectory(directory, FileNamesInformation, true, true, L"none", buffer, sizeof(buffer), nullptr),
-              STATUS_NO_SUCH_FILE);
+              STATUS_NO_MORE_FILES);
     // A restart sees what came since.
     Put("dir/none", "now");
     EXPECT_EQ(QueryDirectory(directory, FileNamesInformation, true, true, L"none", buffer, sizeof(buffer), nullptr),
