@@ -1,0 +1,174 @@
+// The server's life: how it starts and ends, what it keeps, what it refuses.
+#include "tests/live/test/live_volume.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <fstream>
+#include <memory>
+
+namespace
+{
+namespace fs = std::filesystem;
+using live_test::LiveVolume;
+using live_test::Outcome;
+using testing::HasSubstr;
+using testing::Not;
+
+class LiveServer : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        std::string reason;
+        if (!live_test::CanMount(&reason))
+        {
+            GTEST_SKIP() << reason;
+        }
+        volume = std::make_unique<LiveVolume>("", "--registry \"$PWD/registry.reg\"");
+    }
+    void TearDown() override
+    {
+        if (volume && volume->Server() > 0)
+        {
+            EXPECT_EQ(volume->End(), 0) << volume->Log();
+        }
+    }
+
+    std::string Registry() const
+    {
+        std::ifstream file(volume->Folder() / "registry.reg");
+        return {std::istreambuf_iterator<char>(file), {}};
+    }
+    Outcome Outside(const std::string& script) const { return volume->Outside(script, volume->Folder()); }
+
+    std::unique_ptr<LiveVolume> volume;
+};
+
+TEST_F(LiveServer, ProtectionsAreKeptInTheRegistryFile)
+{
+    ASSERT_EQ(Outside("echo mine > mount/notes").Code, 0);
+    ASSERT_EQ(volume->Agent("protect add 1 'S:\\notes'").Code, 0);
+    EXPECT_THAT(Outside("cat mount/notes").Output, HasSubstr("Permission denied"));
+    volume->Remount();
+    // The process that it was for is another one now, so it is for nobody.
+    EXPECT_THAT(Registry(), HasSubstr("\"ProtectionFiles\"=hex(7):"));
+    EXPECT_THAT(Outside("cat mount/notes").Output, HasSubstr("Permission denied"));
+}
+
+// Whatever it was doing when it was killed.
+TEST_F(LiveServer, WhatWasSynchronizedSurvivesAKill)
+{
+    const std::string work = R"(
+        i=0
+        while :; do
+            i=$((i + 1))
+            seq $((i % 997)) > file$((i % 7)); sync file$((i % 7))
+            cp file$((i % 7)) whole$((i % 7)).new; sync whole$((i % 7)).new; mv whole$((i % 7)).new whole$((i % 7))
+            seq 3 >> file$(((i + 3) % 7)); truncate -s -5 file$(((i + 5) % 7)) 2> /dev/null || true
+        done)";
+    for (int round = 0; round < 4; ++round)
+    {
+        ASSERT_EQ(volume->Inside("seq 100000 > before; truncate -s 123457 before; sync before; echo " +
+                                 std::to_string(round) + " > round; sync round; mkfifo -m 600 go 2> /dev/null || true")
+                      .Code,
+            0);
+        // It is killed in the middle of work that says when it has begun, and which ends with the volume.
+        const std::string script = "for n in 0 1 2 3 4 5 6; do seq 5 > file$n; done; n=0\n"
+                                   "(while [ $n -lt " + std::to_string(40 + 37 * round) +
+                                   " ]; do n=$((n + 1)); seq $n > file; sync file; done; kill -9 " +
+                                   std::to_string(volume->Server()) + ") &\n" + work;
+        const Outcome outcome = volume->Inside(script);
+        EXPECT_THAT(outcome.Output, HasSubstr("not connected"));
+        volume->Kill();
+        volume->Start();
+        EXPECT_EQ(volume->Inside("seq 100000 | head -c 123457 | cmp - before || true; cat round").Output,
+            std::to_string(round) + "\n");
+        // Each whole one is a list of numbers from 1 on, as long as it may be.
+        const Outcome whole = volume->Inside("for file in whole? file; do seq $(wc -l < $file) | cmp - $file; done");
+        EXPECT_EQ(whole.Code, 0) << whole.Output;
+    }
+}
+
+TEST_F(LiveServer, OpenFilesEndWithTheServer)
+{
+    // A program that has the volume busy does not hold up the end.
+    const Outcome outcome = Outside("exec 3> mount/open; echo kept >&3; kill " + std::to_string(volume->Server()) +
+                                    "; while [ -e mount/open ]; do :; done; true");
+    EXPECT_EQ(outcome.Code, 0) << outcome.Output;
+    EXPECT_EQ(volume->End(), 0) << volume->Log();
+    EXPECT_EQ(volume->Outside("cat store/open", volume->Folder()).Output, "kept\n");
+}
+
+TEST_F(LiveServer, UnmountingEndsIt)
+{
+    ASSERT_EQ(volume->Inside("echo secret > document").Code, 0);
+    EXPECT_EQ(Outside("fusermount3 -u mount").Code, 0);
+    EXPECT_EQ(volume->End(), 0) << volume->Log();
+    EXPECT_THAT(volume->Log(), HasSubstr("left behind: nothing\n"));
+}
+
+TEST_F(LiveServer, InTheBackgroundItReturnsWhenTheVolumeCanBeUsed)
+{
+    const Outcome outcome = Outside(
+        "mkdir store2 mount2; " TARNHOST " --daemon --store store2 --mount mount2 --socket control2 --log log2 "
+        "--system 10.0; echo text > mount2/file; cat mount2/file; fusermount3 -u mount2; "
+        "while ! grep -q 'left behind' log2; do :; done; grep -o 'left behind: .*' log2; cat store2/file");
+    EXPECT_EQ(outcome.Output, "text\nleft behind: nothing\ntext\n");
+}
+
+TEST_F(LiveServer, WhatItCannotDoItSaysAtOnce)
+{
+    const std::string server = TARNHOST;
+    const auto refuse = [&](const std::string& arguments, int code, const std::string& text)
+    {
+        const Outcome outcome = Outside(server + " " + arguments);
+        EXPECT_EQ(outcome.Code, code) << arguments;
+        EXPECT_THAT(outcome.Output, HasSubstr(text)) << arguments;
+    };
+    fs::create_directory(volume->Folder() / "other");
+    fs::create_directory(volume->Folder() / "place");
+    std::ofstream(volume->Folder() / "broken.sys") << "MZ";
+    std::ofstream(volume->Folder() / "broken.reg") << "nonsense\n";
+    refuse("", 2, "--store");
+    refuse("--store nowhere --mount place", 2, "nowhere: no such folder");
+    refuse("--store other --mount other", 2, "lie within each other");
+    refuse("--store other --mount place --system 5.1", 2, "--system");
+    refuse("--store other --mount place --socket control2 --driver broken.sys", 1, "broken.sys: ");
+    refuse("--store other --mount place --socket control2 --registry broken.reg", 1, "broken.reg");
+    refuse("--store other --mount place --socket control", 1, "control");
+    EXPECT_EQ(Outside("ls place other").Output, "other:\n\nplace:\n");
+}
+
+TEST_F(LiveServer, NamesAreWhatLinuxProgramsExpect)
+{
+    const Outcome outcome = volume->Inside(R"(
+        echo lower > name; echo upper > Name; cat name Name
+        for odd in 'a:b' 'a*b?' '<"|>' 'back\slash' 'end ' 'end.' '...' 'naïve' '日本語' '🙂'; do echo "$odd" > "$odd"; done
+        ls -A | LC_ALL=C sort | tr '\n' '/'; echo
+        for odd in *; do [ -f "$odd" ] && cat "$odd" > /dev/null; done
+        rm -- *
+        touch $'bad\xff' 2>&1 || echo refused
+        touch "$(printf 'x%.0s' $(seq 256))" 2>&1 || echo refused
+        touch "$(printf 'x%.0s' $(seq 255))"; ls | wc -c)");
+    EXPECT_EQ(outcome.Code, 0) << outcome.Output;
+    EXPECT_THAT(outcome.Output, testing::StartsWith("lower\nupper\n"));
+    for (const char* odd : {"/a:b/", "/a*b?/", "/<\"|>/", "/back\\slash/", "/end /", "/end./", "/.../", "/naïve/", "/日本語/", "/🙂/"})
+    {
+        EXPECT_THAT("/" + outcome.Output.substr(12), HasSubstr(odd));
+    }
+    EXPECT_THAT(outcome.Output, HasSubstr("Invalid or incomplete multibyte"));
+    EXPECT_THAT(outcome.Output, HasSubstr("File name too long"));
+    EXPECT_THAT(outcome.Output, testing::EndsWith("refused\n256\n"));
+}
+
+// The kernel's cache must not be asked for what was decided for another program, and the owner's rights hold as well.
+TEST_F(LiveServer, OwnersAndModesCount)
+{
+    EXPECT_EQ(volume->Inside("umask 022; echo x > file; mkdir folder; stat -c '%a %u' file folder; chown 12:34 file; "
+                             "chmod 4755 file; stat -c '%a %u %g' file")
+                  .Output,
+        "644 0\n755 0\n4755 12 34\n");
+}
+}
