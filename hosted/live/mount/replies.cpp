@@ -1,25 +1,26 @@
 #include "hosted/live/mount/replies.h"
 
 #include <cerrno>
+#include <cstring>
 #include <sys/stat.h>
 
 namespace live
 {
 namespace
 {
-// What the volume's names may have, in characters; longer ones are refused by the file system with another status.
+// In bytes, as the store's file system has it; no name has more characters than bytes.
 constexpr size_t LongestName = 255;
 }
 
 int PathOfName(MountState& state, fuse_ino_t parent, const char* name, host::WideString* path, host::WideString* wide)
 {
+    if (std::strlen(name) > LongestName)
+    {
+        return ENAMETOOLONG;
+    }
     if (!host::NameFromHost(name, wide))
     {
         return EILSEQ;
-    }
-    if (wide->size() > LongestName)
-    {
-        return ENAMETOOLONG;
     }
     *path = state.Nodes.PathOf(parent, *wide);
     return path->empty() ? ENOENT : 0;

@@ -190,6 +190,11 @@ class LiveSystem
 public:
     LiveSystem(const LiveOptions& options, const Log& log) : log_(log), machine_(MachineFor(options))
     {
+        if (!options.Image.empty())
+        {
+            // First, since it is what most easily cannot be used.
+            image_.emplace(options.Image);
+        }
         FollowHostClock();
         clock_.emplace(ClockTick, FollowHostClock);
         host::LimitDebugPrints(KeptDebugPrints);
@@ -198,7 +203,7 @@ public:
         sandbox_ = PrepareSandbox(machine_.Registry(), options.Store);
         tracker_.emplace(host::TrackerOptions{
             .ImageName = [mount = options.Mount](const std::string& path) { return ImageName(mount, path); }});
-        Load(options.Image);
+        Load();
         control_.emplace(host::ControlServerOptions{.Path = options.Socket,
                                                     .ProcessOf = [this](pid_t id) { return tracker_->ProcessById(id); },
                                                     .DriverText = options.Image.empty() ? "native" : options.Image,
@@ -239,12 +244,8 @@ private:
         }
     }
 
-    void Load(const std::string& path)
+    void Load()
     {
-        if (!path.empty())
-        {
-            image_.emplace(path);
-        }
         const NTSTATUS status = machine_.LoadDriver(image_ ? image_->Entry() : host::Image::Native);
         if (!NT_SUCCESS(status))
         {

@@ -116,7 +116,7 @@ void LiveVolume::Start()
     {
         throw std::runtime_error("no pipe");
     }
-    const std::string command = "exec " + std::string(TARNHOST) + " --store " + Quoted(Store()) + " --mount " +
+    const std::string command = "cd " + Quoted(folder_) + " && exec " + std::string(TARNHOST) + " --store " + Quoted(Store()) + " --mount " +
                                 Quoted(Mount()) + " --socket " + Quoted(folder_ / "control") +
                                 (image_.empty() ? "" : " --driver " + Quoted(image_)) + " " + options_;
     server_ = fork();

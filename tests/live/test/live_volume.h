@@ -25,7 +25,8 @@ Outcome Shell(const std::string& command, const std::filesystem::path& folder);
 class LiveVolume
 {
 public:
-    // `image`: the driver image; empty: the native driver. `options`: further ones for tarnhost.
+    // `image`: the driver image; empty: the native driver. `options`: further ones for tarnhost, which
+    // runs in that folder.
     explicit LiveVolume(const std::string& image, const std::string& options = {});
     ~LiveVolume();
     LiveVolume(const LiveVolume&) = delete;

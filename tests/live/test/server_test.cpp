@@ -26,7 +26,7 @@ protected:
         {
             GTEST_SKIP() << reason;
         }
-        volume = std::make_unique<LiveVolume>("", "--registry \"$PWD/registry.reg\"");
+        volume = std::make_unique<LiveVolume>("", "--registry registry.reg");
     }
     void TearDown() override
     {
@@ -60,14 +60,14 @@ TEST_F(LiveServer, ProtectionsAreKeptInTheRegistryFile)
 // Whatever it was doing when it was killed.
 TEST_F(LiveServer, WhatWasSynchronizedSurvivesAKill)
 {
-    const std::string work = R"(
+    const std::string work = R"x(
         i=0
         while :; do
             i=$((i + 1))
             seq $((i % 997)) > file$((i % 7)); sync file$((i % 7))
             cp file$((i % 7)) whole$((i % 7)).new; sync whole$((i % 7)).new; mv whole$((i % 7)).new whole$((i % 7))
             seq 3 >> file$(((i + 3) % 7)); truncate -s -5 file$(((i + 5) % 7)) 2> /dev/null || true
-        done)";
+        done)x";
     for (int round = 0; round < 4; ++round)
     {
         ASSERT_EQ(volume->Inside("seq 100000 > before; truncate -s 123457 before; sync before; echo " +
@@ -80,7 +80,7 @@ TEST_F(LiveServer, WhatWasSynchronizedSurvivesAKill)
                                    " ]; do n=$((n + 1)); seq $n > file; sync file; done; kill -9 " +
                                    std::to_string(volume->Server()) + ") &\n" + work;
         const Outcome outcome = volume->Inside(script);
-        EXPECT_THAT(outcome.Output, HasSubstr("not connected"));
+        EXPECT_NE(outcome.Code, 0) << outcome.Output;
         volume->Kill();
         volume->Start();
         EXPECT_EQ(volume->Inside("seq 100000 | head -c 123457 | cmp - before || true; cat round").Output,
@@ -138,12 +138,12 @@ TEST_F(LiveServer, WhatItCannotDoItSaysAtOnce)
     refuse("--store other --mount place --socket control2 --driver broken.sys", 1, "broken.sys: ");
     refuse("--store other --mount place --socket control2 --registry broken.reg", 1, "broken.reg");
     refuse("--store other --mount place --socket control", 1, "control");
-    EXPECT_EQ(Outside("ls place other").Output, "other:\n\nplace:\n");
+    EXPECT_EQ(Outside("ls place").Output, "");
 }
 
 TEST_F(LiveServer, NamesAreWhatLinuxProgramsExpect)
 {
-    const Outcome outcome = volume->Inside(R"(
+    const Outcome outcome = volume->Inside(R"x(
         echo lower > name; echo upper > Name; cat name Name
         for odd in 'a:b' 'a*b?' '<"|>' 'back\slash' 'end ' 'end.' '...' 'naïve' '日本語' '🙂'; do echo "$odd" > "$odd"; done
         ls -A | LC_ALL=C sort | tr '\n' '/'; echo
@@ -151,7 +151,7 @@ TEST_F(LiveServer, NamesAreWhatLinuxProgramsExpect)
         rm -- *
         touch $'bad\xff' 2>&1 || echo refused
         touch "$(printf 'x%.0s' $(seq 256))" 2>&1 || echo refused
-        touch "$(printf 'x%.0s' $(seq 255))"; ls | wc -c)");
+        touch "$(printf 'x%.0s' $(seq 255))"; ls | wc -c)x");
     EXPECT_EQ(outcome.Code, 0) << outcome.Output;
     EXPECT_THAT(outcome.Output, testing::StartsWith("lower\nupper\n"));
     for (const char* odd : {"/a:b/", "/a*b?/", "/<\"|>/", "/back\\slash/", "/end /", "/end./", "/.../", "/naïve/", "/日本語/", "/🙂/"})
