@@ -218,6 +218,17 @@ int FolderStream::Settle()
     return wanted ? Cut(size_) : 0;
 }
 
+NTSTATUS FolderStream::Reserve(LONGLONG offset, LONGLONG length)
+{
+    const int file = Number(true);
+    if (file < 0 || fallocate(file, FALLOC_FL_KEEP_SIZE, offset, length) == 0)
+    {
+        return STATUS_SUCCESS;
+    }
+    // Where the host cannot keep room free, or is interrupted, the write itself will tell.
+    return errno == ENOSPC || errno == EDQUOT || errno == EFBIG ? StatusFromHost(errno) : STATUS_SUCCESS;
+}
+
 NTSTATUS FolderStream::SetSize(LONGLONG size)
 {
     if (journal_ == nullptr)

@@ -46,6 +46,7 @@ public:
     NTSTATUS Write(LONGLONG offset, const void* buffer, ULONG length) override;
     NTSTATUS SetSize(LONGLONG size) override;
     LONGLONG Size() override { return size_; }
+    NTSTATUS Reserve(LONGLONG offset, LONGLONG length) override;
     LONGLONG WriteFirst() const override;
 
 private:

@@ -45,6 +45,8 @@ public:
     // What is added reads as zeros and takes no room. STATUS_DISK_FULL.
     virtual NTSTATUS SetSize(LONGLONG size) = 0;
     virtual LONGLONG Size() = 0;
+    // Makes room for bytes that will be written later and may lie past the size. STATUS_DISK_FULL.
+    virtual NTSTATUS Reserve(LONGLONG, LONGLONG) { return STATUS_SUCCESS; }
     // The offset of a byte whose page has to be written before any page behind it; -1: any order will do.
     virtual LONGLONG WriteFirst() const { return -1; }
 };

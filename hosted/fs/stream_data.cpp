@@ -245,6 +245,13 @@ NTSTATUS StreamFileSystem::Write(FLT_IO_PARAMETER_BLOCK& operation, ULONG_PTR* i
 }
 
 // Main lock held.
+NTSTATUS StreamFileSystem::ReserveRoom(ControlBlock& block, LONGLONG begin, LONGLONG end)
+{
+    std::lock_guard inner(block.Inner);
+    return block.Discarded ? STATUS_FILE_DELETED : block.Data->Reserve(begin, end - begin);
+}
+
+// Main lock held.
 NTSTATUS StreamFileSystem::WriteCached(
     ControlBlock& block, LONGLONG offset, ULONG length, const void* data, ULONG_PTR* information)
 {
@@ -252,7 +259,9 @@ NTSTATUS StreamFileSystem::WriteCached(
     NTSTATUS status = STATUS_SUCCESS;
     if (offset + length > oldSize)
     {
-        status = Resize(block, offset + length, true);
+        // While the writer can still be told that there is no room.
+        status = ReserveRoom(block, std::max(offset, oldSize), offset + length);
+        status = NT_SUCCESS(status) ? Resize(block, offset + length, true) : status;
     }
     if (!NT_SUCCESS(status))
     {

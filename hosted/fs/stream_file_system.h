@@ -164,6 +164,7 @@ private:
     NTSTATUS WriteNonCached(
         ControlBlock& block, LONGLONG offset, ULONG length, const void* data, ULONG_PTR* information);
     NTSTATUS WriteStore(ControlBlock& block, LONGLONG offset, ULONG length, const void* data);
+    NTSTATUS ReserveRoom(ControlBlock& block, LONGLONG begin, LONGLONG end);
     NTSTATUS WriteCached(ControlBlock& block, LONGLONG offset, ULONG length, const void* data, ULONG_PTR* information);
     bool IsSectorAligned(LONGLONG offset, ULONG length) const;
 

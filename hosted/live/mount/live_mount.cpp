@@ -4,11 +4,15 @@
 #include "hosted/live/mount/operations.h"
 
 #include <cerrno>
+#include <chrono>
+#include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
+#include <thread>
+#include <vector>
 #include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -19,6 +23,8 @@ namespace
 {
 constexpr unsigned LargestTransfer = 1 << 20;
 constexpr unsigned Threads = 16;
+constexpr int WakeSignal = SIGUSR1;
+constexpr std::chrono::milliseconds WakeInterval(10);
 constexpr unsigned BackgroundRequests = 64;
 constexpr char LargestReadAhead[] = "1024\n"; // KiB
 
@@ -151,13 +157,56 @@ LiveMount::~LiveMount()
     state_.Handles.Clear();
 }
 
+// libfuse has a loop of its own with several threads, but it ends them by cancellation, which leaves no thread the time
+// to give back what it has.
 void LiveMount::Serve()
 {
-    fuse_loop_config* config = fuse_loop_cfg_create();
-    fuse_loop_cfg_set_max_threads(config, Threads);
-    fuse_loop_cfg_set_idle_threads(config, Threads);
-    fuse_session_loop_mt(session_, config);
-    fuse_loop_cfg_destroy(config);
+    struct sigaction wake = {};
+    wake.sa_handler = [](int) {};
+    sigaction(WakeSignal, &wake, nullptr);
+    std::vector<std::thread> threads;
+    for (unsigned i = 0; i < Threads; ++i)
+    {
+        threads.emplace_back([this] { ServeRequests(); });
+    }
+    std::unique_lock lock(mutex_);
+    changed_.wait(lock, [this] { return ended_ != 0 || fuse_session_exited(session_) != 0; });
+    // A signal wakes only threads that wait already, so it is sent until all have noticed.
+    while (!changed_.wait_for(lock, WakeInterval, [this] { return ended_ == Threads; }))
+    {
+        for (std::thread& thread : threads)
+        {
+            pthread_kill(thread.native_handle(), WakeSignal);
+        }
+    }
+    lock.unlock();
+    for (std::thread& thread : threads)
+    {
+        thread.join();
+    }
+}
+
+void LiveMount::ServeRequests()
+{
+    fuse_buf buffer = {};
+    while (fuse_session_exited(session_) == 0)
+    {
+        const int size = fuse_session_receive_buf(session_, &buffer);
+        if (size > 0)
+        {
+            fuse_session_process_buf(session_, &buffer);
+        }
+        else if (size != -EINTR)
+        {
+            break;
+        }
+    }
+    std::free(buffer.mem);
+    // The first that sees the end tells the others.
+    fuse_session_exit(session_);
+    const std::lock_guard guard(mutex_);
+    ++ended_;
+    changed_.notify_all();
 }
 
 void LiveMount::End()
@@ -169,5 +218,7 @@ void LiveMount::End()
     }
     Unmount(folder_);
     fuse_session_exit(session_);
+    const std::lock_guard guard(mutex_);
+    changed_.notify_all();
 }
 }

@@ -3,7 +3,8 @@
 
 #include "hosted/live/mount/mount_state.h"
 
-#include <memory>
+#include <condition_variable>
+#include <mutex>
 #include <string>
 
 struct fuse_session;
@@ -27,8 +28,13 @@ public:
     void End();
 
 private:
+    void ServeRequests();
+
     MountState& state_;
     const std::string folder_;
     fuse_session* session_ = nullptr;
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    unsigned ended_ = 0; // threads; guarded by mutex_
 };
 }

@@ -212,6 +212,10 @@ Outcome LiveVolume::Outside(const std::string& script, const fs::path& folder) c
 
 int LiveVolume::End()
 {
+    if (server_ <= 0)
+    {
+        return -1;
+    }
     kill(server_, SIGTERM);
     int status = 0;
     waitpid(std::exchange(server_, -1), &status, 0);
@@ -221,6 +225,10 @@ int LiveVolume::End()
 
 void LiveVolume::Kill()
 {
+    if (server_ <= 0)
+    {
+        return;
+    }
     kill(server_, SIGKILL);
     waitpid(std::exchange(server_, -1), nullptr, 0);
     collector_.join();

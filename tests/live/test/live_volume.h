@@ -52,7 +52,8 @@ public:
     // The agent's command line for scripts.
     std::string AgentCommand() const;
 
-    // Ends the server, as an administrator does; its exit code, which is not 0 when something was left behind. Start brings it back with the same store.
+    // Ends the server, as an administrator does; its exit code, which is not 0 when something was left behind
+    // or it does not run. Start brings it back with the same store.
     int End();
     void Start();
     // Ends it at once, with nothing flushed, and takes the dead mount away.

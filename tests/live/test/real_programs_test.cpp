@@ -155,7 +155,7 @@ END
      "c/file hard names targets attributes"},
     {"Endures", R"x(
         stress-ng --temp-path . --quiet --timeout 4 --hdd 1 --hdd-bytes 8m --fallocate 1 --fallocate-bytes 4m --rename 1 --link 1 --dentry 1 --dentries 200 --seek 1 --utime 1 --mmap 1 --mmap-bytes 4m --mmap-file --verify
-        ls -A | grep -v '^stress' > left || true)x",
+        ls -A | grep -v -e '^stress' -e '^left' > left || true)x",
      "left"},
 };
 

@@ -118,6 +118,23 @@ TEST_F(LiveServer, InTheBackgroundItReturnsWhenTheVolumeCanBeUsed)
     EXPECT_EQ(outcome.Output, "text\nleft behind: nothing\ntext\n");
 }
 
+TEST_F(LiveServer, AFullStoreIsToldToTheWriter)
+{
+    if (Outside("mkdir full mount3; mount -t tmpfs -o size=8m none full").Code != 0)
+    {
+        GTEST_SKIP() << "no file system of its own can be mounted here";
+    }
+    const Outcome outcome = Outside(
+        TARNHOST " --daemon --store full --mount mount3 --socket control3 --log log3\n"
+        "echo before > mount3/small\n"
+        "dd if=/dev/zero of=mount3/big bs=1M count=20 conv=fsync 2>&1 | grep -o 'No space left on device'\n"
+        "rm mount3/big; echo after >> mount3/small; cat mount3/small\n"
+        "fusermount3 -u mount3; while ! grep -q 'left behind' log3; do :; done; grep -o 'left behind: .*' log3\n"
+        "cat full/small");
+    EXPECT_EQ(outcome.Output, "No space left on device\nbefore\nafter\nleft behind: nothing\nbefore\nafter\n");
+    Outside("umount full");
+}
+
 TEST_F(LiveServer, WhatItCannotDoItSaysAtOnce)
 {
     const std::string server = TARNHOST;
