@@ -69,8 +69,8 @@ NTSTATUS MappedWrite(CacheMap* map, LONGLONG offset, const void* buffer, ULONG l
 // no cache map lock held, by every cached operation.
 void TrimCache();
 // Writes the dirty pages of every stream, as the system's lazy writer does from time to time. Streams whose pages
-// cannot be written keep them. Called with no lock held.
-void LazyWrite();
+// cannot be written keep them. Streams with fewer dirty pages than `least` are left for later. Called with no lock held.
+void LazyWrite(ULONG least = 1);
 // Bytes held by the page cache at present, and at most since the last reset.
 SIZE_T CachedBytes();
 SIZE_T PeakCachedBytes();

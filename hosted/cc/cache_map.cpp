@@ -245,10 +245,14 @@ void TrimCache()
     }
 }
 
-void LazyWrite()
+void LazyWrite(ULONG least)
 {
     for (const std::shared_ptr<CacheMap>& map : RegisteredMaps())
     {
+        if (map->DirtyPages < least)
+        {
+            continue;
+        }
         CacheMapGuard guard(*map);
         if (!map->Deleted)
         {

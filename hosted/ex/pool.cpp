@@ -89,7 +89,10 @@ extern "C" PVOID NTAPI ExAllocatePoolWithTag(POOL_TYPE PoolType, SIZE_T NumberOf
     record.Tag = Tag;
     record.Type = type;
     bool zeroed = (static_cast<int>(PoolType) & POOL_ZERO_ALLOCATION) != 0 && Model().ZeroesPool;
-    memset(record.Block.Address, zeroed ? 0 : PoolFreshByte, NumberOfBytes);
+    if (zeroed || Model().WatchedPool)
+    {
+        memset(record.Block.Address, zeroed ? 0 : PoolFreshByte, NumberOfBytes);
+    }
     AddPoolRecord(record);
     return record.Block.Address;
 }
@@ -123,5 +126,5 @@ extern "C" void NTAPI ExFreePoolWithTag(PVOID P, ULONG Tag)
     {
         FreeOfUnknown(P);
     }
-    RetirePoolBlock(record.Block);
+    Model().WatchedPool ? RetirePoolBlock(record.Block) : FreePoolBlock(record.Block);
 }

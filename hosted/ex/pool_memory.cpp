@@ -76,19 +76,19 @@ bool AllBytes(const UCHAR* bytes, SIZE_T count, UCHAR value)
 
 void Discard(const PoolBlock& block)
 {
-    if (block.Mapping != nullptr)
+    if (block.Mapping == nullptr)
     {
-        munmap(block.Mapping, block.MappedBytes);
-        return;
-    }
-    if constexpr (OwnChecks)
-    {
+        if (!OwnChecks)
+        {
+            // Given back already; the sanitizer keeps it from use.
+            return;
+        }
         if (!AllBytes(block.Address, block.Size, PoolFreedByte))
         {
             BugCheck("pool-written-after-free", "%llu bytes at %p", block.Size, static_cast<void*>(block.Address));
         }
-        free(block.Address);
     }
+    FreePoolBlock(block);
 }
 }
 
@@ -142,6 +142,16 @@ void RetirePoolBlock(const PoolBlock& block)
         quarantine.Bytes -= oldest.Size;
         Discard(oldest);
     }
+}
+
+void FreePoolBlock(const PoolBlock& block)
+{
+    if (block.Mapping != nullptr)
+    {
+        munmap(block.Mapping, block.MappedBytes);
+        return;
+    }
+    free(block.Address);
 }
 
 bool WasPoolBlockRetired(const void* address)

@@ -27,6 +27,9 @@ bool PoolBlockIntact(const PoolBlock& block);
 // turns out to have been written since.
 void RetirePoolBlock(const PoolBlock& block);
 
+// Gives the memory back at once.
+void FreePoolBlock(const PoolBlock& block);
+
 // Whether a block that starts there was freed a short while ago.
 bool WasPoolBlockRetired(const void* address);
 }

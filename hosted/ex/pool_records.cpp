@@ -2,6 +2,7 @@
 
 #include "hosted/ex/pool.h"
 #include "hosted/ke/bug_check.h"
+#include "hosted/ke/system_model.h"
 
 #include <algorithm>
 #include <atomic>
@@ -86,7 +87,8 @@ TagText::TagText(ULONG tag)
 void AddPoolRecord(PoolRecord record)
 {
     PoolState& pool = Pool();
-    record.FrameCount = pool.Stacks.load(std::memory_order_relaxed) ? backtrace(record.Frames, record.MostFrames) : 0;
+    const bool withStack = Model().WatchedPool && pool.Stacks.load(std::memory_order_relaxed);
+    record.FrameCount = withStack ? backtrace(record.Frames, record.MostFrames) : 0;
     std::lock_guard lock(pool.Lock);
     pool.Live[Key(record.Block.Address)] = record;
     pool.Bytes += record.Block.Size;

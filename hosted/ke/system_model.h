@@ -14,6 +14,9 @@ struct SystemModel
     bool ZeroesPool = false;
     // Each pool allocation stands against an unmapped page.
     bool GuardedPool = false;
+    // Pool is filled when it is given out and when it comes back, kept from use for a while, and each allocation knows
+    // its stack. Without, allocations cost what they cost elsewhere; their count and tags are still kept.
+    bool WatchedPool = true;
     // Bytes of kernel stack that IoGetStackLimits lets the caller see below its own frame; 0 means plenty.
     ULONG StackBytesLeft = 0;
     // The level at which post-operation callbacks of paging and non-cached I/O run.

@@ -3,6 +3,7 @@
 #include "hosted/live/mount/init_reply.h"
 #include "hosted/live/mount/operations.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -22,7 +23,9 @@ namespace live
 namespace
 {
 constexpr unsigned LargestTransfer = 1 << 20;
-constexpr unsigned Threads = 16;
+// Enough that one may wait for the disk; more would only wait for each other.
+constexpr unsigned FewestThreads = 4;
+constexpr unsigned MostThreads = 16;
 constexpr int WakeSignal = SIGUSR1;
 constexpr std::chrono::milliseconds WakeInterval(10);
 constexpr unsigned BackgroundRequests = 64;
@@ -164,15 +167,16 @@ void LiveMount::Serve()
     struct sigaction wake = {};
     wake.sa_handler = [](int) {};
     sigaction(WakeSignal, &wake, nullptr);
+    const unsigned count = std::clamp(2 * std::thread::hardware_concurrency(), FewestThreads, MostThreads);
     std::vector<std::thread> threads;
-    for (unsigned i = 0; i < Threads; ++i)
+    for (unsigned i = 0; i < count; ++i)
     {
         threads.emplace_back([this] { ServeRequests(); });
     }
     std::unique_lock lock(mutex_);
     changed_.wait(lock, [this] { return ended_ != 0 || fuse_session_exited(session_) != 0; });
     // A signal wakes only threads that wait already, so it is sent until all have noticed.
-    while (!changed_.wait_for(lock, WakeInterval, [this] { return ended_ == Threads; }))
+    while (!changed_.wait_for(lock, WakeInterval, [&] { return ended_ == count; }))
     {
         for (std::thread& thread : threads)
         {

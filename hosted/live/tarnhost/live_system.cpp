@@ -14,7 +14,7 @@
 #include "hosted/machine/native_image.h"
 #include "hosted/rtl/debug_print.h"
 
-#include <atomic>
+#include <algorithm>
 #include <csignal>
 #include <filesystem>
 #include <optional>
@@ -35,17 +35,28 @@ constexpr host::WideView LiveVolume = L"\\Device\\HarddiskVolume2";
 constexpr host::WideView SandboxValue = L"SandboxPath";
 // List items and headers, so that a dump says something.
 constexpr ULONG DebugLogLevel = 0x00004100;
-constexpr SIZE_T CacheBytes = 256ull << 20;
+constexpr SIZE_T MostCacheBytes = 1ull << 30;
+constexpr SIZE_T MemoryPerCache = 8;
 constexpr size_t KeptDebugPrints = 1000;
 // About as often as a system of this kind moves its clock and writes what lies in its cache.
 constexpr auto ClockTick = 15ms;
 constexpr auto LazyWriteInterval = 1s;
+constexpr auto WriteBehindInterval = 20ms;
+constexpr ULONG ManyDirtyPages = 1024;
+
+// A part of the machine's memory: the kernel above keeps pages as well.
+SIZE_T CacheLimit()
+{
+    const SIZE_T memory = static_cast<SIZE_T>(sysconf(_SC_PHYS_PAGES)) * static_cast<SIZE_T>(sysconf(_SC_PAGESIZE));
+    return std::min(memory / MemoryPerCache, MostCacheBytes);
+}
 
 host::MachineOptions MachineFor(const LiveOptions& options)
 {
     host::MachineOptions machine;
     machine.System = options.System;
-    machine.System.CacheLimitBytes = CacheBytes;
+    machine.System.CacheLimitBytes = CacheLimit();
+    machine.System.WatchedPool = false;
     host::VolumeOptions system;
     system.DeviceName = SystemVolume;
     system.DosName = L"C:";
@@ -208,7 +219,9 @@ public:
                                                     .ProcessOf = [this](pid_t id) { return tracker_->ProcessById(id); },
                                                     .DriverText = options.Image.empty() ? "native" : options.Image,
                                                     .Volumes = VolumeTexts(options)});
-        lazyWriter_.emplace(LazyWriteInterval, host::LazyWrite);
+        lazyWriter_.emplace(LazyWriteInterval, [] { host::LazyWrite(); });
+        // What is written in a stream goes to the store meanwhile, not all at once when it is synchronized.
+        writeBehind_.emplace(WriteBehindInterval, [] { host::LazyWrite(ManyDirtyPages); });
     }
 
     const host::WideString& Sandbox() const { return sandbox_; }
@@ -219,6 +232,7 @@ public:
     {
         control_.reset();
         lazyWriter_.reset();
+        writeBehind_.reset();
         tracker_.reset();
         machine_.FlushAll();
         const NTSTATUS status = machine_.UnloadDriver();
@@ -262,6 +276,7 @@ private:
     std::optional<host::ProcessTracker> tracker_;
     std::optional<host::ControlServer> control_;
     std::optional<RepeatedTask> lazyWriter_;
+    std::optional<RepeatedTask> writeBehind_;
 };
 }
 

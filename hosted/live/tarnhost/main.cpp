@@ -10,6 +10,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <iostream>
+#include <malloc.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -18,6 +19,7 @@ namespace
 namespace fs = std::filesystem;
 
 constexpr int Failed = 1;
+constexpr int LargestKeptBlock = 32 << 20;
 constexpr int WrongUse = 2;
 
 struct Arguments
@@ -170,6 +172,11 @@ int RunInBackground(const live::LiveOptions& options)
 
 int main(int count, char** words)
 {
+    // Buffers of a transfer come and go by the thousand; memory that went back to the host in between costs a fault for
+    // each page.
+    mallopt(M_MMAP_THRESHOLD, LargestKeptBlock);
+    mallopt(M_TRIM_THRESHOLD, LargestKeptBlock);
+
     // Before there is any other thread: a thread of its own waits for these.
     sigset_t signals;
     sigemptyset(&signals);

@@ -137,6 +137,19 @@ TEST_F(PageCache, FailedPagingIsReportedAndLosesNothing)
     EXPECT_EQ(OnDisk(L"\\a").substr(0, 5), "keptf");
 }
 
+TEST_F(PageCache, TheLazyWriterCanLeaveStreamsWithFewDirtyPages)
+{
+    PFILE_OBJECT file = Open(L"\\a");
+    Write(file, 0, std::string(2 * PAGE_SIZE, 'x'));
+    Files->TakePaging();
+    LazyWrite(3);
+    EXPECT_EQ(Files->TakePaging(), Paging{});
+    EXPECT_TRUE(CacheHasDirtyPages(CacheMapOf(file)));
+    LazyWrite(2);
+    EXPECT_EQ(Files->TakePaging(), (Paging{{true, 0, 2 * PAGE_SIZE, 2 * PAGE_SIZE}}));
+    CloseFile(file);
+}
+
 TEST_F(PageCache, TheLimitHolds)
 {
     Model().CacheLimitBytes = 4 * CacheViewBytes;

@@ -129,6 +129,20 @@ TEST_P(Pool, StacksCanBeLeftOut)
     Free(block);
 }
 
+TEST_P(Pool, UnwatchedItCountsAndFreesAllTheSame)
+{
+    Model().WatchedPool = false;
+    UCHAR* zeroed = Allocate(100, ZeroedPool);
+    UCHAR* block = Allocate(100);
+    EXPECT_EQ(LivePoolAllocations(), 2u);
+    EXPECT_EQ(DescribeLivePool().find("_test"), std::string::npos) << "no stacks";
+    block[99] = 1;
+    Free(zeroed);
+    Free(block);
+    EXPECT_EQ(LivePoolAllocations(), 0u);
+    EXPECT_FALSE(WasPoolBlockRetired(block));
+}
+
 TEST_P(Pool, KnowsItsAddresses)
 {
     UCHAR* block = Allocate(32);
