@@ -4,7 +4,7 @@
 # Ends the log, the volume and what belongs to them, whatever has been started so far.
 end_live_volume()
 {
-    [ -z "${log_reader-}" ] || kill -INT "$log_reader" 2>/dev/null || true
+    [ -z "${log_reader-}" ] || kill "$log_reader" 2>/dev/null || true
     [ -z "${log_reader-}" ] || wait "$log_reader" 2>/dev/null || true
     fusermount3 -u "$live/mount" 2>/dev/null || fusermount3 -u -z "$live/mount" 2>/dev/null || true
     # The server says in its log when it is done.
@@ -55,16 +55,16 @@ run_live()
     trap end_live_volume EXIT
     start_live_volume "$1" || return 1
     cat <<END
-You are inside the sandbox: this shell is a child of $live/launch, a monitored parent.
+You are inside the sandbox: this shell is a child of build/live/launch, a monitored parent.
   here      echo secret > plan.txt; cat plan.txt; git, tar, python3, sqlite3: whatever you like
   disk      xxd ../../store/Sandbox/plan.txt    (after a sync: what the driver made of it)
-  outside   in another terminal: cat $live/mount/Sandbox/plan.txt    (refused)
+  outside   in another terminal: cat build/live/mount/Sandbox/plan.txt    (refused)
   driver    tarnctl status; tarnctl dump; tarnctl encryption off
 Leave with "exit": everything is taken down, and what was refused is printed.
 END
     cat > "$live/rc" <<END
 [ ! -f ~/.bashrc ] || . ~/.bashrc
-PS1='(inside) \w \$ '
+PS1='(inside) \W \$ '
 PATH='$top/build/release':\$PATH
 export TARNVEIL_SOCKET='$live/control'
 cd '$live/mount/Sandbox'
