@@ -245,6 +245,22 @@ void TrimCache()
     }
 }
 
+SIZE_T DiscardDirtyPages()
+{
+    SIZE_T lost = 0;
+    for (const std::shared_ptr<CacheMap>& map : RegisteredMaps())
+    {
+        CacheMapGuard guard(*map);
+        lost += SIZE_T{map->DirtyPages} * PAGE_SIZE;
+        for (auto& [index, view] : map->Views)
+        {
+            view->Valid &= ~view->Dirty;
+            ClearDirty(*map, *view, view->Dirty);
+        }
+    }
+    return lost;
+}
+
 void LazyWrite(ULONG least)
 {
     for (const std::shared_ptr<CacheMap>& map : RegisteredMaps())

@@ -64,6 +64,29 @@ NTSTATUS List(PFILE_OBJECT directory, std::vector<DirectoryEntry>* entries)
         TakeEntries(reinterpret_cast<const UCHAR*>(buffer.get()), entries);
     }
 }
+
+// As many entries as the answer has room for.
+NTSTATUS Fill(fuse_req_t request, OpenHandle& handle, off_t offset, std::vector<char>* answer, size_t* used)
+{
+    const std::lock_guard guard(handle.Lock);
+    const NTSTATUS status = offset == 0 ? List(handle.File.Get(), &handle.Entries) : STATUS_SUCCESS;
+    for (size_t next = static_cast<size_t>(offset); NT_SUCCESS(status) && next < handle.Entries.size(); ++next)
+    {
+        const DirectoryEntry& entry = handle.Entries[next];
+        struct stat info = {};
+        info.st_ino = entry.Inode;
+        info.st_mode = entry.Type;
+        const size_t room = answer->size() - *used;
+        const size_t needed = fuse_add_direntry(
+            request, answer->data() + *used, room, entry.Name.c_str(), &info, static_cast<off_t>(next + 1));
+        if (needed > room)
+        {
+            break;
+        }
+        *used += needed;
+    }
+    return status;
+}
 }
 
 void OpenDirectory(fuse_req_t request, fuse_ino_t node, fuse_file_info* info)
@@ -94,32 +117,14 @@ void OpenDirectory(fuse_req_t request, fuse_ino_t node, fuse_file_info* info)
 
 void ReadDirectory(fuse_req_t request, fuse_ino_t, size_t size, off_t offset, fuse_file_info* info)
 {
-    OpenHandle& handle = *HandleOf(info);
-    const std::lock_guard guard(handle.Lock);
-    if (offset == 0)
-    {
-        const NTSTATUS status = List(handle.File.Get(), &handle.Entries);
-        if (!NT_SUCCESS(status))
-        {
-            ReplyStatus(request, status);
-            return;
-        }
-    }
     std::vector<char> answer(size);
     size_t used = 0;
-    for (size_t next = static_cast<size_t>(offset); next < handle.Entries.size(); ++next)
+    const NTSTATUS status = Fill(request, *HandleOf(info), offset, &answer, &used);
+    // With the answer the program may let go of the handle, and another thread with it.
+    if (!NT_SUCCESS(status))
     {
-        const DirectoryEntry& entry = handle.Entries[next];
-        struct stat info = {};
-        info.st_ino = entry.Inode;
-        info.st_mode = entry.Type;
-        const size_t needed = fuse_add_direntry(request, answer.data() + used, size - used, entry.Name.c_str(), &info,
-            static_cast<off_t>(next + 1));
-        if (needed > size - used)
-        {
-            break;
-        }
-        used += needed;
+        ReplyStatus(request, status);
+        return;
     }
     fuse_reply_buf(request, answer.data(), used);
 }

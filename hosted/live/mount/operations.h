@@ -1,4 +1,5 @@
-// The requests of the host's kernel, by kind. Each answers its request exactly once.
+// The requests of the host's kernel, by kind. Each answers its request exactly once, and uses no handle of the request
+// after that: the program may have closed it by then.
 #pragma once
 
 #include "hosted/live/mount/fuse_api.h"

@@ -235,6 +235,11 @@ public:
         writeBehind_.reset();
         tracker_.reset();
         machine_.FlushAll();
+        const SIZE_T lost = host::DiscardDirtyPages();
+        if (lost != 0)
+        {
+            log_.Say("lost: %llu bytes that the store did not take", static_cast<unsigned long long>(lost));
+        }
         const NTSTATUS status = machine_.UnloadDriver();
         log_.Say("driver unloaded: status 0x%08x", static_cast<unsigned>(status));
         registry_.reset();
@@ -242,7 +247,7 @@ public:
         const std::string leaks = machine_.Leaks();
         log_.Say("left behind: %s", leaks.empty() ? "nothing" : leaks.c_str());
         host::EchoDebugPrints(nullptr);
-        return NT_SUCCESS(status) && leaks.empty();
+        return NT_SUCCESS(status) && leaks.empty() && lost == 0;
     }
 
 private:

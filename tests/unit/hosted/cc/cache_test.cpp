@@ -150,6 +150,20 @@ TEST_F(PageCache, TheLazyWriterCanLeaveStreamsWithFewDirtyPages)
     CloseFile(file);
 }
 
+TEST_F(PageCache, WhatTheStoreDoesNotTakeCanBeGivenUp)
+{
+    PFILE_OBJECT file = Open(L"\\a");
+    Write(file, 0, std::string(PAGE_SIZE + 1, 'x'));
+    Files->FailWrites = true;
+    CloseFile(file);
+    LazyWrite();
+    EXPECT_GT(CachedBytes(), 0u);
+    EXPECT_EQ(DiscardDirtyPages(), SIZE_T{2 * PAGE_SIZE});
+    EXPECT_EQ(CachedBytes(), 0u);
+    EXPECT_EQ(DiscardDirtyPages(), SIZE_T{0});
+    Files->FailWrites = false;
+}
+
 TEST_F(PageCache, TheLimitHolds)
 {
     Model().CacheLimitBytes = 4 * CacheViewBytes;
