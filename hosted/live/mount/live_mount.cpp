@@ -130,7 +130,8 @@ void Unmount(const std::string& folder)
 
 LiveMount::LiveMount(MountState& state, const std::string& folder) : state_(state), folder_(folder)
 {
-    std::string options = "default_permissions,fsname=tarnhost,subtype=tarnhost,max_read=" + std::to_string(LargestTransfer);
+    std::string options =
+        "default_permissions,fsname=tarnhost,subtype=tarnhost,max_read=" + std::to_string(LargestTransfer);
     if (geteuid() == 0)
     {
         options += ",allow_other";

@@ -29,7 +29,8 @@ void NodeTable::TakeAway(NodeId parent, host::WideView name)
 {
     if (const std::shared_ptr<Node> node = FindAt(parent, name))
     {
-        std::erase_if(node->Places, [&](const Place& place) { return place.Directory->Id == parent && place.Name == name; });
+        std::erase_if(node->Places,
+            [&](const Place& place) { return place.Directory->Id == parent && place.Name == name; });
     }
     byName_.erase({parent, host::WideString(name)});
 }
@@ -56,7 +57,8 @@ NodeId NodeTable::Enter(NodeId parent, host::WideView name, const struct stat& i
         node->Key = key;
         byId_.emplace(node->Id, node);
     }
-    const bool there = !node->Places.empty() && node->Places.back().Directory->Id == parent && node->Places.back().Name == name;
+    const bool there = !node->Places.empty() && node->Places.back().Directory->Id == parent &&
+                       node->Places.back().Name == name;
     if (!there)
     {
         Put(node, parent, name);

@@ -65,7 +65,8 @@ struct OpenHandle
     OpenedFile File;   // cached
     OpenedFile Direct; // non-cached as well, when it was opened with O_DIRECT
     std::mutex Lock;
-    std::vector<DirectoryEntry> Entries; // of a directory, as they were when it was read from its start; guarded by Lock
+    // Of a directory, as they were when it was read from its start; guarded by Lock.
+    std::vector<DirectoryEntry> Entries;
 };
 
 // Thread-safe.

@@ -6,7 +6,8 @@ namespace
 {
 bool IsInside(host::WideView folder, host::WideView path)
 {
-    return !folder.empty() && path.size() >= folder.size() && host::EqualNoCase(path.substr(0, folder.size()), folder) &&
+    return !folder.empty() && path.size() >= folder.size() &&
+           host::EqualNoCase(path.substr(0, folder.size()), folder) &&
            (path.size() == folder.size() || path[folder.size()] == L'\\');
 }
 }

@@ -22,7 +22,7 @@ struct LiveOptions
 
 // Runs until the volume is unmounted or one of SIGTERM, SIGINT and SIGHUP arrives, which the caller has blocked before
 // it started any thread. `ready` is called once programs can use the volume. Throws std::runtime_error when it cannot
-// start. False: something was left behind when the driver was unloaded, or the store did not take all that was written; the
-// log says what.
+// start. False: something was left behind when the driver was unloaded, or the store did not take all that was
+// written; the log says what.
 bool RunLiveSystem(const LiveOptions& options, const std::function<void()>& ready);
 }

@@ -36,13 +36,14 @@ struct Arguments
 
 void Describe(CLI::App& app, Arguments& arguments)
 {
-    app.description("Serves a folder of this machine with the driver in between: programs see plain files under the mount "
-                    "point, the store holds what the driver makes of them.");
+    app.description("Serves a folder of this machine with the driver in between: programs see plain files under the "
+                    "mount point, the store holds what the driver makes of them.");
     app.footer("Examples:\n"
                "  tarnhost --store ~/store --mount ~/sandbox\n"
-               "  tarnhost --store ~/store --mount ~/sandbox --driver build/windows/Tarnveil.sys --registry box.reg --daemon\n"
+               "  tarnhost --store ~/store --mount ~/sandbox --driver Tarnveil.sys --registry box.reg --daemon\n"
                "  fusermount3 -u ~/sandbox        ends it\n"
-               "Exit code 0: ended with nothing left over; 1: it could not start, or something was left; 2: wrong use.");
+               "Exit code 0: ended with nothing left over; 1: it could not start, or something was left; 2: wrong "
+               "use.");
     app.add_option("--store", arguments.Store, "Folder that holds the volume's files")->required();
     app.add_option("--mount", arguments.Mount, "Empty folder under which programs see them")->required();
     app.add_option("--driver", arguments.Driver, "\"native\", or a driver image")->capture_default_str();

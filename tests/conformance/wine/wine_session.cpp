@@ -46,7 +46,8 @@ std::string Shell(const std::string& command)
 std::string Wine(const fs::path& prefix, const std::string& arguments)
 {
     return "WINEPREFIX='" + prefix.string() + "' WINEDEBUG='" + Channels +
-           "' WINEDLLOVERRIDES='mscoree,mshtml,winemenubuilder.exe=' timeout -k 5 180 " + Loader + " " + arguments + " 2>&1 < /dev/null";
+           "' WINEDLLOVERRIDES='mscoree,mshtml,winemenubuilder.exe=' timeout -k 5 180 " + Loader + " " + arguments +
+           " 2>&1 < /dev/null";
 }
 
 // A debugger text stands behind "PROCESS:CHANNEL:vDbgPrintExWithPrefix COMPONENT:LEVEL: ".

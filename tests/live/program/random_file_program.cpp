@@ -181,8 +181,9 @@ private:
     void Truncate()
     {
         // Often near the end, where blocks and pages are cut.
+        const bool near = Number(2) == 0 && !model_.empty();
         const size_t size =
-            Number(2) == 0 && !model_.empty() ? model_.size() - Number(std::min<size_t>(model_.size(), 100)) : Number(LargestFile);
+            near ? model_.size() - Number(std::min<size_t>(model_.size(), 100)) : Number(LargestFile);
         Check(ftruncate(file_, static_cast<off_t>(size)), "ftruncate");
         model_.resize(size);
     }
@@ -220,7 +221,8 @@ private:
             [this](char* mapped)
             {
                 const size_t offset = Number(model_.size());
-                const std::vector<char> bytes = RandomBytes(std::min(1 + Number(LargestTransfer), model_.size() - offset));
+                const std::vector<char> bytes =
+                    RandomBytes(std::min(1 + Number(LargestTransfer), model_.size() - offset));
                 std::copy(bytes.begin(), bytes.end(), mapped + offset);
                 std::copy(bytes.begin(), bytes.end(), model_.begin() + static_cast<std::ptrdiff_t>(offset));
             });

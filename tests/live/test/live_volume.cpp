@@ -116,8 +116,8 @@ void LiveVolume::Start()
     {
         throw std::runtime_error("no pipe");
     }
-    const std::string command = "cd " + Quoted(folder_) + " && exec " + std::string(TARNHOST) + " --store " + Quoted(Store()) + " --mount " +
-                                Quoted(Mount()) + " --socket " + Quoted(folder_ / "control") +
+    const std::string command = "cd " + Quoted(folder_) + " && exec " + std::string(TARNHOST) + " --store " +
+                                Quoted(Store()) + " --mount " + Quoted(Mount()) + " --socket " + Quoted(folder_ / "control") +
                                 (image_.empty() ? "" : " --driver " + Quoted(image_)) + " " + options_;
     server_ = fork();
     if (server_ == 0)

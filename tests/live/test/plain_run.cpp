@@ -50,7 +50,8 @@ size_t CommonAround(std::string_view left, size_t leftAt, std::string_view right
         ++before;
     }
     size_t after = 0;
-    while (leftAt + after < left.size() && rightAt + after < right.size() && left[leftAt + after] == right[rightAt + after])
+    while (leftAt + after < left.size() && rightAt + after < right.size() &&
+           left[leftAt + after] == right[rightAt + after])
     {
         ++after;
     }

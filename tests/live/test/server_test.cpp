@@ -171,7 +171,8 @@ TEST_F(LiveServer, NamesAreWhatLinuxProgramsExpect)
         touch "$(printf 'x%.0s' $(seq 255))"; ls | wc -c)x");
     EXPECT_EQ(outcome.Code, 0) << outcome.Output;
     EXPECT_THAT(outcome.Output, testing::StartsWith("lower\nupper\n"));
-    for (const char* odd : {"/a:b/", "/a*b?/", "/<\"|>/", "/back\\slash/", "/end /", "/end./", "/.../", "/naïve/", "/日本語/", "/🙂/"})
+    for (const char* odd : {"/a:b/", "/a*b?/", "/<\"|>/", "/back\\slash/", "/end /", "/end./", "/.../", "/naïve/",
+                            "/日本語/", "/🙂/"})
     {
         EXPECT_THAT("/" + outcome.Output.substr(12), HasSubstr(odd));
     }
