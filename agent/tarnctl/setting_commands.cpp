@@ -38,6 +38,29 @@ void AnswerRemoved(Session& session, std::uint32_t id)
     session.Answer("id " + std::to_string(id) + " is no setting any more", JsonObject().Number("removed", id));
 }
 
+struct Removal
+{
+    const char* About;
+    std::string Example;
+    void (*Request)(DriverClient& driver, std::uint32_t id);
+};
+
+void AddRemoveCommand(CLI::App& group, Session& session, const Removal& removal)
+{
+    const auto id = std::make_shared<std::uint32_t>();
+    CLI::App* remove = AddCommand(group, "remove", removal.About, {removal.Example});
+    AddNumber(*remove, "ID", MostId, [id](std::uint64_t value) { *id = static_cast<std::uint32_t>(value); },
+              "As the add answered")
+        ->required();
+    AddJsonFlag(*remove, session);
+    remove->callback([&session, id, request = removal.Request] {
+        session.Action = [&session, id, request] {
+            request(session.Driver(), *id);
+            AnswerRemoved(session, *id);
+        };
+    });
+}
+
 void AddSettingGroup(CLI::App& program, Session& session, const SettingGroup& setting)
 {
     const std::string name = setting.Name;
@@ -58,20 +81,9 @@ void AddSettingGroup(CLI::App& program, Session& session, const SettingGroup& se
         };
     });
 
-    const auto id = std::make_shared<std::uint32_t>();
-    CLI::App* remove = AddCommand(*group, "remove",
-                                  "Removes a setting by its id, with the processes that are monitored because of it",
-                                  {name + " remove 0"});
-    AddNumber(*remove, "ID", MostId, [id](std::uint64_t value) { *id = static_cast<std::uint32_t>(value); },
-              "As the add answered")
-        ->required();
-    AddJsonFlag(*remove, session);
-    remove->callback([&session, id] {
-        session.Action = [&session, id] {
-            session.Driver().RemoveSetting(*id);
-            AnswerRemoved(session, *id);
-        };
-    });
+    AddRemoveCommand(*group, session,
+                     {"Removes a setting by its id, with the processes that are monitored because of it",
+                      name + " remove 0", [](DriverClient& driver, std::uint32_t id) { driver.RemoveSetting(id); }});
 }
 
 void AddProtectGroup(CLI::App& program, Session& session)
@@ -101,21 +113,9 @@ void AddProtectGroup(CLI::App& program, Session& session)
         };
     });
 
-    const auto id = std::make_shared<std::uint32_t>();
-    CLI::App* remove = AddCommand(*group, "remove",
-                                  "Takes back one process by the pair's id; the file stays protected until the driver "
-                                  "is unloaded",
-                                  {"protect remove 3"});
-    AddNumber(*remove, "ID", MostId, [id](std::uint64_t value) { *id = static_cast<std::uint32_t>(value); },
-              "As the add answered")
-        ->required();
-    AddJsonFlag(*remove, session);
-    remove->callback([&session, id] {
-        session.Action = [&session, id] {
-            session.Driver().RemoveProtection(*id);
-            AnswerRemoved(session, *id);
-        };
-    });
+    AddRemoveCommand(*group, session,
+                     {"Takes back one process by the pair's id; the file stays protected until the driver is unloaded",
+                      "protect remove 3", [](DriverClient& driver, std::uint32_t id) { driver.RemoveProtection(id); }});
 }
 }
 

@@ -9,29 +9,15 @@ namespace host
 {
 namespace
 {
-struct CopyRequest
-{
-    void* To;
-    const void* From;
-    SIZE_T Length;
-};
-
 // One side may be user memory: a fault there ends the copy with its status.
 NTSTATUS CopyBytes(void* to, const void* from, SIZE_T length, bool user)
 {
-    CopyRequest request{to, from, length};
-    if (!user)
+    if (user)
     {
-        RtlCopyMemory(to, from, length);
-        return STATUS_SUCCESS;
+        return GuardedCopy(to, from, length);
     }
-    return GuardedCall(
-        [](void* context)
-        {
-            auto* wanted = static_cast<CopyRequest*>(context);
-            RtlCopyMemory(wanted->To, wanted->From, wanted->Length);
-        },
-        &request);
+    RtlCopyMemory(to, from, length);
+    return STATUS_SUCCESS;
 }
 
 // The part of a transfer that lies in one view.

@@ -19,19 +19,13 @@ constexpr Alias Aliases[] = {
     {L"HKCU", L"\\Registry\\User\\.Default"},
     {L"HKU", L"\\Registry\\User"},
 };
-
-bool IsBelow(WideView path, WideView above)
-{
-    return path.size() >= above.size() && EqualNoCase(path.substr(0, above.size()), above) &&
-           (path.size() == above.size() || path[above.size()] == L'\\');
-}
 }
 
 WideString FromPredefinedKey(WideView path)
 {
     for (const Alias& alias : Aliases)
     {
-        if (IsBelow(path, alias.Predefined))
+        if (IsAtOrBelow(path, alias.Predefined))
         {
             return WideString(alias.Path).append(path.substr(alias.Predefined.size()));
         }
@@ -43,7 +37,7 @@ WideString ToPredefinedKey(WideView path)
 {
     for (const Alias& alias : Aliases)
     {
-        if (IsBelow(path, alias.Path))
+        if (IsAtOrBelow(path, alias.Path))
         {
             return WideString(alias.Predefined).append(path.substr(alias.Path.size()));
         }

@@ -89,9 +89,9 @@ extern "C" PVOID NTAPI ExAllocatePoolWithTag(POOL_TYPE PoolType, SIZE_T NumberOf
     record.Tag = Tag;
     record.Type = type;
     bool zeroed = (static_cast<int>(PoolType) & POOL_ZERO_ALLOCATION) != 0 && Model().ZeroesPool;
-    if (zeroed || Model().WatchedPool)
+    if (zeroed)
     {
-        memset(record.Block.Address, zeroed ? 0 : PoolFreshByte, NumberOfBytes);
+        memset(record.Block.Address, 0, NumberOfBytes);
     }
     AddPoolRecord(record);
     return record.Block.Address;

@@ -13,8 +13,8 @@ SIZE_T LivePoolBytes();
 SIZE_T PeakPoolBytes();
 void ResetPeakPoolBytes();
 
-// One line per tag, "Tarv: 2 allocations, 1176 bytes", then each allocation with the calls that made it. Empty when
-// nothing is allocated.
+// One line per tag, "Tarv: 2 allocations, 1176 bytes", then each allocation with the calls that made it (known
+// where the model watches its pool). Empty when nothing is allocated.
 std::string DescribeLivePool();
 
 // Whether the address lies inside a live allocation.
@@ -22,7 +22,4 @@ bool IsPoolAddress(const void* address);
 
 // Size in bytes of the live allocation that starts there; bug check when none does.
 SIZE_T PoolAllocationSize(const void* address);
-
-// Recording the calls costs more than the allocation itself; measurements turn it off. On at first.
-void RecordPoolStacks(bool record);
 }

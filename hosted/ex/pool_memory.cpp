@@ -1,6 +1,7 @@
 #include "hosted/ex/pool_memory.h"
 
 #include "hosted/ke/bug_check.h"
+#include "hosted/ke/system_model.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -107,6 +108,10 @@ PoolBlock AllocatePoolBlock(SIZE_T size, SIZE_T alignment, bool guarded)
             BugCheck("pool-host-memory", "%llu bytes cannot be allocated", size);
         }
         block.Address = static_cast<UCHAR*>(memory);
+    }
+    if (Model().WatchedPool)
+    {
+        memset(block.Address, PoolFreshByte, size);
     }
     memset(block.Address + size, SlackByte, SlackOf(block));
     return block;

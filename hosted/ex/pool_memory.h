@@ -16,8 +16,8 @@ struct PoolBlock
     SIZE_T MappedBytes;
 };
 
-// Uninitialised contents. `guarded`: the block ends against an inaccessible page (but for the rounding to the
-// alignment of 16 bytes, which is watched by a pattern). Never fails.
+// Filled with PoolFreshByte where the model watches its pool. `guarded`: the block ends against an inaccessible page
+// (but for the rounding to the alignment of 16 bytes, which is watched by a pattern). Never fails.
 PoolBlock AllocatePoolBlock(SIZE_T size, SIZE_T alignment, bool guarded);
 
 // False when bytes behind the block that nobody owns were written.

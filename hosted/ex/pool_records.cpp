@@ -5,7 +5,6 @@
 #include "hosted/ke/system_model.h"
 
 #include <algorithm>
-#include <atomic>
 #include <cctype>
 #include <cstdio>
 #include <cstdlib>
@@ -30,7 +29,6 @@ struct PoolState
     std::map<ULONG_PTR, PoolRecord> Live;
     SIZE_T Bytes = 0;
     SIZE_T Peak = 0;
-    std::atomic<bool> Stacks{true};
 };
 
 PoolState& Pool()
@@ -87,8 +85,7 @@ TagText::TagText(ULONG tag)
 void AddPoolRecord(PoolRecord record)
 {
     PoolState& pool = Pool();
-    const bool withStack = Model().WatchedPool && pool.Stacks.load(std::memory_order_relaxed);
-    record.FrameCount = withStack ? backtrace(record.Frames, record.MostFrames) : 0;
+    record.FrameCount = Model().WatchedPool ? backtrace(record.Frames, record.MostFrames) : 0;
     std::lock_guard lock(pool.Lock);
     pool.Live[Key(record.Block.Address)] = record;
     pool.Bytes += record.Block.Size;
@@ -194,10 +191,5 @@ SIZE_T PoolAllocationSize(const void* address)
         BugCheck("pool-not-allocated", "no allocation starts at %p", address);
     }
     return record.Block.Size;
-}
-
-void RecordPoolStacks(bool record)
-{
-    Pool().Stacks.store(record, std::memory_order_relaxed);
 }
 }

@@ -63,25 +63,13 @@ bool Matches(const WideString& pattern, const ScannedEntry& entry)
     return MatchesQuery(pattern, entry.Name) || (!entry.ShortName.empty() && MatchesQuery(pattern, entry.ShortName));
 }
 
-struct CopyRequest
-{
-    void* To;
-    const std::string* From;
-};
-
 NTSTATUS CopyOut(void* to, const std::string& from)
 {
-    CopyRequest request{to, &from};
-    const auto copy = [](void* context)
-    {
-        auto* wanted = static_cast<CopyRequest*>(context);
-        std::memcpy(wanted->To, wanted->From->data(), wanted->From->size());
-    };
     if (IsUserAddress(to))
     {
-        return GuardedCall(copy, &request);
+        return GuardedCopy(to, from.data(), from.size());
     }
-    copy(&request);
+    std::memcpy(to, from.data(), from.size());
     return STATUS_SUCCESS;
 }
 }

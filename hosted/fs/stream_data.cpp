@@ -14,25 +14,6 @@ namespace
 // User memory is not touched while locks are held that a fault would leave behind, nor handed to the store.
 constexpr ULONG BounceBytes = 1 << 20;
 
-struct CopyRequest
-{
-    void* To;
-    const void* From;
-    SIZE_T Length;
-};
-
-NTSTATUS GuardedCopy(void* to, const void* from, SIZE_T length)
-{
-    CopyRequest request{to, from, length};
-    return GuardedCall(
-        [](void* context)
-        {
-            auto* wanted = static_cast<CopyRequest*>(context);
-            RtlCopyMemory(wanted->To, wanted->From, wanted->Length);
-        },
-        &request);
-}
-
 void* DataAddress(PMDL mdl, void* buffer)
 {
     return mdl != nullptr ? MdlSystemAddress(mdl) : buffer;

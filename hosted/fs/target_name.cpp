@@ -7,20 +7,13 @@ namespace
 {
 constexpr WideView NtPrefix = L"\\??\\";
 
-bool StartsWithNoCase(WideView text, WideView prefix)
-{
-    return text.size() >= prefix.size() && EqualNoCase(text.substr(0, prefix.size()), prefix);
-}
-
 // Cuts "\??\C:" or "\Device\HarddiskVolume1" off a path on this volume; another volume's path is not touched.
 WideView PathOnVolume(const Volume& volume, WideView path)
 {
     const WideString drive = WideString(NtPrefix) + volume.DosName;
     for (WideView prefix : {WideView(drive), WideView(volume.DeviceName)})
     {
-        const bool whole = prefix.size() > NtPrefix.size() && StartsWithNoCase(path, prefix) &&
-                           path.size() > prefix.size() && path[prefix.size()] == L'\\';
-        if (whole)
+        if (prefix.size() > NtPrefix.size() && path.size() > prefix.size() && IsAtOrBelow(path, prefix))
         {
             return path.substr(prefix.size());
         }

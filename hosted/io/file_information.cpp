@@ -12,26 +12,6 @@ namespace host
 {
 namespace
 {
-// Between the caller's buffer, which may fault, and the request's own copy.
-struct Copy
-{
-    void* To;
-    const void* From;
-    size_t Bytes;
-};
-
-NTSTATUS GuardedCopy(void* to, const void* from, size_t bytes)
-{
-    Copy copy{to, from, bytes};
-    return GuardedCall(
-        [](void* context)
-        {
-            const auto* copy = static_cast<const Copy*>(context);
-            std::memcpy(copy->To, copy->From, copy->Bytes);
-        },
-        &copy);
-}
-
 ACCESS_MASK AccessToSet(FILE_INFORMATION_CLASS kind)
 {
     switch (kind)

@@ -80,18 +80,7 @@ NTSTATUS CopyOut(const Completion& completion, ULONG outputLength)
         BugCheck("BUFFERED_INFORMATION_TOO_LARGE", "%llu bytes reported for an output buffer of %u", count,
                  outputLength);
     }
-    struct Copy
-    {
-        void* To;
-        const void* From;
-        SIZE_T Count;
-    } copy{completion.UserBuffer, completion.SystemBuffer, count};
-    const NTSTATUS status = GuardedCall(
-        [](void* context) {
-            auto* bytes = static_cast<Copy*>(context);
-            __builtin_memcpy(bytes->To, bytes->From, bytes->Count);
-        },
-        &copy);
+    const NTSTATUS status = GuardedCopy(completion.UserBuffer, completion.SystemBuffer, count);
     return NT_SUCCESS(status) ? completion.Status.Status : status;
 }
 }
@@ -103,7 +92,6 @@ void* AllocateIoPool(SIZE_T bytes, ULONG tag)
     record.Block = AllocatePoolBlock(bytes, alignment, Model().GuardedPool);
     record.Tag = tag;
     record.Type = NonPagedPool;
-    __builtin_memset(record.Block.Address, PoolFreshByte, bytes);
     AddPoolRecord(record);
     return record.Block.Address;
 }

@@ -175,6 +175,23 @@ NTSTATUS GuardedCall(void (*body)(void* context), void* context)
     return guard.Status;
 }
 
+NTSTATUS GuardedCopy(void* to, const void* from, SIZE_T bytes)
+{
+    struct Copy
+    {
+        void* To;
+        const void* From;
+        SIZE_T Bytes;
+    } copy{to, from, bytes};
+    return GuardedCall(
+        [](void* context)
+        {
+            const auto* wanted = static_cast<const Copy*>(context);
+            RtlCopyMemory(wanted->To, wanted->From, wanted->Bytes);
+        },
+        &copy);
+}
+
 bool InGuardedCall()
 {
     return currentGuard != nullptr || CalledByImage();

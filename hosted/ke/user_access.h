@@ -35,6 +35,8 @@ bool IsUserAddress(const volatile void* address);
 // body and becomes the result; a fault elsewhere goes on to the ordinary signal action (a crash, with a report).
 // The body must hold nothing that needs destruction; what it holds through WithTermination is given back. Nests.
 NTSTATUS GuardedCall(void (*body)(void* context), void* context);
+// A copy that may read or write user memory, as one such call; the status is that of the fault that ended it.
+NTSTATUS GuardedCopy(void* to, const void* from, SIZE_T bytes);
 // Whether the calling thread is inside one, or was called by an image, which may have a handler.
 bool InGuardedCall();
 

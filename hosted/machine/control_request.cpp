@@ -1,6 +1,7 @@
 // One request to the control device, with the buffers that a program might hand in.
 #include "hosted/io/device_control.h"
 #include "hosted/io/file.h"
+#include "hosted/machine/control_device.h"
 #include "hosted/machine/control_client.h"
 #include "hosted/machine/program_state.h"
 
@@ -10,17 +11,6 @@ namespace host
 {
 namespace
 {
-constexpr WideView ControlDevicePath = L"\\??\\Tarnveil";
-
-NTSTATUS OpenControlDevice(PFILE_OBJECT* file)
-{
-    OpenRequest request;
-    request.Path = ControlDevicePath;
-    request.DesiredAccess = FILE_READ_DATA | FILE_WRITE_DATA | SYNCHRONIZE;
-    request.Options = FILE_SYNCHRONOUS_IO_NONALERT | FILE_NON_DIRECTORY_FILE;
-    return OpenFile(request, file);
-}
-
 // The output buffer that the options ask for, and what of it can be read afterwards.
 class RequestOutput
 {

@@ -7,6 +7,7 @@
 #include "hosted/ke/failure_injection.h"
 #include "hosted/ke/system_time.h"
 #include "hosted/machine/boot.h"
+#include "hosted/machine/control_device.h"
 #include "hosted/machine/disk_access.h"
 #include "hosted/machine/program_state.h"
 #include "hosted/ob/name_space.h"
@@ -24,7 +25,6 @@ namespace host
 namespace
 {
 constexpr WideView DriverName = L"\\FileSystem\\Tarnveil";
-constexpr WideView ControlLink = L"\\??\\Tarnveil";
 
 void StopOnLeaks(const std::string& leaks)
 {
@@ -126,7 +126,7 @@ void Machine::AbandonDriver()
         host::UnloadWithoutFilter();
     }
     ResetNotifyRoutines();
-    RemoveSymbolicLink(ControlLink);
+    RemoveSymbolicLink(ControlDevicePath);
     while (driver_->DeviceObject != nullptr)
     {
         IoDeleteDevice(driver_->DeviceObject);

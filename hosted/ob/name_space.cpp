@@ -32,18 +32,12 @@ NameTable& Table()
     return table;
 }
 
-bool StartsWithComponent(WideView path, WideView prefix)
-{
-    return path.size() >= prefix.size() && EqualNoCase(path.substr(0, prefix.size()), prefix) &&
-           (path.size() == prefix.size() || path[prefix.size()] == L'\\');
-}
-
 // The one spelling of the directory of links.
 WideString Normalise(WideView path)
 {
     for (WideView other : {WideView(L"\\DosDevices"), WideView(L"\\GLOBAL??")})
     {
-        if (StartsWithComponent(path, other))
+        if (IsAtOrBelow(path, other))
         {
             return WideString(LinkDirectory).append(path.substr(other.size()));
         }
@@ -120,7 +114,7 @@ bool IsDirectory(const NameTable& table, WideView path)
     }
     WideString below = WideString(path) + L'\\';
     auto after = table.Names.lower_bound(below);
-    return after != table.Names.end() && StartsWithComponent(after->first, path);
+    return after != table.Names.end() && IsAtOrBelow(after->first, path);
 }
 
 // Why a path without a named object in it was not found.

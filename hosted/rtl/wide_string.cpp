@@ -156,6 +156,12 @@ bool EqualNoCase(WideView left, WideView right)
     return true;
 }
 
+bool IsAtOrBelow(WideView path, WideView folder)
+{
+    return path.size() >= folder.size() && EqualNoCase(path.substr(0, folder.size()), folder) &&
+           (path.size() == folder.size() || path[folder.size()] == L'\\');
+}
+
 bool LessNoCase::operator()(WideView left, WideView right) const
 {
     size_t common = left.size() < right.size() ? left.size() : right.size();

@@ -89,6 +89,8 @@ UNICODE_STRING Counted(WideView text);
 // Folding with the system's upcase table.
 WideString Upcase(WideView text);
 bool EqualNoCase(WideView left, WideView right);
+// Whether the path, a backslash before each component, is that of the folder or of something inside it.
+bool IsAtOrBelow(WideView path, WideView folder);
 // A strict weak order for containers keyed by names that ignore case.
 struct LessNoCase
 {

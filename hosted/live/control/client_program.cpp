@@ -2,6 +2,7 @@
 
 #include "hosted/io/device_control.h"
 #include "hosted/io/file.h"
+#include "hosted/machine/control_device.h"
 
 #include <sys/eventfd.h>
 
@@ -9,19 +10,9 @@ namespace host
 {
 namespace
 {
-constexpr WideView ControlDevicePath = L"\\??\\Tarnveil";
 constexpr WideView DebugMailslotPath = L"\\Device\\Mailslot\\OrvaneSandbox_Dbg";
 // Longer than the longest line and short enough for a message of the socket.
 constexpr ULONG MostMailslotBytes = 256 * 1024;
-
-NTSTATUS OpenControlDevice(PFILE_OBJECT* file)
-{
-    OpenRequest request;
-    request.Path = ControlDevicePath;
-    request.DesiredAccess = FILE_READ_DATA | FILE_WRITE_DATA | SYNCHRONIZE;
-    request.Options = FILE_SYNCHRONOUS_IO_NONALERT | FILE_NON_DIRECTORY_FILE;
-    return OpenFile(request, file);
-}
 }
 
 ClientProgram::ClientProgram(Process* process, UserBuffers& buffers) : process_(process), buffers_(buffers)

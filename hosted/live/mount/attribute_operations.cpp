@@ -41,11 +41,12 @@ int Owner(PFILE_OBJECT file, const struct stat& wanted, int which)
 }
 
 // 0 or the errno value.
-int Change(PFILE_OBJECT file, const struct stat& wanted, int which)
+int Change(fuse_req_t request, PFILE_OBJECT file, const struct stat& wanted, int which)
 {
     int error = 0;
     if ((which & FUSE_SET_ATTR_SIZE) != 0)
     {
+        DropPowers(request, file);
         error = ErrorFromStatus(host::SetEndOfFile(file, wanted.st_size));
     }
     if (error == 0 && (which & (FUSE_SET_ATTR_UID | FUSE_SET_ATTR_GID)) != 0)
@@ -68,77 +69,40 @@ int Change(PFILE_OBJECT file, const struct stat& wanted, int which)
 
 void GetAttributes(fuse_req_t request, fuse_ino_t node, fuse_file_info* info)
 {
-    if (info != nullptr)
-    {
-        ReplyAttributes(request, HandleOf(info)->File.Get());
-        return;
-    }
-    const Requester requester(request);
-    if (!requester)
-    {
-        fuse_reply_err(request, EACCES);
-        return;
-    }
-    const NodeFile file(
-        StateOf(request), node, {.Access = FILE_READ_ATTRIBUTES, .Options = FILE_OPEN_REPARSE_POINT});
-    if (!file)
-    {
-        ReplyStatus(request, file.Status());
-        return;
-    }
-    ReplyAttributes(request, file.Get());
+    WithFile(request, node, LookAt, info,
+        [&](PFILE_OBJECT file)
+        {
+            ReplyAttributes(request, file);
+            return 0;
+        });
 }
 
 void SetAttributes(fuse_req_t request, fuse_ino_t node, struct stat* wanted, int which, fuse_file_info* info)
 {
-    const Requester requester(request);
-    int error = requester ? 0 : EACCES;
-    if (error == 0 && info != nullptr)
-    {
-        const PFILE_OBJECT file = HandleOf(info)->File.Get();
-        error = Change(file, *wanted, which);
-        if (error == 0)
+    WithFile(request, node, {.Access = AccessToSet(which), .Options = FILE_OPEN_REPARSE_POINT}, info,
+        [&](PFILE_OBJECT file)
         {
-            ReplyAttributes(request, file);
-            return;
-        }
-    }
-    else if (error == 0)
-    {
-        const NodeFile file(
-            StateOf(request), node, {.Access = AccessToSet(which), .Options = FILE_OPEN_REPARSE_POINT});
-        error = file ? Change(file.Get(), *wanted, which) : ErrorFromStatus(file.Status());
-        if (error == 0)
-        {
-            ReplyAttributes(request, file.Get());
-            return;
-        }
-    }
-    fuse_reply_err(request, error);
+            const int error = Change(request, file, *wanted, which);
+            if (error == 0)
+            {
+                ReplyAttributes(request, file);
+            }
+            return error;
+        });
 }
 
 void GetVolumeStatistics(fuse_req_t request, fuse_ino_t node)
 {
-    const Requester requester(request);
-    if (!requester)
-    {
-        fuse_reply_err(request, EACCES);
-        return;
-    }
-    const NodeFile file(
-        StateOf(request), node, {.Access = FILE_READ_ATTRIBUTES, .Options = FILE_OPEN_REPARSE_POINT});
-    struct statvfs statistics = {};
-    if (!file)
-    {
-        ReplyStatus(request, file.Status());
-    }
-    else if (fstatvfs(host::FolderDescriptor(file.Get()), &statistics) != 0)
-    {
-        fuse_reply_err(request, errno);
-    }
-    else
-    {
-        fuse_reply_statfs(request, &statistics);
-    }
+    WithFile(request, node, LookAt, nullptr,
+        [&](PFILE_OBJECT file)
+        {
+            struct statvfs statistics = {};
+            if (fstatvfs(host::FolderDescriptor(file), &statistics) != 0)
+            {
+                return errno;
+            }
+            fuse_reply_statfs(request, &statistics);
+            return 0;
+        });
 }
 }

@@ -91,28 +91,21 @@ NTSTATUS Fill(fuse_req_t request, OpenHandle& handle, off_t offset, std::vector<
 
 void OpenDirectory(fuse_req_t request, fuse_ino_t node, fuse_file_info* info)
 {
-    MountState& state = StateOf(request);
-    const Requester requester(request);
-    if (!requester)
-    {
-        fuse_reply_err(request, EACCES);
-        return;
-    }
-    auto handle = std::make_unique<OpenHandle>();
-    handle->Node = node;
-    handle->File = OpenedFile(state.Nodes.PathOf(node),
-        {.Access = FILE_LIST_DIRECTORY | Traverse | FILE_READ_ATTRIBUTES, .Options = FILE_DIRECTORY_FILE});
-    if (!handle->File)
-    {
-        ReplyStatus(request, handle->File.Status());
-        return;
-    }
-    OpenHandle* added = state.Handles.Add(std::move(handle));
-    info->fh = reinterpret_cast<uint64_t>(added);
-    if (fuse_reply_open(request, info) != 0)
-    {
-        state.Handles.Remove(added);
-    }
+    AsRequester(request,
+        [&]
+        {
+            MountState& state = StateOf(request);
+            auto handle = std::make_unique<OpenHandle>();
+            handle->Node = node;
+            handle->File = OpenedFile(state.Nodes.PathOf(node),
+                {.Access = FILE_LIST_DIRECTORY | Traverse | FILE_READ_ATTRIBUTES, .Options = FILE_DIRECTORY_FILE});
+            if (!handle->File)
+            {
+                return ErrorFromStatus(handle->File.Status());
+            }
+            HandOver(state, std::move(handle), info, [&] { return fuse_reply_open(request, info); });
+            return 0;
+        });
 }
 
 void ReadDirectory(fuse_req_t request, fuse_ino_t, size_t size, off_t offset, fuse_file_info* info)

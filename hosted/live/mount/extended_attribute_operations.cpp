@@ -25,22 +25,12 @@ int CheckName(fuse_req_t request, std::string_view name)
     return name.starts_with("trusted.") && fuse_req_ctx(request)->uid != 0 ? EPERM : 0;
 }
 
-// Runs `use` on the path of an opened file; it answers the request when it gives 0.
+// use(path of the open file), as WithFile.
 template <class Use>
-void WithFile(fuse_req_t request, fuse_ino_t node, ACCESS_MASK access, Use&& use)
+void WithAttributes(fuse_req_t request, fuse_ino_t node, ACCESS_MASK access, Use&& use)
 {
-    const Requester requester(request);
-    int error = requester ? 0 : EACCES;
-    if (error == 0)
-    {
-        const NodeFile file(
-            StateOf(request), node, {.Access = access | FILE_READ_ATTRIBUTES, .Options = FILE_OPEN_REPARSE_POINT});
-        error = file ? use(DescriptorPath(file.Get())) : ErrorFromStatus(file.Status());
-    }
-    if (error != 0)
-    {
-        fuse_reply_err(request, error);
-    }
+    WithFile(request, node, {.Access = access | FILE_READ_ATTRIBUTES, .Options = FILE_OPEN_REPARSE_POINT}, nullptr,
+        [&](PFILE_OBJECT file) { return use(DescriptorPath(file)); });
 }
 
 std::vector<char> WithoutReserved(const std::vector<char>& names)
@@ -103,7 +93,7 @@ void SetExtended(fuse_req_t request, fuse_ino_t node, const char* name, const ch
         fuse_reply_err(request, error);
         return;
     }
-    WithFile(request, node, WriteExtendedAttributes,
+    WithAttributes(request, node, WriteExtendedAttributes,
         [&](const std::string& path)
         {
             if (setxattr(path.c_str(), name, value, size, flags) != 0)
@@ -122,7 +112,7 @@ void GetExtended(fuse_req_t request, fuse_ino_t node, const char* name, size_t s
         fuse_reply_err(request, error == EOPNOTSUPP ? ENODATA : error);
         return;
     }
-    WithFile(request, node, ReadExtendedAttributes,
+    WithAttributes(request, node, ReadExtendedAttributes,
         [&](const std::string& path)
         {
             std::vector<char> value;
@@ -134,7 +124,7 @@ void GetExtended(fuse_req_t request, fuse_ino_t node, const char* name, size_t s
 
 void ListExtended(fuse_req_t request, fuse_ino_t node, size_t size)
 {
-    WithFile(request, node, ReadExtendedAttributes,
+    WithAttributes(request, node, ReadExtendedAttributes,
         [&](const std::string& path)
         {
             std::vector<char> names;
@@ -150,7 +140,7 @@ void RemoveExtended(fuse_req_t request, fuse_ino_t node, const char* name)
         fuse_reply_err(request, error);
         return;
     }
-    WithFile(request, node, WriteExtendedAttributes,
+    WithAttributes(request, node, WriteExtendedAttributes,
         [&](const std::string& path)
         {
             if (removexattr(path.c_str(), name) != 0)

@@ -22,14 +22,9 @@ ACCESS_MASK AccessFor(int flags)
 {
     constexpr ACCESS_MASK Always = FILE_READ_ATTRIBUTES | ReadExtendedAttributes;
     constexpr ACCESS_MASK Changing = FILE_WRITE_DATA | FILE_WRITE_ATTRIBUTES;
-    switch (flags & O_ACCMODE)
-    {
-    case O_RDONLY:
-        return Always | FILE_READ_DATA;
-    default:
-        // The kernel's page cache reads the rest of a page that a program writes a part of.
-        return Always | FILE_READ_DATA | Changing;
-    }
+    // The kernel's page cache reads the rest of a page that a program writes a part of.
+    const bool changes = (flags & O_ACCMODE) != O_RDONLY;
+    return Always | FILE_READ_DATA | (changes ? Changing : 0);
 }
 
 ULONG DispositionFor(int flags)
@@ -66,33 +61,12 @@ NTSTATUS OpenHandleFiles(const host::WideString& path, int flags, const host::Fo
     return handle->Direct.Status();
 }
 
-void SetAnswerFlags(fuse_file_info* info)
-{
-    // The pages that the host's kernel holds of the file are those that this volume would give: every change comes
-    // through it.
-    info->keep_cache = 1;
-    info->noflush = 0;
-}
-
 // The file object that a transfer is to use.
 PFILE_OBJECT FileFor(OpenHandle& handle, const fuse_file_info* info, off_t offset, size_t size)
 {
     const bool direct = handle.Direct && (info->flags & O_DIRECT) != 0 && !info->writepage &&
                         offset % SectorBytes == 0 && size % SectorBytes == 0;
     return direct ? handle.Direct.Get() : handle.File.Get();
-}
-
-// Whoever may write a program's file but is not trusted with its powers takes them away by writing. What the kernel's
-// page cache writes later was judged when it was written there.
-void DropPowers(fuse_req_t request, PFILE_OBJECT file)
-{
-    constexpr mode_t Powers = S_ISUID | S_ISGID;
-    struct stat info = {};
-    if (fuse_req_ctx(request)->uid != 0 && host::FolderStat(file, &info) == 0 && (info.st_mode & Powers) != 0)
-    {
-        const bool locksOnly = (info.st_mode & S_IXGRP) == 0;
-        chmod(DescriptorPath(file).c_str(), info.st_mode & 07777 & ~(locksOnly ? S_ISUID : Powers));
-    }
 }
 
 // A filter that enciphers takes a non-cached write for one of as much as the file holds at that moment, and what goes
@@ -155,63 +129,58 @@ NTSTATUS Reserve(PFILE_OBJECT file, int mode, LONGLONG offset, LONGLONG length)
 
 void Open(fuse_req_t request, fuse_ino_t node, fuse_file_info* info)
 {
-    MountState& state = StateOf(request);
-    const Requester requester(request);
-    if (!requester)
-    {
-        fuse_reply_err(request, EACCES);
-        return;
-    }
-    auto handle = std::make_unique<OpenHandle>();
-    handle->Node = node;
-    const NTSTATUS status = OpenHandleFiles(state.Nodes.PathOf(node), info->flags & ~O_CREAT, nullptr, handle.get());
-    if (!NT_SUCCESS(status))
-    {
-        ReplyStatus(request, status);
-        return;
-    }
-    SetAnswerFlags(info);
-    OpenHandle* added = state.Handles.Add(std::move(handle));
-    info->fh = reinterpret_cast<uint64_t>(added);
-    if (fuse_reply_open(request, info) != 0)
-    {
-        state.Handles.Remove(added);
-    }
+    AsRequester(request,
+        [&]
+        {
+            MountState& state = StateOf(request);
+            auto handle = std::make_unique<OpenHandle>();
+            handle->Node = node;
+            const NTSTATUS status =
+                OpenHandleFiles(state.Nodes.PathOf(node), info->flags & ~O_CREAT, nullptr, handle.get());
+            if (!NT_SUCCESS(status))
+            {
+                return ErrorFromStatus(status);
+            }
+            if ((info->flags & O_TRUNC) != 0)
+            {
+                DropPowers(request, handle->File.Get());
+            }
+            // The pages that the host's kernel holds of the file are those that this volume would give: every change
+            // comes through it.
+            info->keep_cache = 1;
+            HandOver(state, std::move(handle), info, [&] { return fuse_reply_open(request, info); });
+            return 0;
+        });
 }
 
 void Create(fuse_req_t request, fuse_ino_t parent, const char* name, mode_t mode, fuse_file_info* info)
 {
-    MountState& state = StateOf(request);
-    const Requester requester(request);
-    host::WideString path;
-    host::WideString wide;
-    const int error = requester ? PathOfName(state, parent, name, &path, &wide) : EACCES;
-    if (error != 0)
-    {
-        fuse_reply_err(request, error);
-        return;
-    }
-    const host::FolderCreation creation = CreationBy(request, mode);
-    auto handle = std::make_unique<OpenHandle>();
-    const NTSTATUS status = OpenHandleFiles(path, info->flags | O_CREAT, &creation, handle.get());
-    struct stat attributes = {};
-    if (!NT_SUCCESS(status) || host::FolderStat(handle->File.Get(), &attributes) != 0)
-    {
-        ReplyStatus(request, NT_SUCCESS(status) ? STATUS_UNEXPECTED_IO_ERROR : status);
-        return;
-    }
-    fuse_entry_param entry = {};
-    entry.attr = attributes;
-    entry.ino = state.Nodes.Enter(parent, wide, attributes);
-    handle->Node = entry.ino;
-    SetAnswerFlags(info);
-    OpenHandle* added = state.Handles.Add(std::move(handle));
-    info->fh = reinterpret_cast<uint64_t>(added);
-    if (fuse_reply_create(request, &entry, info) != 0)
-    {
-        state.Handles.Remove(added);
-        state.Nodes.Forget(entry.ino, 1);
-    }
+    WithName(request, parent, name,
+        [&](const host::WideString& path, const host::WideString& wide)
+        {
+            MountState& state = StateOf(request);
+            const host::FolderCreation creation = CreationBy(request, mode);
+            auto handle = std::make_unique<OpenHandle>();
+            const NTSTATUS status = OpenHandleFiles(path, info->flags | O_CREAT, &creation, handle.get());
+            if (!NT_SUCCESS(status))
+            {
+                return ErrorFromStatus(status);
+            }
+            fuse_entry_param entry = {};
+            if (const int error = host::FolderStat(handle->File.Get(), &entry.attr))
+            {
+                return error;
+            }
+            entry.ino = state.Nodes.Enter(parent, wide, entry.attr);
+            handle->Node = entry.ino;
+            info->keep_cache = 1;
+            const auto reply = [&] { return fuse_reply_create(request, &entry, info); };
+            if (!HandOver(state, std::move(handle), info, reply))
+            {
+                state.Nodes.Forget(entry.ino, 1);
+            }
+            return 0;
+        });
 }
 
 void Read(fuse_req_t request, fuse_ino_t, size_t size, off_t offset, fuse_file_info* info)
@@ -236,19 +205,19 @@ void Write(fuse_req_t request, fuse_ino_t, const char* data, size_t size, off_t 
 {
     OpenHandle& handle = *HandleOf(info);
     const PFILE_OBJECT file = FileFor(handle, info, offset, size);
+    const bool cached = file == handle.File.Get();
     if (!info->writepage)
     {
+        // What the kernel's page cache writes later was judged when it was written there.
         DropPowers(request, file);
     }
     IO_STATUS_BLOCK result = {};
-    NTSTATUS status = file == handle.File.Get() ? STATUS_SUCCESS
-                                                : MakeRoom(file, offset + static_cast<LONGLONG>(size));
+    NTSTATUS status = cached ? STATUS_SUCCESS : MakeRoom(file, offset + static_cast<LONGLONG>(size));
     if (NT_SUCCESS(status))
     {
         status = host::WriteFile(file, offset, data, static_cast<ULONG>(size), &result);
     }
-    const bool throughCache = file == handle.File.Get() && (info->flags & O_DIRECT) != 0 && !info->writepage;
-    if (NT_SUCCESS(status) && throughCache)
+    if (NT_SUCCESS(status) && cached && (info->flags & O_DIRECT) != 0 && !info->writepage)
     {
         status = Flush(file);
     }

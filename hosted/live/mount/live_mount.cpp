@@ -12,11 +12,11 @@
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
-#include <thread>
-#include <vector>
 #include <sys/mount.h>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
+#include <vector>
 
 namespace live
 {

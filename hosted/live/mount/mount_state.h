@@ -18,10 +18,10 @@ namespace live
 {
 struct MountState
 {
-    explicit MountState(host::WideString volume) : Nodes(volume), Volume(std::move(volume)) {}
+    // `volume`: the device, "\Device\HarddiskVolume2".
+    explicit MountState(host::WideString volume) : Nodes(std::move(volume)) {}
 
     NodeTable Nodes;
-    const host::WideString Volume; // the device, "\Device\HarddiskVolume2"
     // Paths inside begin with it and a backslash; empty: there is no sandbox folder on this volume.
     host::WideString SandboxFolder;
     // The process of a thread of the host system, referenced; null when it cannot be told.

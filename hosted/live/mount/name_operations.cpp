@@ -16,27 +16,24 @@ namespace live
 {
 namespace
 {
-constexpr OpenWish LookAt = {.Access = FILE_READ_ATTRIBUTES, .Options = FILE_OPEN_REPARSE_POINT};
-
-// A rename or link request with its name behind it.
-std::vector<ULONGLONG> NewNameRecord(const host::WideString& path, ULONG flags)
+// A name in a directory and the path that it makes.
+struct NamedPlace
 {
-    constexpr size_t Fixed = FIELD_OFFSET(host::RenameEx, FileName);
-    const size_t bytes = Fixed + path.size() * sizeof(WCHAR);
-    std::vector<ULONGLONG> memory((bytes + sizeof(ULONGLONG)) / sizeof(ULONGLONG) + 1);
-    auto* record = reinterpret_cast<host::RenameEx*>(memory.data());
-    record->Flags = flags;
-    record->FileNameLength = static_cast<ULONG>(path.size() * sizeof(WCHAR));
-    std::memcpy(record->FileName, path.data(), record->FileNameLength);
-    return memory;
-}
+    fuse_ino_t Directory;
+    host::WideString Path;
+    host::WideString Name;
+};
 
 NTSTATUS SetNewName(PFILE_OBJECT file, FILE_INFORMATION_CLASS kind, const host::WideString& path, ULONG flags)
 {
-    std::vector<ULONGLONG> record = NewNameRecord(path, flags);
-    const ULONG length =
-        static_cast<ULONG>(FIELD_OFFSET(host::RenameEx, FileName) + path.size() * sizeof(WCHAR));
-    return host::SetInformation(file, kind, record.data(), length);
+    const size_t nameBytes = path.size() * sizeof(WCHAR);
+    const size_t bytes = FIELD_OFFSET(host::RenameEx, FileName) + nameBytes;
+    // With the structure's own alignment, and never shorter than it.
+    std::vector<host::RenameEx> memory(bytes / sizeof(host::RenameEx) + 1);
+    memory[0].Flags = flags;
+    memory[0].FileNameLength = static_cast<ULONG>(nameBytes);
+    std::memcpy(static_cast<void*>(memory[0].FileName), path.data(), nameBytes);
+    return host::SetInformation(file, kind, memory.data(), static_cast<ULONG>(bytes));
 }
 
 // The last name goes: the number of the file may come back as another file's as soon as `file` is closed.
@@ -51,53 +48,43 @@ void ForgetIfLast(MountState& state, PFILE_OBJECT file)
 
 void Make(fuse_req_t request, fuse_ino_t parent, const char* name, const host::FolderCreation& creation, ULONG options)
 {
-    MountState& state = StateOf(request);
-    const Requester requester(request);
-    host::WideString path;
-    host::WideString wide;
-    int error = requester ? PathOfName(state, parent, name, &path, &wide) : EACCES;
-    if (error == 0)
-    {
-        const OpenedFile file(path, {.Access = FILE_READ_ATTRIBUTES | FILE_WRITE_ATTRIBUTES,
-                                     .Disposition = FILE_CREATE,
-                                     .Options = options,
-                                     .Creation = &creation});
-        if (file)
+    WithName(request, parent, name,
+        [&](const host::WideString& path, const host::WideString& wide)
         {
-            ReplyEntry(request, parent, wide, file.Get());
-            return;
-        }
-        error = ErrorFromStatus(file.Status());
-    }
-    fuse_reply_err(request, error);
+            const OpenedFile file(path, {.Access = FILE_READ_ATTRIBUTES | FILE_WRITE_ATTRIBUTES,
+                                         .Disposition = FILE_CREATE,
+                                         .Options = options,
+                                         .Creation = &creation});
+            if (file)
+            {
+                ReplyEntry(request, parent, wide, file.Get());
+            }
+            return ErrorFromStatus(file.Status());
+        });
 }
 
 void Remove(fuse_req_t request, fuse_ino_t parent, const char* name, ULONG options)
 {
-    MountState& state = StateOf(request);
-    const Requester requester(request);
-    host::WideString path;
-    host::WideString wide;
-    int error = requester ? PathOfName(state, parent, name, &path, &wide) : EACCES;
-    if (error == 0)
-    {
-        const OpenedFile file(
-            path, {.Access = DELETE | FILE_READ_ATTRIBUTES, .Options = options | FILE_OPEN_REPARSE_POINT});
-        NTSTATUS status = file.Status();
-        if (file)
+    WithName(request, parent, name,
+        [&](const host::WideString& path, const host::WideString& wide)
         {
-            host::DispositionEx disposition = {host::DispositionEx::Delete | host::DispositionEx::PosixSemantics};
-            status =
-                host::SetInformation(file.Get(), FileDispositionInformationEx, &disposition, sizeof(disposition));
-        }
-        if (NT_SUCCESS(status))
-        {
-            state.Nodes.Removed(parent, wide);
-            ForgetIfLast(state, file.Get());
-        }
-        error = ErrorFromStatus(status);
-    }
-    fuse_reply_err(request, error);
+            const OpenedFile file(
+                path, {.Access = DELETE | FILE_READ_ATTRIBUTES, .Options = options | FILE_OPEN_REPARSE_POINT});
+            NTSTATUS status = file.Status();
+            if (file)
+            {
+                host::DispositionEx disposition = {host::DispositionEx::Delete | host::DispositionEx::PosixSemantics};
+                status =
+                    host::SetInformation(file.Get(), FileDispositionInformationEx, &disposition, sizeof(disposition));
+            }
+            if (NT_SUCCESS(status))
+            {
+                StateOf(request).Nodes.Removed(parent, wide);
+                ForgetIfLast(StateOf(request), file.Get());
+                fuse_reply_err(request, 0);
+            }
+            return ErrorFromStatus(status);
+        });
 }
 
 // The target of a rename is opened as well, as the system does it before it asks for the move: so that it is judged,
@@ -108,25 +95,70 @@ int JudgeTarget(const host::WideString& path, OpenedFile* target)
     const int error = ErrorFromStatus(target->Status());
     return error == ENOENT ? 0 : error;
 }
+
+// Moves what was opened as `from`, and with it what the kernel knows by the names.
+NTSTATUS Move(MountState& state, const OpenedFile& file, const NamedPlace& from, const NamedPlace& to, unsigned flags)
+{
+    if ((flags & RENAME_EXCHANGE) != 0)
+    {
+        const NTSTATUS status = SetNewName(file.Get(), FileRenameInformationEx, to.Path, host::RenameEx::Exchange);
+        if (NT_SUCCESS(status))
+        {
+            state.Nodes.Exchanged(from.Directory, from.Name, to.Directory, to.Name);
+        }
+        return status;
+    }
+    const ULONG replace = (flags & RENAME_NOREPLACE) != 0 ? 0 : host::RenameEx::ReplaceIfExists;
+    const NTSTATUS status =
+        SetNewName(file.Get(), FileRenameInformationEx, to.Path, replace | host::RenameEx::PosixSemantics);
+    if (NT_SUCCESS(status))
+    {
+        state.Nodes.Moved(from.Directory, from.Name, to.Directory, to.Name);
+    }
+    return status;
+}
+
+// 0 with the answer given, or the errno value.
+int RenameFile(fuse_req_t request, const NamedPlace& from, const NamedPlace& to, unsigned flags)
+{
+    MountState& state = StateOf(request);
+    if (CrossesSandboxBorder(state, from.Path, to.Path))
+    {
+        // The bytes on the disk would be taken for what they are not on the other side. Told so, programs copy.
+        return EXDEV;
+    }
+    OpenedFile target;
+    if (const int error = JudgeTarget(to.Path, &target))
+    {
+        return error;
+    }
+    const OpenedFile file(
+        from.Path, {.Access = DELETE | FILE_READ_ATTRIBUTES, .Options = FILE_OPEN_REPARSE_POINT});
+    const NTSTATUS status = file ? Move(state, file, from, to, flags) : file.Status();
+    if (NT_SUCCESS(status))
+    {
+        if (target)
+        {
+            ForgetIfLast(state, target.Get());
+        }
+        fuse_reply_err(request, 0);
+    }
+    return ErrorFromStatus(status);
+}
 }
 
 void Lookup(fuse_req_t request, fuse_ino_t parent, const char* name)
 {
-    const Requester requester(request);
-    host::WideString path;
-    host::WideString wide;
-    int error = requester ? PathOfName(StateOf(request), parent, name, &path, &wide) : EACCES;
-    if (error == 0)
-    {
-        const OpenedFile file(path, LookAt);
-        if (file)
+    WithName(request, parent, name,
+        [&](const host::WideString& path, const host::WideString& wide)
         {
-            ReplyEntry(request, parent, wide, file.Get());
-            return;
-        }
-        error = ErrorFromStatus(file.Status());
-    }
-    fuse_reply_err(request, error);
+            const OpenedFile file(path, LookAt);
+            if (file)
+            {
+                ReplyEntry(request, parent, wide, file.Get());
+            }
+            return ErrorFromStatus(file.Status());
+        });
 }
 
 void Forget(fuse_req_t request, fuse_ino_t node, uint64_t lookups)
@@ -165,27 +197,17 @@ void MakeSymbolicLink(fuse_req_t request, const char* target, fuse_ino_t parent,
 
 void ReadSymbolicLink(fuse_req_t request, fuse_ino_t node)
 {
-    const Requester requester(request);
-    if (!requester)
-    {
-        fuse_reply_err(request, EACCES);
-        return;
-    }
-    const NodeFile file(StateOf(request), node, LookAt);
-    if (!file)
-    {
-        ReplyStatus(request, file.Status());
-        return;
-    }
-    char target[PATH_MAX + 1];
-    const ssize_t length = readlinkat(host::FolderDescriptor(file.Get()), "", target, PATH_MAX);
-    if (length < 0)
-    {
-        fuse_reply_err(request, errno);
-        return;
-    }
-    target[length] = '\0';
-    fuse_reply_readlink(request, target);
+    WithFile(request, node, LookAt, nullptr,
+        [&](PFILE_OBJECT file)
+        {
+            char target[PATH_MAX + 1] = {};
+            if (readlinkat(host::FolderDescriptor(file), "", target, PATH_MAX) < 0)
+            {
+                return errno;
+            }
+            fuse_reply_readlink(request, target);
+            return 0;
+        });
 }
 
 void RemoveFile(fuse_req_t request, fuse_ino_t parent, const char* name)
@@ -200,83 +222,42 @@ void RemoveDirectory(fuse_req_t request, fuse_ino_t parent, const char* name)
 
 void Link(fuse_req_t request, fuse_ino_t node, fuse_ino_t newParent, const char* newName)
 {
-    MountState& state = StateOf(request);
-    const Requester requester(request);
-    host::WideString path;
-    host::WideString wide;
-    int error = requester ? PathOfName(state, newParent, newName, &path, &wide) : EACCES;
-    const host::WideString source = state.Nodes.PathOf(node);
-    if (error == 0 && CrossesSandboxBorder(state, source, path))
-    {
-        error = EXDEV;
-    }
-    OpenedFile target;
-    error = error == 0 ? JudgeTarget(path, &target) : error;
-    if (error == 0)
-    {
-        const NodeFile file(
-            state, node, {.Access = FILE_WRITE_ATTRIBUTES | FILE_READ_ATTRIBUTES, .Options = FILE_OPEN_REPARSE_POINT});
-        const NTSTATUS status =
-            file ? SetNewName(file.Get(), FileLinkInformation, path, 0) : file.Status();
-        if (NT_SUCCESS(status))
+    constexpr OpenWish linking = {
+        .Access = FILE_WRITE_ATTRIBUTES | FILE_READ_ATTRIBUTES, .Options = FILE_OPEN_REPARSE_POINT};
+    WithName(request, newParent, newName,
+        [&](const host::WideString& path, const host::WideString& wide)
         {
-            ReplyEntry(request, newParent, wide, file.Get());
-            return;
-        }
-        error = ErrorFromStatus(status);
-    }
-    fuse_reply_err(request, error);
+            MountState& state = StateOf(request);
+            if (CrossesSandboxBorder(state, state.Nodes.PathOf(node), path))
+            {
+                return EXDEV;
+            }
+            OpenedFile target;
+            if (const int error = JudgeTarget(path, &target))
+            {
+                return error;
+            }
+            const NodeFile file(state, node, linking);
+            const NTSTATUS status = file ? SetNewName(file.Get(), FileLinkInformation, path, 0) : file.Status();
+            if (NT_SUCCESS(status))
+            {
+                ReplyEntry(request, newParent, wide, file.Get());
+            }
+            return ErrorFromStatus(status);
+        });
 }
 
 void Rename(fuse_req_t request, fuse_ino_t parent, const char* name, fuse_ino_t newParent, const char* newName,
     unsigned flags)
 {
-    MountState& state = StateOf(request);
-    const Requester requester(request);
-    const bool exchange = (flags & RENAME_EXCHANGE) != 0;
-    host::WideString from;
-    host::WideString fromName;
-    host::WideString to;
-    host::WideString toName;
-    int error = requester ? PathOfName(state, parent, name, &from, &fromName) : EACCES;
-    error = error == 0 ? PathOfName(state, newParent, newName, &to, &toName) : error;
-    if (error == 0 && (flags & ~(RENAME_EXCHANGE | RENAME_NOREPLACE)) != 0)
-    {
-        error = EINVAL;
-    }
-    if (error == 0 && CrossesSandboxBorder(state, from, to))
-    {
-        // The bytes on the disk would be taken for what they are not on the other side. Told so, programs copy.
-        error = EXDEV;
-    }
-    OpenedFile target;
-    error = error == 0 ? JudgeTarget(to, &target) : error;
-    if (error == 0)
-    {
-        const OpenedFile file(
-            from, {.Access = DELETE | FILE_READ_ATTRIBUTES, .Options = FILE_OPEN_REPARSE_POINT});
-        NTSTATUS status = file.Status();
-        if (file)
+    WithName(request, parent, name,
+        [&](const host::WideString& path, const host::WideString& wide)
         {
-            const ULONG replace = flags & RENAME_NOREPLACE ? 0 : host::RenameEx::ReplaceIfExists;
-            status = SetNewName(file.Get(), FileRenameInformationEx, to,
-                exchange ? host::RenameEx::Exchange
-                         : replace | host::RenameEx::PosixSemantics);
-        }
-        if (NT_SUCCESS(status) && exchange)
-        {
-            state.Nodes.Exchanged(parent, fromName, newParent, toName);
-        }
-        else if (NT_SUCCESS(status))
-        {
-            state.Nodes.Moved(parent, fromName, newParent, toName);
-            if (target)
-            {
-                ForgetIfLast(state, target.Get());
-            }
-        }
-        error = ErrorFromStatus(status);
-    }
-    fuse_reply_err(request, error);
+            NamedPlace to = {newParent, {}, {}};
+            const int error = (flags & ~(RENAME_EXCHANGE | RENAME_NOREPLACE)) != 0
+                                  ? EINVAL
+                                  : PathOfName(StateOf(request), newParent, newName, &to.Path, &to.Name);
+            return error != 0 ? error : RenameFile(request, {parent, path, wide}, to, flags);
+        });
 }
 }

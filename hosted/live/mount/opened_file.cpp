@@ -31,7 +31,7 @@ OpenedFile::OpenedFile(const host::WideString& path, const OpenWish& wish)
     }
     for (int attempt = 0; attempt < MostAttempts; ++attempt)
     {
-        status_ = host::OpenFile(request, &file_, &outcome_);
+        status_ = host::OpenFile(request, &file_);
         if (status_ != STATUS_SHARING_VIOLATION)
         {
             return;
@@ -42,7 +42,7 @@ OpenedFile::OpenedFile(const host::WideString& path, const OpenWish& wish)
 }
 
 OpenedFile::OpenedFile(OpenedFile&& other) noexcept
-    : file_(std::exchange(other.file_, nullptr)), status_(other.status_), outcome_(other.outcome_)
+    : file_(std::exchange(other.file_, nullptr)), status_(other.status_)
 {
 }
 
@@ -50,7 +50,6 @@ OpenedFile& OpenedFile::operator=(OpenedFile&& other) noexcept
 {
     std::swap(file_, other.file_);
     std::swap(status_, other.status_);
-    std::swap(outcome_, other.outcome_);
     return *this;
 }
 

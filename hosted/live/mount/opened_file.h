@@ -41,14 +41,11 @@ public:
     NTSTATUS Status() const { return status_; }
     explicit operator bool() const { return file_ != nullptr; }
     PFILE_OBJECT Get() const { return file_; }
-    // FILE_OPENED, FILE_CREATED, ...
-    ULONG_PTR Outcome() const { return outcome_; }
     void Close();
 
 private:
     PFILE_OBJECT file_ = nullptr;
     NTSTATUS status_ = STATUS_OBJECT_NAME_NOT_FOUND;
-    ULONG_PTR outcome_ = 0;
 };
 
 struct DirectoryEntry

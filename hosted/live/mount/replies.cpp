@@ -26,8 +26,7 @@ int PathOfName(MountState& state, fuse_ino_t parent, const char* name, host::Wid
     return path->empty() ? ENOENT : 0;
 }
 
-void ReplyEntry(
-    fuse_req_t request, fuse_ino_t parent, host::WideView name, PFILE_OBJECT file, const fuse_file_info* open)
+void ReplyEntry(fuse_req_t request, fuse_ino_t parent, host::WideView name, PFILE_OBJECT file)
 {
     MountState& state = StateOf(request);
     fuse_entry_param entry = {};
@@ -36,11 +35,9 @@ void ReplyEntry(
         fuse_reply_err(request, error);
         return;
     }
-    // Nothing is kept by the host's kernel: the next program that asks is judged by itself.
-    entry.attr_timeout = 0;
-    entry.entry_timeout = 0;
+    // With no time that it may be kept for: the next program that asks is judged by itself.
     entry.ino = state.Nodes.Enter(parent, name, entry.attr);
-    if ((open != nullptr ? fuse_reply_create(request, &entry, open) : fuse_reply_entry(request, &entry)) != 0)
+    if (fuse_reply_entry(request, &entry) != 0)
     {
         // The program was interrupted and the kernel will never forget what it never heard of.
         state.Nodes.Forget(entry.ino, 1);
@@ -74,8 +71,26 @@ host::FolderCreation CreationBy(fuse_req_t request, mode_t mode)
     return creation;
 }
 
-NodeFile::NodeFile(MountState& state, fuse_ino_t node, const OpenWish& wish)
+void DropPowers(fuse_req_t request, PFILE_OBJECT file)
 {
+    constexpr mode_t Powers = S_ISUID | S_ISGID;
+    struct stat info = {};
+    if (fuse_req_ctx(request)->uid != 0 && host::FolderStat(file, &info) == 0 && (info.st_mode & Powers) != 0)
+    {
+        // Without the right to execute, the group's bit means something else.
+        const mode_t gone = (info.st_mode & S_IXGRP) != 0 ? Powers : S_ISUID;
+        chmod(DescriptorPath(file).c_str(), info.st_mode & 07777 & ~gone);
+    }
+}
+
+NodeFile::NodeFile(MountState& state, fuse_ino_t node, const OpenWish& wish, const fuse_file_info* info)
+{
+    if (info != nullptr)
+    {
+        borrowed_ = HandleOf(info)->File.Get();
+        host::ReferenceObject(borrowed_);
+        return;
+    }
     const host::WideString path = state.Nodes.PathOf(node);
     opened_ = OpenedFile(path, wish);
     if (path.empty())

@@ -6,9 +6,7 @@ namespace
 {
 bool IsInside(host::WideView folder, host::WideView path)
 {
-    return !folder.empty() && path.size() >= folder.size() &&
-           host::EqualNoCase(path.substr(0, folder.size()), folder) &&
-           (path.size() == folder.size() || path[folder.size()] == L'\\');
+    return !folder.empty() && host::IsAtOrBelow(path, folder);
 }
 }
 

@@ -2,6 +2,7 @@
 
 #include "hosted/cc/cache.h"
 #include "hosted/fs/folder_file_system.h"
+#include "hosted/fs/host_files.h"
 #include "hosted/ke/system_time.h"
 #include "hosted/ldr/loaded_image.h"
 #include "hosted/live/control/control_server.h"
@@ -120,15 +121,12 @@ host::WideString SandboxPath(const host::Registry& registry)
 host::WideString PrepareSandbox(host::Registry& registry, const std::string& store)
 {
     const host::WideString folder = SandboxPath(registry);
-    const host::WideString prefix = host::WideString(LiveVolume) + L"\\";
-    const bool onVolume = folder.size() > prefix.size() &&
-                          host::EqualNoCase(host::WideView(folder).substr(0, prefix.size()), prefix);
-    if (!onVolume)
+    if (!host::IsAtOrBelow(folder, LiveVolume))
     {
         return {};
     }
     std::filesystem::path path = store;
-    for (size_t begin = prefix.size(); begin < folder.size();)
+    for (size_t begin = LiveVolume.size() + 1; begin < folder.size();)
     {
         const size_t end = std::min(folder.find(L'\\', begin), folder.size());
         path /= host::NameToHost(host::WideView(folder).substr(begin, end - begin));
@@ -140,10 +138,9 @@ host::WideString PrepareSandbox(host::Registry& registry, const std::string& sto
 
 void FollowHostClock()
 {
-    constexpr LONGLONG UnixEpoch = 116444736000000000; // in units of 100 ns since 1601
     timespec now = {};
     clock_gettime(CLOCK_REALTIME, &now);
-    host::SetSystemTime(UnixEpoch + now.tv_sec * 10000000LL + now.tv_nsec / 100);
+    host::SetSystemTime(host::SystemTimeOf(now));
 }
 
 // Ends the mount when a signal asks for it.

@@ -7,6 +7,7 @@
 #include <csignal>
 #include <fstream>
 #include <memory>
+#include <unistd.h>
 
 namespace
 {
@@ -71,10 +72,10 @@ TEST_F(LiveServer, WhatWasSynchronizedSurvivesAKill)
     for (int round = 0; round < 4; ++round)
     {
         ASSERT_EQ(volume->Inside("seq 100000 > before; truncate -s 123457 before; sync before; echo " +
-                                 std::to_string(round) + " > round; sync round; mkfifo -m 600 go 2> /dev/null || true")
+                                 std::to_string(round) + " > round; sync round")
                       .Code,
             0);
-        // It is killed in the middle of work that says when it has begun, and which ends with the volume.
+        // It is killed in the middle of work, which ends with the volume.
         const std::string script = "for n in 0 1 2 3 4 5 6; do seq 5 > file$n; done; n=0\n"
                                    "(while [ $n -lt " + std::to_string(40 + 37 * round) +
                                    " ]; do n=$((n + 1)); seq $n > file; sync file; done; kill -9 " +
@@ -188,5 +189,48 @@ TEST_F(LiveServer, OwnersAndModesCount)
                              "chmod 4755 file; stat -c '%a %u %g' file")
                   .Output,
         "644 0\n755 0\n4755 12 34\n");
+}
+TEST_F(LiveServer, WhoeverIsNotTrustedTakesAFilesPowersAwayByChangingIt)
+{
+    if (geteuid() != 0)
+    {
+        GTEST_SKIP() << "only root can act as somebody else";
+    }
+    const Outcome outcome = Outside(R"x(
+        chmod 711 .; cd mount
+        other() { setpriv --reuid=65534 --regid=65534 --clear-groups bash -c "$1"; }
+        for file in written appended emptied shortened; do echo text > $file; chown 12:34 $file; chmod 6777 $file; done
+        echo x > mine; chmod 600 mine; cp written roots; chmod 6777 roots
+        other 'echo more > written'; other 'echo more >> appended'; other ': > emptied'; other 'truncate -s 2 shortened'
+        echo more >> roots
+        stat -c '%n %a' written appended emptied shortened roots
+        other 'cat mine' || true; other 'echo x > mine' || true; other 'touch new' || true; cat mine)x");
+    EXPECT_EQ(outcome.Code, 0) << outcome.Output;
+    EXPECT_THAT(outcome.Output,
+        testing::StartsWith("written 777\nappended 777\nemptied 777\nshortened 777\nroots 6777\n"));
+    EXPECT_THAT(outcome.Output, HasSubstr("cat: mine: Permission denied"));
+    EXPECT_THAT(outcome.Output, HasSubstr("mine: Permission denied\n"));
+    EXPECT_THAT(outcome.Output, HasSubstr("cannot touch 'new': Permission denied"));
+    EXPECT_THAT(outcome.Output, testing::EndsWith("\nx\n"));
+}
+
+// What was enciphered is no use outside, nor would plain bytes be inside: a program that moves a file copies it.
+TEST_F(LiveServer, MovingOverTheSandboxBorderCopies)
+{
+    ASSERT_EQ(Outside("echo from outside > mount/plain").Code, 0);
+    const Outcome outcome = volume->Inside(R"x(
+        echo from inside > document; mkdir folder; echo deep > folder/file
+        mv document folder ..; mv ../plain .; cat plain ../document ../folder/file; ls
+        ln plain ../link 2>&1 || true; ln ../document link 2>&1 || true; ls ..)x");
+    EXPECT_EQ(outcome.Code, 0) << outcome.Output;
+    EXPECT_THAT(outcome.Output, testing::StartsWith("from outside\nfrom inside\ndeep\nplain\n"));
+    EXPECT_THAT(outcome.Output, HasSubstr("'../link' => 'plain': Invalid cross-device link\n"));
+    EXPECT_THAT(outcome.Output, HasSubstr("'link' => '../document': Invalid cross-device link\n"));
+    EXPECT_THAT(outcome.Output, testing::EndsWith("Sandbox\ndocument\nfolder\n"));
+    volume->Remount();
+    EXPECT_EQ(Outside("cat mount/document mount/folder/file store/document").Output,
+        "from inside\ndeep\nfrom inside\n");
+    EXPECT_EQ(Outside("stat -c %s store/Sandbox/plain").Output, "13\n");
+    EXPECT_THAT(Outside("cat store/Sandbox/plain").Output, Not(HasSubstr("from outside")));
 }
 }

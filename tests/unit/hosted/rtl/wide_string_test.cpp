@@ -89,6 +89,16 @@ TEST(WideString, ComparesWithoutCase)
     EXPECT_TRUE(map.contains(WideView(L"kEY")));
 }
 
+TEST(WideString, IsAtOrBelowEndsAtComponents)
+{
+    EXPECT_TRUE(IsAtOrBelow(L"\\Device\\Disk", L"\\device\\DISK"));
+    EXPECT_TRUE(IsAtOrBelow(L"\\Device\\Disk\\File", L"\\Device\\Disk"));
+    EXPECT_TRUE(IsAtOrBelow(L"\\Device\\Disk\\", L"\\Device\\Disk"));
+    EXPECT_FALSE(IsAtOrBelow(L"\\Device\\Disks", L"\\Device\\Disk"));
+    EXPECT_FALSE(IsAtOrBelow(L"\\Device", L"\\Device\\Disk"));
+    EXPECT_FALSE(IsAtOrBelow(L"", L"\\Device"));
+}
+
 TEST(WideTraits, Operations)
 {
     WCHAR text[6] = {L'a', L'b', L'c', 0, 0, 0};
