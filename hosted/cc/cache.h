@@ -14,8 +14,8 @@ class CacheMap;
 // The unit in which the cache holds a stream: so many bytes of it, contiguous in memory.
 constexpr LONGLONG CacheViewBytes = 256 << 10;
 
-// What the cache needs to know of a stream; implemented by the file system. Called with the cache map's lock held;
-// must not call back into the cache.
+// What the cache needs to know of a stream; implemented by the file system. Called with the cache map's lock held, by
+// several threads at once where that is shared; must not call back into the cache.
 class CachedStream
 {
 public:
@@ -47,9 +47,12 @@ NTSTATUS CacheDirtyPageAt(CacheMap* map, LONGLONG offset);
 // brought in (or zeroed, past the old end) and marked dirty before, so that they are written again under the new
 // size; they are not written here. Bytes past the smaller of both ends are zero afterwards. The status is that of
 // the paging read or of apply(); when it is a failure the size is what it was.
-// A shrunk map's dirty pages stay in memory until the next operation on the stream: whoever else follows its size
-// (a filter learns it after the operation) must have seen the new one before they are written.
+// A map that shrinks (and not to nothing) is unsettled until the same thread calls CacheSettled: whoever else follows
+// its size, as a filter that learns it after the operation, must have seen the new one before dirty pages are written.
+// Meanwhile they stay in memory, and other threads that want to flush or purge wait.
 NTSTATUS CacheResize(CacheMap* map, LONGLONG newSize, bool rewriteEnds, const std::function<NTSTATUS()>& apply);
+// What the calling thread did to the map's size is known to all who follow it.
+void CacheSettled(CacheMap* map);
 // Zeroes cached bytes from `offset` to the end of its page and drops whole pages behind (a truncation).
 void CacheTruncate(CacheMap* map, LONGLONG newSize);
 // Writes dirty pages of a range (length 0: to the end) by paging writes of clustered whole pages.
@@ -68,8 +71,8 @@ NTSTATUS MappedWrite(CacheMap* map, LONGLONG offset, const void* buffer, ULONG l
 // Frees least recently used pages of all streams (writing dirty ones) until the model's limit holds. Called with
 // no cache map lock held, by every cached operation.
 void TrimCache();
-// Writes the dirty pages of every stream, as the system's lazy writer does from time to time. Streams whose pages
-// cannot be written keep them. Streams with fewer dirty pages than `least` are left for later. Called with no lock
+// Writes the dirty pages of every settled stream, as the system's lazy writer does from time to time. Streams whose
+// pages cannot be written keep them. Streams with fewer dirty pages than `least` are left for later. Called with no lock
 // held.
 void LazyWrite(ULONG least = 1);
 // Gives up every dirty page that is left: for the end of a system whose store does not take them. The bytes lost.

@@ -45,8 +45,7 @@ ULONG LastFilePage(const CacheView& view, LONGLONG fileSize)
 
 NTSTATUS ReadChunk(CacheMap& map, const Chunk& chunk, void* to, bool user)
 {
-    CacheMapGuard guard(map);
-    map.Settling = false;
+    std::shared_lock guard(map.Lock);
     CacheView& view = GetView(map, chunk.Index);
     const LONGLONG offset = view.Start() + chunk.Begin;
     ULONG last = chunk.LastPage;
@@ -56,7 +55,11 @@ NTSTATUS ReadChunk(CacheMap& map, const Chunk& chunk, void* to, bool user)
         last = std::max(last, LastFilePage(view, map.Stream.FileSize()));
     }
     map.NextSequential = offset + chunk.Length;
-    NTSTATUS status = FillPages(map, view, chunk.FirstPage, last);
+    NTSTATUS status;
+    {
+        std::lock_guard filling(view.Filling);
+        status = FillPages(map, view, chunk.FirstPage, last);
+    }
     return NT_SUCCESS(status) ? CopyBytes(to, view.Memory + chunk.Begin, chunk.Length, user) : status;
 }
 
@@ -90,7 +93,6 @@ NTSTATUS PreparePages(CacheMap& map, CacheView& view, const Chunk& chunk, uint64
 NTSTATUS WriteChunk(CacheMap& map, const Chunk& chunk, const void* from, bool user)
 {
     CacheMapGuard guard(map);
-    map.Settling = false;
     CacheView& view = GetView(map, chunk.Index);
     uint64_t fresh = 0;
     NTSTATUS status = PreparePages(map, view, chunk, &fresh);
@@ -148,7 +150,6 @@ namespace
 NTSTATUS MappedAccess(CacheMap& map, const Chunk& chunk, UCHAR* buffer, bool write)
 {
     CacheMapGuard guard(map);
-    map.Settling = false;
     const LONGLONG start = chunk.Index * CacheViewBytes;
     const LONGLONG bound = static_cast<LONGLONG>(ROUND_TO_PAGES(map.Stream.FileSize()));
     if (start + chunk.Begin + chunk.Length > bound)

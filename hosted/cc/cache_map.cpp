@@ -23,6 +23,17 @@ CacheMapGuard::~CacheMapGuard()
     }
 }
 
+void CacheMapGuard::WaitUntilSettled()
+{
+    const auto byOthers = [this]
+    {
+        return std::ranges::any_of(
+            map_.Unsettled, [](std::thread::id who) { return who != std::this_thread::get_id(); });
+    };
+    map_.BecameSettled.wait(lock_, [&] { return !byOthers(); });
+    wasDirty_ = map_.DirtyPages != 0;
+}
+
 CacheMap* CreateCacheMap(CachedStream& stream)
 {
     auto map = std::make_shared<CacheMap>(stream);
@@ -134,7 +145,6 @@ NTSTATUS ForViews(CacheMap& map, LONGLONG offset, LONGLONG length, Use&& use)
 
 NTSTATUS FlushLocked(CacheMap& map, LONGLONG offset, LONGLONG length)
 {
-    map.Settling = false;
     return ForViews(
         map, offset, length, [&](CacheView& view, uint64_t pages) { return WritePages(map, view, pages); });
 }
@@ -172,7 +182,11 @@ NTSTATUS CacheResize(CacheMap* map, LONGLONG newSize, bool rewriteEnds, const st
     if (newSize < oldSize)
     {
         TruncateLocked(*map, newSize);
-        map->Settling = rewriteEnds && map->DirtyPages != 0;
+        if (newSize != 0)
+        {
+            map->Unsettled.push_back(std::this_thread::get_id());
+            map->UnsettledCount = map->Unsettled.size();
+        }
         return status;
     }
     ZeroTailLocked(*map, oldSize);
@@ -184,15 +198,31 @@ NTSTATUS CacheResize(CacheMap* map, LONGLONG newSize, bool rewriteEnds, const st
     return status;
 }
 
+void CacheSettled(CacheMap* map)
+{
+    if (map->UnsettledCount == 0)
+    {
+        return;
+    }
+    {
+        CacheMapGuard guard(*map);
+        std::erase(map->Unsettled, std::this_thread::get_id());
+        map->UnsettledCount = map->Unsettled.size();
+    }
+    map->BecameSettled.notify_all();
+}
+
 NTSTATUS CacheFlush(CacheMap* map, LONGLONG offset, LONGLONG length)
 {
     CacheMapGuard guard(*map);
+    guard.WaitUntilSettled();
     return FlushLocked(*map, offset, length);
 }
 
 bool CachePurge(CacheMap* map, LONGLONG offset, LONGLONG length)
 {
     CacheMapGuard guard(*map);
+    guard.WaitUntilSettled();
     if (!NT_SUCCESS(FlushLocked(*map, offset, length)))
     {
         return false;
@@ -217,7 +247,7 @@ bool CacheHasDirtyPages(CacheMap* map)
 
 bool CacheIsEmpty(CacheMap* map)
 {
-    std::lock_guard guard(map->Lock);
+    std::shared_lock guard(map->Lock);
     return map->Views.empty();
 }
 
@@ -229,7 +259,7 @@ void TrimCache()
     ULONG attempts = static_cast<ULONG>(held / CacheViewBytes);
     while (held > limit)
     {
-        std::unique_lock<std::mutex> lock;
+        std::unique_lock<FairSharedMutex> lock;
         CacheView* view = TakeColdestView(&attempts, &lock);
         if (view == nullptr)
         {
@@ -270,7 +300,7 @@ void LazyWrite(ULONG least)
             continue;
         }
         CacheMapGuard guard(*map);
-        if (!map->Deleted)
+        if (!map->Deleted && map->Unsettled.empty())
         {
             FlushLocked(*map, 0, 0);
         }

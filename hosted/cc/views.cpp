@@ -64,6 +64,7 @@ CacheView* FindView(CacheMap& map, LONGLONG index)
 CacheView& GetView(CacheMap& map, LONGLONG index)
 {
     SharedState& shared = Shared();
+    std::lock_guard making(map.Making);
     if (CacheView* view = FindView(map, index))
     {
         std::lock_guard guard(shared.Lock);
@@ -137,7 +138,7 @@ std::vector<std::shared_ptr<CacheMap>> RegisteredMaps()
     return maps;
 }
 
-CacheView* TakeColdestView(ULONG* attempts, std::unique_lock<std::mutex>* lock)
+CacheView* TakeColdestView(ULONG* attempts, std::unique_lock<FairSharedMutex>* lock)
 {
     SharedState& shared = Shared();
     std::lock_guard guard(shared.Lock);
@@ -148,7 +149,7 @@ CacheView* TakeColdestView(ULONG* attempts, std::unique_lock<std::mutex>* lock)
         shared.Order.splice(shared.Order.end(), shared.Order, shared.Order.begin());
         // Only tried: the list's lock is below the maps' locks in the order.
         std::unique_lock mapLock(view->Owner->Lock, std::try_to_lock);
-        if (mapLock.owns_lock() && !(view->Owner->Settling && view->Dirty != 0))
+        if (mapLock.owns_lock() && !(!view->Owner->Unsettled.empty() && view->Dirty != 0))
         {
             *lock = std::move(mapLock);
             return view;

@@ -194,12 +194,10 @@ NTSTATUS SendFiltered(FilterRequest& request, PFLT_INSTANCE instance, IO_STATUS_
     shown.Signature = 0;
     return status->Status;
 }
-}
 
-NTSTATUS SendOperation(FilterRequest& request, IO_STATUS_BLOCK* status)
+NTSTATUS Send(FilterRequest& request, IO_STATUS_BLOCK* status)
 {
     const UCHAR major = request.Parameters.MajorFunction;
-    RequireIrql(major == IRP_MJ_CREATE ? PASSIVE_LEVEL : APC_LEVEL, "sending an operation");
     const InstanceInUse use(request.Target);
     const PFLT_INSTANCE instance = use.Instance();
     if (instance == nullptr || major > IRP_MJ_MAXIMUM_FUNCTION)
@@ -213,5 +211,19 @@ NTSTATUS SendOperation(FilterRequest& request, IO_STATUS_BLOCK* status)
         requestor.emplace(request.Requestor->Owner);
     }
     return SendFiltered(request, instance, status);
+}
+}
+
+NTSTATUS SendOperation(FilterRequest& request, IO_STATUS_BLOCK* status)
+{
+    const FLT_IO_PARAMETER_BLOCK& parameters = request.Parameters;
+    const UCHAR major = parameters.MajorFunction;
+    RequireIrql(major == IRP_MJ_CREATE ? PASSIVE_LEVEL : APC_LEVEL, "sending an operation");
+    Send(request, status);
+    if ((major == IRP_MJ_WRITE && !(parameters.IrpFlags & IRP_PAGING_IO)) || major == IRP_MJ_SET_INFORMATION)
+    {
+        request.Target->Files->Settled(parameters.TargetFileObject);
+    }
+    return status->Status;
 }
 }

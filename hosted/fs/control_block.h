@@ -3,6 +3,7 @@
 
 #include "hosted/cc/cache.h"
 #include "hosted/fs/store.h"
+#include "hosted/ke/fair_shared_mutex.h"
 
 #include <atomic>
 #include <memory>
@@ -49,12 +50,14 @@ struct ControlBlock : FSRTL_COMMON_FCB_HEADER, std::enable_shared_from_this<Cont
     SECTION_OBJECT_POINTERS Sections{};
     StreamCache Cached{*this};
     CacheMap* Map = nullptr; // null but for data streams
-    PFILE_OBJECT PagingFile = nullptr; // made at the first paging I/O; guarded by the cache map's lock
+    PFILE_OBJECT PagingFile = nullptr; // made at the first paging I/O
+    std::once_flag PagingFileMade;
     std::shared_ptr<StoreStream> Data;
 
     // Order: Main, then the cache map's lock, then Inner. Paging I/O takes Inner only.
     std::shared_mutex Main; // shared to read, exclusive to write and to change the size
-    std::mutex Inner;       // the size together with the store's bytes; the size only changes with all three held
+    // The size together with the store's bytes; shared to read these. The size only changes with all three held.
+    FairSharedMutex Inner;
     bool Discarded = false; // the stream was deleted; changes with all three held
     std::atomic<bool> PagingFileStream = false;
 

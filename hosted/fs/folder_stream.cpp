@@ -1,5 +1,7 @@
 #include "hosted/fs/folder_stream.h"
 
+#include "hosted/cc/cache.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -12,6 +14,7 @@ namespace
 {
 // Every host file system holds files of this size.
 constexpr LONGLONG SurelyHeld = 1ll << 31;
+constexpr ULONG LongWrite = CacheViewBytes;
 
 NTSTATUS Result(int error)
 {
@@ -146,6 +149,12 @@ NTSTATUS FolderStream::Write(LONGLONG offset, const void* buffer, ULONG length)
     if (error != 0)
     {
         return StatusFromHost(error);
+    }
+    if (length >= LongWrite)
+    {
+        // On its way to the disk now, so that whoever synchronizes a long file has not all of it to wait for. Where the
+        // host cannot do this nothing is lost.
+        sync_file_range(file, offset, length, SYNC_FILE_RANGE_WRITE);
     }
     if (ending_.has_value())
     {

@@ -23,7 +23,8 @@ namespace host
 //   of the file is to be is put into a journal first, then written and the file cut.
 // - What lies between the stored and the logical size reads as zeros.
 //
-// All but Ready, Physical and Sync are called with the inner lock of the stream's control block held.
+// All but Ready, Physical and Sync are called with the inner lock of the stream's control block held, which Read, Size
+// and WriteFirst may share.
 class FolderStream : public StoreStream
 {
 public:

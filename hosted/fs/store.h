@@ -39,7 +39,7 @@ class StoreStream
 {
 public:
     virtual ~StoreStream() = default;
-    // The range must lie within the size.
+    // The range must lie within the size. Several threads may read at once, while nothing is changed.
     virtual NTSTATUS Read(LONGLONG offset, void* buffer, ULONG length) = 0;
     virtual NTSTATUS Write(LONGLONG offset, const void* buffer, ULONG length) = 0;
     // What is added reads as zeros and takes no room. STATUS_DISK_FULL.

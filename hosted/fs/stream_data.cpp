@@ -62,7 +62,7 @@ NTSTATUS StreamFileSystem::ReadPages(ControlBlock& block, FLT_IO_PARAMETER_BLOCK
     const auto& parameters = operation.Parameters.Read;
     const LONGLONG offset = parameters.ByteOffset.QuadPart;
     void* data = DataAddress(parameters.MdlAddress, parameters.ReadBuffer);
-    std::lock_guard inner(block.Inner);
+    std::shared_lock inner(block.Inner);
     if (block.Discarded || offset >= block.Size())
     {
         return STATUS_END_OF_FILE;
@@ -149,7 +149,7 @@ NTSTATUS StreamFileSystem::ReadNonCached(
     CachePurge(block.Map, offset, length);
     const auto read = [&](void* to, ULONG done, ULONG step)
     {
-        std::lock_guard inner(block.Inner);
+        std::shared_lock inner(block.Inner);
         return block.Discarded ? STATUS_FILE_DELETED : block.Data->Read(offset + done, to, step);
     };
     if (IsUserAddress(data))

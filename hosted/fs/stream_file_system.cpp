@@ -59,6 +59,15 @@ bool StreamFileSystem::FastIoPossible(PFILE_OBJECT fileObject, bool write, ULONG
            !(flags & FO_CLEANUP_COMPLETE) && !block->PagingFileStream;
 }
 
+void StreamFileSystem::Settled(PFILE_OBJECT fileObject)
+{
+    const ControlBlock* block = BlockOf(fileObject);
+    if (block != nullptr && block->Map != nullptr)
+    {
+        CacheSettled(block->Map);
+    }
+}
+
 bool StreamFileSystem::IsDirectory(PFILE_OBJECT fileObject)
 {
     const ControlBlock* block = BlockOf(fileObject);

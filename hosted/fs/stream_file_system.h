@@ -82,6 +82,7 @@ class StreamFileSystem : public FileSystem
 public:
     NTSTATUS Dispatch(FLT_IO_PARAMETER_BLOCK& operation, IO_STATUS_BLOCK& status) override;
     bool FastIoPossible(PFILE_OBJECT fileObject, bool write, ULONG length) override;
+    void Settled(PFILE_OBJECT fileObject) override;
     bool IsDirectory(PFILE_OBJECT fileObject) override;
     bool IsPagingFile(PFILE_OBJECT fileObject) override;
 

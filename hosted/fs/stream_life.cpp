@@ -37,14 +37,16 @@ LONGLONG StreamCache::FileSize() const
 
 PFILE_OBJECT StreamCache::PagingFileObject()
 {
-    if (block_.PagingFile == nullptr)
-    {
-        block_.PagingFile = NewFileObject(
-            block_.Files.TargetVolume().Disk, {}, FILE_READ_DATA | FILE_WRITE_DATA, KernelMode);
-        block_.PagingFile->FsContext = static_cast<PFSRTL_COMMON_FCB_HEADER>(&block_);
-        block_.PagingFile->SectionObjectPointer = &block_.Sections;
-        block_.PagingFile->Flags |= FO_STREAM_FILE;
-    }
+    std::call_once(block_.PagingFileMade,
+        [this]
+        {
+            PFILE_OBJECT file = NewFileObject(
+                block_.Files.TargetVolume().Disk, {}, FILE_READ_DATA | FILE_WRITE_DATA, KernelMode);
+            file->FsContext = static_cast<PFSRTL_COMMON_FCB_HEADER>(&block_);
+            file->SectionObjectPointer = &block_.Sections;
+            file->Flags |= FO_STREAM_FILE;
+            block_.PagingFile = file;
+        });
     return block_.PagingFile;
 }
 

@@ -29,6 +29,10 @@ public:
     // `options` are the create's options (open by file id).
     virtual NTSTATUS NormalizedName(PFILE_OBJECT fileObject, ULONG options, WideString* path) = 0;
 
+    // A write or a change of information that the calling thread sent has passed the filters on its way up: whoever
+    // follows a stream's size now knows what became of it.
+    virtual void Settled(PFILE_OBJECT fileObject) = 0;
+
     virtual bool IsDirectory(PFILE_OBJECT fileObject) = 0;
     virtual bool IsPagingFile(PFILE_OBJECT fileObject) = 0;
 };

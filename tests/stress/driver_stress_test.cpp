@@ -1,9 +1,8 @@
 // Everything at once: programs inside and outside the sandbox, processes that come and go, an agent that sets, asks and
 // listens. Nothing may be lost, and nothing may be left behind.
+#include "hosted/ke/fair_shared_mutex.h"
 #include "tests/stress/agent_worker.h"
 #include "tests/unit/driver/filter/cipher_vectors.h"
-
-#include <shared_mutex>
 
 namespace stress_test
 {
@@ -53,31 +52,6 @@ bool IsOnDisk(const StressMachine& machine, const WorkedFile& file)
     return true;
 }
 
-// Requests share it; who takes the driver away has it alone, and does not wait for a moment without requests.
-class Gate
-{
-public:
-    void Request(const Round& work)
-    {
-        {
-            std::lock_guard turn(turn_);
-            inside_.lock_shared();
-        }
-        work();
-        inside_.unlock_shared();
-    }
-    void Alone(const Round& work)
-    {
-        std::lock_guard turn(turn_);
-        std::lock_guard guard(inside_);
-        work();
-    }
-
-private:
-    std::mutex turn_;
-    std::shared_mutex inside_;
-};
-
 void CheckAtRest(StressMachine& machine, std::vector<WorkedFile>& files)
 {
     for (WorkedFile& file : files)
@@ -112,6 +86,7 @@ TEST(DriverStress, ProgramsAgentAndProcessesAtOnce)
     run.Add("more settings", [&](Random& random) { return SettingWork(machine.Agent, random); });
     run.Add("stop and start", [&](Random& random) { return StopWork(machine, random); });
     run.Add("log", [&](Random& random) { return LogWork(machine.Agent, random); });
+    run.Add("lazy writer", [&](Random&) -> Round { return [&] { machine.Computer.FlushAll(); }; });
     run.Run();
     CheckAtRest(machine, files);
     EXPECT_EQ(machine.Computer.UnloadDriver(), STATUS_SUCCESS);
@@ -151,29 +126,35 @@ TEST(DriverStress, LoadedAndUnloadedWhileWorkGoesOn)
         });
     run.Add("processes", [&](Random& random) { return machine.ProcessWork(random); });
     run.Add("outsider", [&](Random& random) { return machine.OutsiderWork(random, false); });
-    Gate gate;
+    // Requests share it; who takes the driver away has it alone, and does not wait for a moment without requests.
+    FairSharedMutex gate;
     run.Add("settings",
         [&](Random& random) -> Round
         {
-            return [&gate, work = Round(SettingWork(machine.Agent, random))] { gate.Request(work); };
+            return [&gate, work = Round(SettingWork(machine.Agent, random))]
+            {
+                std::shared_lock request(gate);
+                work();
+            };
         });
     run.Add("log",
         [&](Random& random) -> Round
         {
-            return [&gate, work = Round(LogWork(machine.Agent, random))] { gate.Request(work); };
+            return [&gate, work = Round(LogWork(machine.Agent, random))]
+            {
+                std::shared_lock request(gate);
+                work();
+            };
         });
     run.Add("load and unload",
         [&](Random&) -> Round
         {
             return [&]
             {
-                gate.Alone(
-                    [&]
-                    {
-                        EXPECT_EQ(machine.Computer.UnloadDriver(), STATUS_SUCCESS);
-                        EXPECT_EQ(machine.Computer.LoadDriver(Image::Native), STATUS_SUCCESS);
-                        machine.AddSettings();
-                    });
+                std::lock_guard alone(gate);
+                EXPECT_EQ(machine.Computer.UnloadDriver(), STATUS_SUCCESS);
+                EXPECT_EQ(machine.Computer.LoadDriver(Image::Native), STATUS_SUCCESS);
+                machine.AddSettings();
             };
         });
     run.Run();

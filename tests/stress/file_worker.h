@@ -5,7 +5,9 @@
 #include "tests/stress/stress_run.h"
 
 #include <algorithm>
+#include <deque>
 #include <optional>
+#include <sstream>
 
 namespace stress_test
 {
@@ -36,6 +38,7 @@ public:
         case 2:
             return Resize(std::min(MaximumBytes, model_.size() + random_.Below(9000)));
         case 3:
+            Note("flush", 0, 0);
             EXPECT_EQ(file_->Flush(), STATUS_SUCCESS);
             return;
         case 4:
@@ -66,6 +69,7 @@ public:
     }
     void Close()
     {
+        Note("close", 0, 0);
         view_.reset();
         direct_.reset();
         file_.reset();
@@ -73,6 +77,7 @@ public:
 
 private:
     static constexpr size_t MaximumBytes = 40000;
+    static constexpr size_t NotedSteps = 40;
     static constexpr size_t Sector = 512;
 
     bool Open()
@@ -93,7 +98,44 @@ private:
         }
         file_.emplace(std::move(file));
         ++opens_;
+        Note(direct_ ? "open, also non-cached" : "open", 0, model_.size());
         return true;
+    }
+
+    // What was done last, for the message when something is wrong.
+    void Note(const char* step, size_t offset, size_t bytes)
+    {
+        steps_.push_back(std::string(step) + " " + std::to_string(offset) + " " + std::to_string(bytes));
+        if (steps_.size() > NotedSteps)
+        {
+            steps_.pop_front();
+        }
+    }
+
+    std::string Difference(size_t offset, const std::string& bytes) const
+    {
+        std::ostringstream text;
+        const std::string expected = model_.substr(offset, bytes.size());
+        text << Narrow(path_) << " of " << model_.size() << " bytes, read at " << offset << ": " << bytes.size()
+             << " bytes\n";
+        const auto differs = [&](size_t i) { return i < expected.size() && bytes[i] != expected[i]; };
+        for (size_t i = 0; i < expected.size(); ++i)
+        {
+            if (differs(i) && (i == 0 || !differs(i - 1)))
+            {
+                text << "  different from " << offset + i << ", where " << (bytes[i] == 0 ? "a zero" : "another byte")
+                     << " is\n";
+            }
+            if (differs(i) && !differs(i + 1))
+            {
+                text << "  ... to " << offset + i << "\n";
+            }
+        }
+        for (const std::string& step : steps_)
+        {
+            text << "  " << step << "\n";
+        }
+        return text.str();
     }
 
     void Place(size_t offset, const std::string& bytes)
@@ -106,6 +148,7 @@ private:
     {
         const size_t offset = random_.Below(std::min(MaximumBytes, model_.size() + 600));
         const std::string bytes = random_.Bytes(1 + random_.Below(std::min<size_t>(5000, MaximumBytes - offset)));
+        Note("write", offset, bytes.size());
         EXPECT_EQ(file_->Write(bytes, static_cast<LONGLONG>(offset)), STATUS_SUCCESS);
         Place(offset, bytes);
     }
@@ -114,7 +157,7 @@ private:
     {
         const size_t offset = random_.Below(model_.size());
         const std::string bytes = file_->Read(static_cast<LONGLONG>(offset), 9000);
-        EXPECT_TRUE(bytes == model_.substr(offset, 9000)) << Narrow(path_) << " at " << offset;
+        EXPECT_TRUE(bytes == model_.substr(offset, 9000)) << Difference(offset, bytes);
     }
 
     // Whole sectors that lie before the end of the file.
@@ -127,6 +170,7 @@ private:
         }
         const size_t first = random_.Below(sectors);
         const std::string bytes = random_.Bytes((1 + random_.Below(std::min<size_t>(sectors - first, 10))) * Sector);
+        Note("non-cached write", first * Sector, bytes.size());
         EXPECT_EQ(direct_->Write(bytes, static_cast<LONGLONG>(first * Sector)), STATUS_SUCCESS);
         Place(first * Sector, bytes);
     }
@@ -137,6 +181,7 @@ private:
         const std::string bytes = random_.Bytes(random_.Below(std::min<size_t>(model_.size() - offset, 6000)));
         if (!bytes.empty())
         {
+            Note("mapped write", offset, bytes.size());
             EXPECT_EQ(view_->Write(bytes, static_cast<LONGLONG>(offset)), STATUS_SUCCESS);
             Place(offset, bytes);
         }
@@ -148,14 +193,14 @@ private:
         const size_t length = std::min<size_t>(model_.size() - offset, 6000);
         if (length != 0)
         {
-            EXPECT_TRUE(view_->Read(static_cast<LONGLONG>(offset), static_cast<ULONG>(length)) ==
-                        model_.substr(offset, length))
-                << Narrow(path_) << " at " << offset;
+            const std::string bytes = view_->Read(static_cast<LONGLONG>(offset), static_cast<ULONG>(length));
+            EXPECT_TRUE(bytes == model_.substr(offset, length)) << Difference(offset, bytes);
         }
     }
 
     void Resize(size_t size)
     {
+        Note("resize", 0, size);
         EXPECT_EQ(file_->SetEndOfFile(static_cast<LONGLONG>(size)), STATUS_SUCCESS);
         model_.resize(size, '\0');
     }
@@ -168,5 +213,6 @@ private:
     std::optional<ProgramFile> direct_;
     std::optional<MappedView> view_;
     unsigned opens_ = 0;
+    std::deque<std::string> steps_;
 };
 }

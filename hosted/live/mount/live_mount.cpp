@@ -29,7 +29,8 @@ constexpr unsigned MostThreads = 16;
 constexpr int WakeSignal = SIGUSR1;
 constexpr std::chrono::milliseconds WakeInterval(10);
 constexpr unsigned BackgroundRequests = 64;
-constexpr char LargestReadAhead[] = "1024\n"; // KiB
+// Two requests, so that one is served while the other is handed over.
+constexpr unsigned ReadAhead = 2 * LargestTransfer;
 
 void Initialize(void* userdata, fuse_conn_info* connection)
 {
@@ -44,7 +45,7 @@ void Initialize(void* userdata, fuse_conn_info* connection)
     connection->want = (connection->want | (wanted & connection->capable)) & ~unwanted;
     connection->max_write = LargestTransfer;
     connection->max_read = LargestTransfer;
-    connection->max_readahead = LargestTransfer;
+    connection->max_readahead = ReadAhead;
     connection->max_background = BackgroundRequests;
     connection->congestion_threshold = BackgroundRequests * 3 / 4;
     if (state.Ready)
@@ -106,7 +107,7 @@ void EnlargeReadAhead(const std::string& folder)
         fields >> id >> parent >> number >> root >> place;
         device = place == folder ? number : device;
     }
-    std::ofstream("/sys/class/bdi/" + device + "/read_ahead_kb") << LargestReadAhead;
+    std::ofstream("/sys/class/bdi/" + device + "/read_ahead_kb") << ReadAhead / 1024 << '\n';
 }
 
 // Not libfuse's own way, which closes the connection first: what the kernel has still to write would be lost.

@@ -3,6 +3,10 @@
 
 #include "hosted/ke/user_access.h"
 
+#include <chrono>
+#include <latch>
+#include <thread>
+
 namespace host
 {
 namespace
@@ -203,23 +207,83 @@ TEST_F(PageCache, TheColdestPagesGoFirst)
     CloseFile(file);
 }
 
-// Trimming must not write the page with the new end before those above the file system know the new end.
-TEST_F(PageCache, TrimmingLeavesAFreshTruncationAlone)
+// Those above the file system learn the new end last, and the page that holds it must not be written before.
+TEST_F(PageCache, NothingIsWrittenWhileATruncationIsOnItsWayUp)
 {
     PFILE_OBJECT file = OpenFresh(10000);
     PFILE_OBJECT other = Open(L"\\other");
     Model().CacheLimitBytes = 0;
-    EXPECT_EQ(SetEndOfFile(file, 100), STATUS_SUCCESS);
-    Files->TakePaging();
-    Write(other, 0, "x");
-    for (const PagingOperation& operation : Files->TakePaging())
+    bool looked = false;
+    Files->BeforeSettled = [&]
     {
-        EXPECT_NE(operation.FileSize, 100) << testing::PrintToString(operation);
-    }
-    EXPECT_TRUE(CacheHasDirtyPages(CacheMapOf(file)));
-    Read(file, 0, 1);
+        Files->TakePaging();
+        Write(other, 0, "x");
+        Read(file, 0, 1);
+        LazyWrite();
+        for (const PagingOperation& operation : Files->TakePaging())
+        {
+            EXPECT_FALSE(operation.Write && operation.FileSize == 100) << testing::PrintToString(operation);
+        }
+        EXPECT_TRUE(CacheHasDirtyPages(CacheMapOf(file)));
+        looked = true;
+    };
+    EXPECT_EQ(SetEndOfFile(file, 100), STATUS_SUCCESS);
+    EXPECT_TRUE(looked);
+    LazyWrite();
     EXPECT_EQ(Files->TakePaging(), (Paging{{true, 0, 4096, 100}}));
     CloseFile(other);
+    CloseFile(file);
+}
+
+TEST_F(PageCache, AFlushByAnotherThreadWaitsForATruncationOnItsWayUp)
+{
+    PFILE_OBJECT file = OpenFresh(10000);
+    std::atomic<bool> settled = false;
+    std::thread flushing;
+    Files->BeforeSettled = [&]
+    {
+        Files->TakePaging();
+        flushing = std::thread(
+            [&]
+            {
+                EXPECT_EQ(FlushFile(file), STATUS_SUCCESS);
+                EXPECT_TRUE(settled);
+            });
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        EXPECT_EQ(Files->TakePaging(), Paging{});
+        settled = true;
+    };
+    EXPECT_EQ(SetEndOfFile(file, 100), STATUS_SUCCESS);
+    flushing.join();
+    EXPECT_EQ(Files->TakePaging(), (Paging{{true, 0, 4096, 100}}));
+    CloseFile(file);
+}
+
+TEST_F(PageCache, TheThreadThatTruncatesMayFlush)
+{
+    PFILE_OBJECT file = OpenFresh(10000);
+    Files->BeforeSettled = [&]
+    {
+        Files->TakePaging();
+        EXPECT_EQ(FlushFile(file), STATUS_SUCCESS);
+        EXPECT_EQ(Files->TakePaging(), (Paging{{true, 0, 4096, 100}}));
+    };
+    EXPECT_EQ(SetEndOfFile(file, 100), STATUS_SUCCESS);
+    EXPECT_FALSE(CacheHasDirtyPages(CacheMapOf(file)));
+    CloseFile(file);
+}
+
+// Without this each page would wait for the one before.
+TEST_F(PageCache, PagesOfOneStreamAreBroughtInSideBySide)
+{
+    PFILE_OBJECT file = OpenFresh(2 * CacheViewBytes);
+    std::latch both(2);
+    Files->BeforeRead = [&] { both.arrive_and_wait(); };
+    std::thread second([&] { EXPECT_EQ(Read(file, CacheViewBytes, 10), std::string(10, 'f')); });
+    EXPECT_EQ(Read(file, 100, 10), std::string(10, 'f'));
+    second.join();
+    Files->BeforeRead = nullptr;
+    EXPECT_EQ(Files->TakePaging().size(), 2u);
     CloseFile(file);
 }
 

@@ -60,6 +60,10 @@ public:
         *path = Normalized;
         return NameStatus;
     }
+    void Settled(PFILE_OBJECT) override
+    {
+        ++TimesSettled;
+    }
     bool IsDirectory(PFILE_OBJECT) override
     {
         return Directory;
@@ -95,6 +99,7 @@ public:
     ULONG NameOptions = 0;
     WideString Normalized = L"\\Dir\\long name.txt";
     NTSTATUS NameStatus = STATUS_SUCCESS;
+    std::atomic<unsigned> TimesSettled = 0;
 
 private:
     std::mutex mutex_;

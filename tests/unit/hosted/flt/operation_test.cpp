@@ -92,6 +92,28 @@ TEST_F(FltOperation, PostSeesTheResultAndMayChangeIt)
     files_->Handler = nullptr;
 }
 
+TEST_F(FltOperation, ChangesAreSettledOnceTheFilterSawThem)
+{
+    unsigned seen = 0;
+    Pre([](PFLT_CALLBACK_DATA, PVOID*) { return FLT_PREOP_SUCCESS_WITH_CALLBACK; });
+    Post(
+        [&](PFLT_CALLBACK_DATA, PVOID)
+        {
+            EXPECT_EQ(files_->TimesSettled, seen);
+            ++seen;
+        });
+    EXPECT_EQ(SetEndOfFile(file_, 100), STATUS_SUCCESS);
+    EXPECT_EQ(files_->TimesSettled, 1u);
+    EXPECT_EQ(WriteFile(file_, 0, buffer_, sizeof(buffer_), &status_), STATUS_SUCCESS);
+    EXPECT_EQ(files_->TimesSettled, 2u);
+    EXPECT_EQ(seen, 2u);
+    callbacks = {};
+    EXPECT_EQ(Read(), STATUS_SUCCESS);
+    EXPECT_EQ(ReadPage(), STATUS_SUCCESS);
+    EXPECT_EQ(PagingWrite(file_, 0, page_, PAGE_SIZE, &status_), STATUS_SUCCESS);
+    EXPECT_EQ(files_->TimesSettled, 2u) << "neither do reads change anything nor what the cache writes";
+}
+
 TEST_F(FltOperation, CompletingKeepsItFromTheFileSystem)
 {
     Pre(

@@ -52,6 +52,10 @@ public:
                 return status.Status = STATUS_UNEXPECTED_IO_ERROR;
             }
         }
+        if (BeforeRead && operation.IrpFlags & IRP_PAGING_IO && operation.MajorFunction == IRP_MJ_READ)
+        {
+            BeforeRead();
+        }
         return Inner->Dispatch(operation, status);
     }
     bool FastIoPossible(PFILE_OBJECT file, bool write, ULONG length) override
@@ -61,6 +65,19 @@ public:
     NTSTATUS NormalizedName(PFILE_OBJECT file, ULONG options, WideString* path) override
     {
         return Inner->NormalizedName(file, options, path);
+    }
+    void Settled(PFILE_OBJECT file) override
+    {
+        std::function<void()> before;
+        {
+            std::lock_guard guard(lock_);
+            before.swap(BeforeSettled);
+        }
+        if (before)
+        {
+            before();
+        }
+        Inner->Settled(file);
     }
     bool IsDirectory(PFILE_OBJECT file) override { return Inner->IsDirectory(file); }
     bool IsPagingFile(PFILE_OBJECT file) override { return Inner->IsPagingFile(file); }
@@ -72,6 +89,10 @@ public:
     }
 
     std::unique_ptr<FileSystem> Inner;
+    // Once, while the next operation that may have changed a size is on its way up.
+    std::function<void()> BeforeSettled;
+    // Before each paging read arrives.
+    std::function<void()> BeforeRead;
     std::atomic<bool> FailReads = false;
     std::atomic<bool> FailWrites = false;
 
