@@ -54,6 +54,9 @@ int FolderDescriptor(PFILE_OBJECT file);
 int FolderStat(PFILE_OBJECT file, struct stat* info);
 // As futimens(2), to the nanosecond. 0 or an error number.
 int FolderSetTimes(PFILE_OBJECT file, const timespec times[2]);
+// Makes room in the store for bytes that will be written later, inside the size or past it, which does not change; on a
+// data stream. STATUS_DISK_FULL; where the store cannot keep room free, success.
+NTSTATUS FolderReserve(PFILE_OBJECT file, LONGLONG offset, LONGLONG length);
 
 // Between the bytes of one component and its characters. Characters that names cannot hold here (" * : < > ? \ | and
 // 1 to 31, and a space or full stop at the end) are shown as U+F000 + code. False for bytes that are no UTF-8, that

@@ -85,6 +85,12 @@ int FolderFileSystem::SetTimes(FolderBlock& block, const timespec times[2])
     return error;
 }
 
+NTSTATUS FolderFileSystem::Reserve(FolderBlock& block, LONGLONG offset, LONGLONG length)
+{
+    std::shared_lock main(block.Main);
+    return ReserveRoom(block, offset, offset + length);
+}
+
 int FolderFileSystem::Stat(PFILE_OBJECT file, struct stat* info)
 {
     FolderBlock& block = *FolderBlockOf(file);

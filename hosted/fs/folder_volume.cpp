@@ -155,6 +155,12 @@ int FolderStat(PFILE_OBJECT file, struct stat* info)
     return static_cast<FolderFileSystem&>(FolderBlockOf(file)->Files).Stat(file, info);
 }
 
+NTSTATUS FolderReserve(PFILE_OBJECT file, LONGLONG offset, LONGLONG length)
+{
+    FolderBlock& block = *FolderBlockOf(file);
+    return static_cast<FolderFileSystem&>(block.Files).Reserve(block, offset, length);
+}
+
 int FolderSetTimes(PFILE_OBJECT file, const timespec times[2])
 {
     FolderBlock& block = *FolderBlockOf(file);

@@ -35,6 +35,7 @@ public:
 
     int Stat(PFILE_OBJECT file, struct stat* info);
     int SetTimes(FolderBlock& block, const timespec times[2]);
+    NTSTATUS Reserve(FolderBlock& block, LONGLONG offset, LONGLONG length);
 
 private:
     // folder_create.cpp

@@ -141,6 +141,9 @@ protected:
     NTSTATUS Resize(ControlBlock& block, LONGLONG newSize, bool rewriteEnds);
     NTSTATUS SetEndOfFile(ControlBlock& block, LONGLONG size);
 
+    // stream_data.cpp. The main lock is held.
+    NTSTATUS ReserveRoom(ControlBlock& block, LONGLONG begin, LONGLONG end);
+
     // target_name.cpp. No lock is needed.
     NTSTATUS ParseTargetName(const FLT_IO_PARAMETER_BLOCK& operation, TargetName* target) const;
 
@@ -165,7 +168,6 @@ private:
     NTSTATUS WriteNonCached(
         ControlBlock& block, LONGLONG offset, ULONG length, const void* data, ULONG_PTR* information);
     NTSTATUS WriteStore(ControlBlock& block, LONGLONG offset, ULONG length, const void* data);
-    NTSTATUS ReserveRoom(ControlBlock& block, LONGLONG begin, LONGLONG end);
     NTSTATUS WriteCached(ControlBlock& block, LONGLONG offset, ULONG length, const void* data, ULONG_PTR* information);
     bool IsSectorAligned(LONGLONG offset, ULONG length) const;
 

@@ -98,7 +98,7 @@ void OpenDirectory(fuse_req_t request, fuse_ino_t node, fuse_file_info* info)
             auto handle = std::make_unique<OpenHandle>();
             handle->Node = node;
             handle->File = OpenedFile(state.Nodes.PathOf(node),
-                {.Access = FILE_LIST_DIRECTORY | Traverse | FILE_READ_ATTRIBUTES, .Options = FILE_DIRECTORY_FILE});
+                {.Access = LookRights | FILE_LIST_DIRECTORY | Traverse, .Options = FILE_DIRECTORY_FILE});
             if (!handle->File)
             {
                 return ErrorFromStatus(handle->File.Status());

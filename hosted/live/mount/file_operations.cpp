@@ -20,11 +20,10 @@ constexpr size_t LargestTransfer = 1 << 20;
 
 ACCESS_MASK AccessFor(int flags)
 {
-    constexpr ACCESS_MASK Always = FILE_READ_ATTRIBUTES | ReadExtendedAttributes;
     constexpr ACCESS_MASK Changing = FILE_WRITE_DATA | FILE_WRITE_ATTRIBUTES;
     // The kernel's page cache reads the rest of a page that a program writes a part of.
     const bool changes = (flags & O_ACCMODE) != O_RDONLY;
-    return Always | FILE_READ_DATA | (changes ? Changing : 0);
+    return LookRights | FILE_READ_DATA | (changes ? Changing : 0);
 }
 
 ULONG DispositionFor(int flags)
@@ -111,13 +110,18 @@ NTSTATUS Reserve(PFILE_OBJECT file, int mode, LONGLONG offset, LONGLONG length)
         return STATUS_UNEXPECTED_IO_ERROR;
     }
     const LONGLONG end = offset + length;
-    if ((mode & (FALLOC_FL_PUNCH_HOLE | FALLOC_FL_ZERO_RANGE)) != 0)
+    NTSTATUS status = STATUS_SUCCESS;
+    if ((mode & FALLOC_FL_PUNCH_HOLE) == 0)
     {
-        const NTSTATUS status = WriteZeros(file, offset, std::min<LONGLONG>(end, info.st_size));
-        if (!NT_SUCCESS(status))
-        {
-            return status;
-        }
+        status = host::FolderReserve(file, offset, length);
+    }
+    if (NT_SUCCESS(status) && (mode & (FALLOC_FL_PUNCH_HOLE | FALLOC_FL_ZERO_RANGE)) != 0)
+    {
+        status = WriteZeros(file, offset, std::min<LONGLONG>(end, info.st_size));
+    }
+    if (!NT_SUCCESS(status))
+    {
+        return status;
     }
     if ((mode & FALLOC_FL_KEEP_SIZE) != 0 || end <= info.st_size)
     {

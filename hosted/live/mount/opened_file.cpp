@@ -2,6 +2,7 @@
 
 #include "hosted/ob/object.h"
 
+#include <algorithm>
 #include <chrono>
 #include <thread>
 #include <utility>
@@ -61,6 +62,16 @@ void OpenedFile::Close()
     }
 }
 
+OpenHandle::OpenHandle() : Opener(host::CurrentProcess())
+{
+    host::ReferenceObject(Opener);
+}
+
+OpenHandle::~OpenHandle()
+{
+    host::DereferenceObject(Opener);
+}
+
 OpenHandle* HandleSet::Add(std::unique_ptr<OpenHandle> handle)
 {
     OpenHandle* added = handle.get();
@@ -87,16 +98,27 @@ void HandleSet::Remove(OpenHandle* handle)
     // Here the files are closed, which takes its time.
 }
 
-PFILE_OBJECT HandleSet::AnyOf(NodeId node) const
+PFILE_OBJECT HandleSet::Find(NodeId node, auto&& fits) const
 {
     std::lock_guard guard(lock_);
-    const auto found = handles_.find(node);
-    if (found == handles_.end() || !found->second->File)
+    const auto [begin, end] = handles_.equal_range(node);
+    const auto found = std::find_if(begin, end, [&](const auto& entry) { return fits(*entry.second); });
+    if (found == end)
     {
         return nullptr;
     }
     host::ReferenceObject(found->second->File.Get());
     return found->second->File.Get();
+}
+
+PFILE_OBJECT HandleSet::AnyOf(NodeId node) const
+{
+    return Find(node, [](const OpenHandle&) { return true; });
+}
+
+PFILE_OBJECT HandleSet::OpenedBy(const host::Process* process, NodeId node) const
+{
+    return Find(node, [process](const OpenHandle& handle) { return handle.Opener == process; });
 }
 
 void HandleSet::Clear()

@@ -4,6 +4,7 @@
 #include "hosted/fs/folder_file_system.h"
 #include "hosted/io/file.h"
 #include "hosted/live/mount/node_table.h"
+#include "hosted/ps/process.h"
 
 #include <map>
 #include <memory>
@@ -17,6 +18,8 @@ namespace live
 constexpr ACCESS_MASK ReadExtendedAttributes = 0x0008;
 constexpr ACCESS_MASK WriteExtendedAttributes = 0x0010;
 constexpr ACCESS_MASK Traverse = 0x0020;
+// What every handle that the host's kernel holds is opened for.
+constexpr ACCESS_MASK LookRights = FILE_READ_ATTRIBUTES | ReadExtendedAttributes;
 
 struct OpenWish
 {
@@ -58,7 +61,14 @@ struct DirectoryEntry
 // What the host's kernel holds open.
 struct OpenHandle
 {
-    NodeId Node;
+    // By the process that the thread plays.
+    OpenHandle();
+    ~OpenHandle();
+    OpenHandle(const OpenHandle&) = delete;
+    OpenHandle& operator=(const OpenHandle&) = delete;
+
+    NodeId Node = 0;
+    host::Process* const Opener; // referenced
     OpenedFile File;   // cached
     OpenedFile Direct; // non-cached as well, when it was opened with O_DIRECT
     std::mutex Lock;
@@ -74,10 +84,14 @@ public:
     void Remove(OpenHandle* handle);
     // Any open file object of the node, referenced; null: none is open. For a file without a name.
     PFILE_OBJECT AnyOf(NodeId node) const;
+    // One that this process opened.
+    PFILE_OBJECT OpenedBy(const host::Process* process, NodeId node) const;
     // Closes everything.
     void Clear();
 
 private:
+    PFILE_OBJECT Find(NodeId node, auto&& fits) const;
+
     mutable std::mutex lock_;
     std::multimap<NodeId, std::unique_ptr<OpenHandle>> handles_;
 };

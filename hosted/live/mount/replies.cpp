@@ -91,6 +91,14 @@ NodeFile::NodeFile(MountState& state, fuse_ino_t node, const OpenWish& wish, con
         host::ReferenceObject(borrowed_);
         return;
     }
+    if ((wish.Access & ~LookRights) == 0)
+    {
+        borrowed_ = state.Handles.OpenedBy(host::CurrentProcess(), node);
+        if (borrowed_ != nullptr)
+        {
+            return;
+        }
+    }
     const host::WideString path = state.Nodes.PathOf(node);
     opened_ = OpenedFile(path, wish);
     if (path.empty())

@@ -33,7 +33,8 @@ host::FolderCreation CreationBy(fuse_req_t request, mode_t mode);
 // set-id bits go, unless it was root.
 void DropPowers(fuse_req_t request, PFILE_OBJECT file);
 
-// A file of the volume for one request: the handle's, if the request came with one; otherwise opened anew, or, when its
+// A file of the volume for one request: the handle's, if the request came with one; for a look, one that the same
+// process has open, since the host's kernel asks for attributes with every write; otherwise opened anew, or, when its
 // name is gone, any open one.
 class NodeFile
 {

@@ -118,6 +118,18 @@ TEST_P(LiveProcesses, WhatIsCachedForOneIsNotShownToAnother)
     EXPECT_THAT(Outside("ls '" + volume->Sandbox().string() + "'").Output, HasSubstr("Permission denied"));
 }
 
+TEST_P(LiveProcesses, AnOpenFileSpeaksForItsOpenerAlone)
+{
+    const std::string shell = CopyOfShell("editor");
+    ASSERT_EQ(volume->Agent("process add " + Pattern(shell)).Code, 0);
+    const Outcome outcome =
+        Outside(shell + " -c 'exec 3< " + Document() + "; [ -s /proc/self/fd/3 ] && echo has size\n"
+                "stat -L /proc/self/fd/3; exec stat -L /proc/self/fd/3'");
+    EXPECT_EQ(outcome.Output, "has size\n"
+                              "stat: cannot statx '/proc/self/fd/3': Permission denied\n"
+                              "stat: cannot statx '/proc/self/fd/3': Permission denied\n");
+}
+
 TEST_P(LiveProcesses, AProtectedFileIsForItsProcessOnly)
 {
     ASSERT_EQ(Outside("echo open > mount/notes; cat mount/notes").Output, "open\n");

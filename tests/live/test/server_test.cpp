@@ -130,9 +130,14 @@ TEST_F(LiveServer, AFullStoreIsToldToTheWriter)
         "echo before > mount3/small\n"
         "{ dd if=/dev/zero of=mount3/big bs=1M count=20 conv=fsync || true; } 2>&1 | grep -o 'No space left on device'\n"
         "rm mount3/big; echo after >> mount3/small; cat mount3/small\n"
+        "{ fallocate -l 20M mount3/more || true; } 2>&1 | grep -o 'No space left on device'; rm -f mount3/more\n"
+        "fallocate -l 4M mount3/kept; fallocate -n -l 2M mount3/small; stat -c %s mount3/kept mount3/small\n"
+        "{ dd if=/dev/zero of=mount3/big bs=1M count=20 conv=fsync || true; } 2>&1 | grep -o 'No space left on device'\n"
+        "dd if=/dev/zero of=mount3/kept bs=1M count=4 conv=notrunc,fsync 2> /dev/null && echo kept; rm mount3/big\n"
         "fusermount3 -u mount3; while ! grep -q 'left behind' log3; do :; done; grep -o 'left behind: .*' log3\n"
         "cat full/small");
-    EXPECT_EQ(outcome.Output, "No space left on device\nbefore\nafter\nleft behind: nothing\nbefore\nafter\n");
+    EXPECT_EQ(outcome.Output, "No space left on device\nbefore\nafter\nNo space left on device\n4194304\n13\n"
+                              "No space left on device\nkept\nleft behind: nothing\nbefore\nafter\n");
     Outside("umount full");
 }
 
