@@ -210,13 +210,13 @@ Outcome LiveVolume::Outside(const std::string& script, const fs::path& folder) c
     return Shell(LongestRun + std::string("bash ") + Quoted(file), folder);
 }
 
-int LiveVolume::End()
+int LiveVolume::End(int signal)
 {
     if (server_ <= 0)
     {
         return -1;
     }
-    kill(server_, SIGTERM);
+    kill(server_, signal);
     int status = 0;
     waitpid(std::exchange(server_, -1), &status, 0);
     collector_.join();

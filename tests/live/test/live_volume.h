@@ -2,6 +2,7 @@
 #pragma once
 
 #include <condition_variable>
+#include <csignal>
 #include <filesystem>
 #include <mutex>
 #include <string>
@@ -52,9 +53,9 @@ public:
     // The agent's command line for scripts.
     std::string AgentCommand() const;
 
-    // Ends the server, as an administrator does; its exit code, which is not 0 when something was left behind
-    // or it does not run. Start brings it back with the same store.
-    int End();
+    // Ends the server, as an administrator does, or with signal 0 waits for its end; its exit code, which is not 0 when
+    // something was left behind or it does not run. Start brings it back with the same store.
+    int End(int signal = SIGTERM);
     void Start();
     // Ends it at once, with nothing flushed, and takes the dead mount away.
     void Kill();

@@ -106,8 +106,44 @@ TEST_F(LiveServer, UnmountingEndsIt)
 {
     ASSERT_EQ(volume->Inside("echo secret > document").Code, 0);
     EXPECT_EQ(Outside("fusermount3 -u mount").Code, 0);
-    EXPECT_EQ(volume->End(), 0) << volume->Log();
+    EXPECT_EQ(volume->End(0), 0) << volume->Log();
     EXPECT_THAT(volume->Log(), HasSubstr("left behind: nothing\n"));
+}
+
+TEST_F(LiveServer, AnInterruptEndsIt)
+{
+    ASSERT_EQ(volume->Inside("echo secret > document").Code, 0);
+    EXPECT_EQ(volume->End(SIGINT), 0) << volume->Log();
+    EXPECT_THAT(volume->Log(), HasSubstr("left behind: nothing\n"));
+}
+
+// Without the rights of root: mounted by fusermount3, and every file is the user's own.
+TEST_F(LiveServer, AnOrdinaryUserCanServeOne)
+{
+    if (geteuid() != 0)
+    {
+        GTEST_SKIP() << "only root can act as somebody else; as it is, all these tests run as an ordinary user";
+    }
+    std::ofstream(volume->Folder() / "steps") << R"x(
+        mkdir store mount
+        ./tarnhost --daemon --store store --mount mount --socket control --log log
+        agent() { ./tarnctl --socket control "$@" > answer || { cat answer; exit 1; }; }
+        head -c 33 /dev/urandom > key; agent key set --from-file key
+        agent parent add "C:${PWD//\//\\}\launch"; agent start
+        ./launch -c 'bash -ec "cd mount/Sandbox; umask 022; echo secret > document; chmod 640 document
+                     mkdir folder; mv document folder; cat folder/document; stat -c %a:%u:%g folder/document"; true'
+        cat mount/Sandbox/folder/document 2>&1 || true
+        fusermount3 -u mount; while ! grep -q 'left behind' log; do :; done; grep -o 'left behind: .*' log
+        stat -c %a:%s store/Sandbox/folder/document; grep -c secret store/Sandbox/folder/document || true)x";
+    const Outcome outcome = Outside(
+        "mkdir user; cp steps " TARNHOST " " TARNCTL " user; cp /bin/bash user/launch; chown -R 65534:65534 user\n"
+        "chmod 711 .; cd user\n"
+        // The device is everybody's on most machines; here it is so at least for this test.
+        "exec unshare -m bash -ec 'mknod -m 666 ../fuse c 10 229; mount --bind ../fuse /dev/fuse\n"
+        "exec setpriv --reuid=65534 --regid=65534 --clear-groups bash -e steps'");
+    EXPECT_EQ(outcome.Output, "secret\n640:65534:65534\n"
+                              "cat: mount/Sandbox/folder/document: Permission denied\n"
+                              "left behind: nothing\n640:7\n0\n");
 }
 
 TEST_F(LiveServer, InTheBackgroundItReturnsWhenTheVolumeCanBeUsed)
@@ -128,11 +164,12 @@ TEST_F(LiveServer, AFullStoreIsToldToTheWriter)
     const Outcome outcome = Outside(
         TARNHOST " --daemon --store full --mount mount3 --socket control3 --log log3\n"
         "echo before > mount3/small\n"
-        "{ dd if=/dev/zero of=mount3/big bs=1M count=20 conv=fsync || true; } 2>&1 | grep -o 'No space left on device'\n"
+        "fill() { { dd if=/dev/zero of=mount3/big bs=1M count=20 conv=fsync || true; } 2>&1 | grep -o 'No space.*'; }\n"
+        "fill\n"
         "rm mount3/big; echo after >> mount3/small; cat mount3/small\n"
         "{ fallocate -l 20M mount3/more || true; } 2>&1 | grep -o 'No space left on device'; rm -f mount3/more\n"
         "fallocate -l 4M mount3/kept; fallocate -n -l 2M mount3/small; stat -c %s mount3/kept mount3/small\n"
-        "{ dd if=/dev/zero of=mount3/big bs=1M count=20 conv=fsync || true; } 2>&1 | grep -o 'No space left on device'\n"
+        "fill\n"
         "dd if=/dev/zero of=mount3/kept bs=1M count=4 conv=notrunc,fsync 2> /dev/null && echo kept; rm mount3/big\n"
         "fusermount3 -u mount3; while ! grep -q 'left behind' log3; do :; done; grep -o 'left behind: .*' log3\n"
         "cat full/small");
