@@ -1,6 +1,7 @@
 #include "driver/core/control_device.h"
 
 #include "driver/core/global_state.h"
+#include "driver/core/request_gate.h"
 #include "driver/util/counted_string.h"
 
 namespace
@@ -14,6 +15,7 @@ void CreateControlDevice(PDRIVER_OBJECT driverObject)
     UNICODE_STRING deviceName = CountedView(DeviceName);
     UNICODE_STRING linkName = CountedView(LinkName);
     DbgPrint("Create NT Device %wZ\n", &deviceName);
+    OpenRequestGate();
 
     PDEVICE_OBJECT device = nullptr;
     NTSTATUS status = IoCreateDevice(driverObject, 0, &deviceName, FILE_DEVICE_UNKNOWN, 0, FALSE, &device);

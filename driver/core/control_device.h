@@ -12,5 +12,6 @@ void DeleteControlDevice();
 // Open, close and cleanup: any process may.
 NTSTATUS NTAPI OpenCloseControlDevice(PDEVICE_OBJECT device, PIRP irp);
 // Device-control requests. Completes every request that it can decode and returns the status it completed with; a
-// request without a packet or stack location is printed and answered with STATUS_SUCCESS, uncompleted.
+// request without a packet or stack location is printed and answered with STATUS_SUCCESS, uncompleted. After the filter
+// was unloaded: STATUS_DELETE_PENDING.
 NTSTATUS NTAPI DispatchDeviceControl(PDEVICE_OBJECT device, PIRP irp);

@@ -1,5 +1,6 @@
 #include "driver/core/control_device.h"
 #include "driver/core/request.h"
+#include "driver/core/request_gate.h"
 
 namespace
 {
@@ -50,6 +51,14 @@ NTSTATUS HandleRequest(ULONG code, Request& request)
     }
     return STATUS_INVALID_PARAMETER;
 }
+
+NTSTATUS Complete(PIRP irp, NTSTATUS status, ULONG_PTR information)
+{
+    irp->IoStatus.Status = status;
+    irp->IoStatus.Information = information;
+    IofCompleteRequest(irp, IO_NO_INCREMENT);
+    return status;
+}
 }
 
 NTSTATUS NTAPI DispatchDeviceControl(PDEVICE_OBJECT, PIRP irp)
@@ -65,13 +74,15 @@ NTSTATUS NTAPI DispatchDeviceControl(PDEVICE_OBJECT, PIRP irp)
         DbgPrint("Tarnveil - CurrentIoStackLocation NULL\n");
         return STATUS_SUCCESS;
     }
+    if (!BeginRequest())
+    {
+        // Through a handle that outlives the filter.
+        return Complete(irp, STATUS_DELETE_PENDING, 0);
+    }
     const auto& control = stack->Parameters.DeviceIoControl;
     Request request = {irp->AssociatedIrp.SystemBuffer, control.InputBufferLength, irp->UserBuffer,
         control.OutputBufferLength, irp->RequestorMode, 0};
     NTSTATUS status = HandleRequest(control.IoControlCode, request);
-
-    irp->IoStatus.Status = status;
-    irp->IoStatus.Information = request.Information;
-    IofCompleteRequest(irp, IO_NO_INCREMENT);
-    return status;
+    EndRequest();
+    return Complete(irp, status, request.Information);
 }

@@ -4,6 +4,7 @@
 #include "driver/config/product_mode_list.h"
 #include "driver/core/control_device.h"
 #include "driver/core/global_state.h"
+#include "driver/core/request_gate.h"
 #include "driver/core/system_routines.h"
 #include "driver/log/log_channel.h"
 #include "driver/process/process_notify.h"
@@ -58,6 +59,7 @@ NTSTATUS NTAPI UnloadDriver(FLT_FILTER_UNLOAD_FLAGS)
         Global.Filter = nullptr;
     }
     DeleteControlDevice();
+    CloseRequestGate();
     FreeConfiguration();
     EmptyLists();
     CTFinalize(&Global.ProcessCache);

@@ -23,7 +23,9 @@ FLT_POSTOP_CALLBACK_STATUS NTAPI PostSetInformation(
     PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS objects, PVOID, FLT_POST_OPERATION_FLAGS)
 {
     StreamContextReference stream;
-    if (NT_SUCCESS(data->IoStatus.Status) && IsEndOfFileChange(data) && stream.Find(objects))
+    // A completion may run too high to look for the context. The next write then tells the size.
+    bool follow = KeGetCurrentIrql() <= APC_LEVEL && NT_SUCCESS(data->IoStatus.Status) && IsEndOfFileChange(data);
+    if (follow && stream.Find(objects))
     {
         auto information =
             static_cast<PFILE_END_OF_FILE_INFORMATION>(data->Iopb->Parameters.SetFileInformation.InfoBuffer);

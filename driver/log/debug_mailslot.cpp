@@ -175,7 +175,12 @@ NTSTATUS __cdecl WriteDebugMailslot(ULONG level, ULONG flags, HANDLE mailslot, U
     }
     va_list arguments;
     va_start(arguments, format);
-    line.Append(format, arguments);
+    status = line.Append(format, arguments);
     va_end(arguments);
+    // A message that does not fit is left out, and its header written all the same.
+    if (!NT_SUCCESS(status) && status != STATUS_BUFFER_OVERFLOW)
+    {
+        return status;
+    }
     return line.WriteTo(mailslot);
 }

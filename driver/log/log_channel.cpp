@@ -83,21 +83,28 @@ void DropAll() REQUIRES_LOCK(Channel.Records.Lock)
     }
 }
 
-// A full queue loses its oldest record, never the new one.
-void Queue(LogRecordEntry* entry)
+bool IsEnabled(ULONG level) REQUIRES_LOCK(Channel.Records.Lock)
+{
+    return Channel.Event != nullptr && (Channel.Flags & level) != 0;
+}
+
+// A full queue loses its oldest record, never the new one. Logging may have stopped while the record was made, which
+// then stays the caller's.
+void Queue(PoolPointer<LogRecordEntry>& entry)
 {
     WithLock(Channel.Records.Lock,
-        [entry]() REQUIRES_LOCK(Channel.Records.Lock)
+        [&entry]() REQUIRES_LOCK(Channel.Records.Lock)
         {
+            if (!IsEnabled(entry->Body.Level))
+            {
+                return;
+            }
             for (ULONG count = Channel.Records.Entries.Count(); count >= TARNVEIL_LOG_MAXIMUM_RECORDS; --count)
             {
                 DropOldest();
             }
-            Channel.Records.Entries.Append(entry);
-            if (Channel.Event != nullptr)
-            {
-                KeSetEvent(Channel.Event, 0, FALSE);
-            }
+            Channel.Records.Entries.Append(entry.Detach());
+            KeSetEvent(Channel.Event, 0, FALSE);
         });
 }
 
@@ -204,7 +211,7 @@ BOOLEAN IsLogLevelEnabled(ULONG level)
     {
         WithLockBelowDispatch(Channel.Records.Lock,
             [&enabled, level]() REQUIRES_LOCK(Channel.Records.Lock)
-            { enabled = Channel.Event != nullptr && (Channel.Flags & level) != 0; });
+            { enabled = IsEnabled(level); });
     }
     return enabled;
 }
@@ -250,7 +257,7 @@ NTSTATUS __cdecl WriteLogRecord(ULONG level, HANDLE processId, PCWSTR processNam
     va_start(arguments, format);
     FillMessage(entry.Get(), format, arguments);
     va_end(arguments);
-    Queue(entry.Detach());
+    Queue(entry);
     return STATUS_SUCCESS;
 }
 

@@ -78,7 +78,7 @@ bool HasGrownBeyond(ULONG paths)
 {
     bool grown = false;
     WithLock(Global.FileProtections.Lock, [&grown, paths]() REQUIRES_LOCK(Global.FileProtections.Lock)
-        { grown = Global.FileProtections.Entries.Count() != paths; });
+        { grown = Global.FileProtections.Entries.Count() > paths; });
     return grown;
 }
 }

@@ -22,7 +22,8 @@ PoolPointer<WCHAR> TerminatedCopy(const UNICODE_STRING& string)
     auto copy = PoolPointer<WCHAR>::Allocate(string.Length + sizeof(WCHAR));
     if (copy)
     {
-        RtlCopyMemory(copy.Get(), string.Buffer, string.Length);
+        // Whole characters, so that the terminator lies within the copy.
+        RtlCopyMemory(copy.Get(), string.Buffer, CharacterCount(string) * sizeof(WCHAR));
     }
     return copy;
 }

@@ -10,13 +10,16 @@ bool InGuardedCall();
 [[noreturn]] void RaiseStatus(NTSTATUS status);
 }
 
-// Runs body() and returns STATUS_SUCCESS, or the status of the memory fault that ended it. Only user memory may be
+// Runs body() and returns STATUS_SUCCESS, or the status of the memory fault that ended it, where a guard page counts as
+// STATUS_ACCESS_VIOLATION. Only user memory may be
 // touched in the body. It may own nothing that needs destruction; locks only through WithTermination.
 template <class Body>
 inline NTSTATUS TryAccess(Body&& body)
 {
     auto* address = &body;
-    return host::GuardedCall([](void* context) { (**static_cast<decltype(address)*>(context))(); }, &address);
+    const NTSTATUS status =
+        host::GuardedCall([](void* context) { (**static_cast<decltype(address)*>(context))(); }, &address);
+    return status == STATUS_GUARD_PAGE_VIOLATION ? STATUS_ACCESS_VIOLATION : status;
 }
 
 // Runs body(), then cleanup(): exactly once on every way out, also when a memory fault at a user address leaves the

@@ -115,10 +115,10 @@ extern "C" LONG NTAPI KeSetEvent(PRKEVENT Event, KPRIORITY Increment, BOOLEAN Wa
     {
         host::BugCheck("event-increment", "KeSetEvent with the priority increment %d", Increment);
     }
-    // With Wait set the caller promises to wait next, and this system exports no routine that waits.
+    // With Wait set the caller keeps the dispatcher locked until the wait that has to follow.
     if (Wait)
     {
-        host::BugCheck("event-wait", "KeSetEvent with Wait set, but no wait can follow");
+        host::BugCheck("event-wait", "KeSetEvent with Wait set is not modelled");
     }
     host::Bucket& bucket = host::BucketOf(Event);
     std::lock_guard lock(bucket.Lock);
@@ -134,4 +134,21 @@ extern "C" LONG NTAPI KeSetEvent(PRKEVENT Event, KPRIORITY Increment, BOOLEAN Wa
         }
     }
     return previous;
+}
+
+extern "C" NTSTATUS NTAPI KeWaitForSingleObject(
+    PVOID Object, KWAIT_REASON, KPROCESSOR_MODE WaitMode, BOOLEAN Alertable, PLARGE_INTEGER Timeout)
+{
+    host::RequireIrql(APC_LEVEL, "KeWaitForSingleObject");
+    const auto event = static_cast<PKEVENT>(Object);
+    host::RequireEvent(event, "KeWaitForSingleObject");
+    if (WaitMode != KernelMode || Alertable || Timeout != nullptr)
+    {
+        host::BugCheck("NOT_MODELLED", "a wait in user mode, alertable or with a timeout");
+    }
+    constexpr unsigned AWhile = 1000;
+    while (!host::WaitForEvent(event, AWhile))
+    {
+    }
+    return STATUS_SUCCESS;
 }

@@ -86,8 +86,12 @@ void Raise(NTSTATUS status, const void* address)
 
 void OnFault(int signal, siginfo_t* information, void* context)
 {
-    const NTSTATUS status = signal == SIGSEGV ? STATUS_ACCESS_VIOLATION : STATUS_IN_PAGE_ERROR;
     const bool isUserAddress = IsPageFault(signal, information) && IsUserAddress(information->si_addr);
+    NTSTATUS status = signal == SIGSEGV ? STATUS_ACCESS_VIOLATION : STATUS_IN_PAGE_ERROR;
+    if (isUserAddress && TakeGuard(information->si_addr))
+    {
+        status = STATUS_GUARD_PAGE_VIOLATION;
+    }
     const ImageFaultHooks* hooks = imageHooks;
     if (hooks != nullptr && hooks->OnImageFault(status, information->si_addr, isUserAddress, context))
     {
@@ -138,6 +142,11 @@ UserRegion::~UserRegion()
 void UserRegion::Protect(bool readable, bool writable)
 {
     ProtectUserPages(base_, size_, readable, writable);
+}
+
+void UserRegion::Guard()
+{
+    GuardUserPages(base_, size_);
 }
 
 void UserRegion::ProtectFrom(SIZE_T offset, bool readable, bool writable)

@@ -21,6 +21,9 @@ public:
     SIZE_T Size() const { return size_; }
     UCHAR* Tail(SIZE_T bytes) const { return base_ + size_ - bytes; }
     void Protect(bool readable, bool writable);
+    // As a program sets a guard on its pages: the next access to each raises STATUS_GUARD_PAGE_VIOLATION and takes the
+    // guard away.
+    void Guard();
     // The pages from the one at `offset` bytes to the last.
     void ProtectFrom(SIZE_T offset, bool readable, bool writable);
 

@@ -17,6 +17,11 @@ namespace
 constexpr SIZE_T SpacePages = 1u << 20; // 4 GiB of address space
 constexpr ULONG_PTR LowestBytes = 0x10000;
 
+// What a page is; in `live`.
+constexpr UCHAR Dead = 0;
+constexpr UCHAR Live = 1;
+constexpr UCHAR Guarded = 2;
+
 // Asked in a signal handler: plain atomics only.
 std::atomic<ULONG_PTR> spaceBase{0};
 std::atomic<UCHAR> live[SpacePages];
@@ -126,7 +131,7 @@ bool IsUserAddress(const volatile void* address)
     {
         return false;
     }
-    return live[(value - base) / PAGE_SIZE].load(std::memory_order_acquire) != 0;
+    return live[(value - base) / PAGE_SIZE].load(std::memory_order_acquire) != Dead;
 }
 
 UCHAR* ReserveUserPages(SIZE_T bytes)
@@ -136,14 +141,14 @@ UCHAR* ReserveUserPages(SIZE_T bytes)
     SIZE_T first = TakePages(space, pages);
     UCHAR* base = reinterpret_cast<UCHAR*>(spaceBase.load(std::memory_order_acquire)) + first * PAGE_SIZE;
     ProtectUserPages(base, bytes, true, true);
-    MarkPages(first, pages, 1);
+    MarkPages(first, pages, Live);
     return base;
 }
 
 void ReleaseUserPages(UCHAR* base, SIZE_T bytes)
 {
     SIZE_T pages = bytes / PAGE_SIZE + 1;
-    MarkPages(PageOf(base), pages, 0);
+    MarkPages(PageOf(base), pages, Dead);
     // A fresh mapping over the old one gives the memory back and makes the next use of these pages zero-filled.
     void* mapped = mmap(base, pages * PAGE_SIZE, PROT_NONE,
                         MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_FIXED, -1, 0);
@@ -162,5 +167,29 @@ void ProtectUserPages(UCHAR* base, SIZE_T bytes, bool readable, bool writable)
     {
         BugCheck("user-space", "protection cannot be changed: %s", strerror(errno));
     }
+    MarkPages(PageOf(base), bytes / PAGE_SIZE, Live);
+}
+
+void GuardUserPages(UCHAR* base, SIZE_T bytes)
+{
+    ProtectUserPages(base, bytes, false, false);
+    MarkPages(PageOf(base), bytes / PAGE_SIZE, Guarded);
+}
+
+bool TakeGuard(const volatile void* address)
+{
+    const ULONG_PTR value = reinterpret_cast<ULONG_PTR>(address);
+    if (value < LowestBytes || !IsUserAddress(address))
+    {
+        return false;
+    }
+    const ULONG_PTR base = spaceBase.load(std::memory_order_acquire);
+    UCHAR expected = Guarded;
+    if (!live[(value - base) / PAGE_SIZE].compare_exchange_strong(expected, Live))
+    {
+        return false;
+    }
+    mprotect(reinterpret_cast<void*>(ALIGN_DOWN_BY(value, PAGE_SIZE)), PAGE_SIZE, PROT_READ | PROT_WRITE);
+    return true;
 }
 }

@@ -10,4 +10,8 @@ namespace host
 UCHAR* ReserveUserPages(SIZE_T bytes);
 void ReleaseUserPages(UCHAR* base, SIZE_T bytes);
 void ProtectUserPages(UCHAR* base, SIZE_T bytes, bool readable, bool writable);
+// The next access to each page is a fault, after which the page is as before: readable and writable.
+void GuardUserPages(UCHAR* base, SIZE_T bytes);
+// Whether that was such an access; the page then has no guard any more. In a signal handler, too.
+bool TakeGuard(const volatile void* address);
 }

@@ -31,6 +31,7 @@
     EXPORT(Ntoskrnl, KeExpandKernelStackAndCallout)                                                                    \
     EXPORT(Ntoskrnl, KeInitializeEvent)                                                                                \
     EXPORT(Ntoskrnl, KeSetEvent)                                                                                       \
+    EXPORT(Ntoskrnl, KeWaitForSingleObject)                                                                            \
     EXPORT(Ntoskrnl, MmBuildMdlForNonPagedPool)                                                                        \
     EXPORT(Ntoskrnl, MmGetSystemRoutineAddress)                                                                        \
     EXPORT(Ntoskrnl, MmMapLockedPagesSpecifyCache)                                                                     \

@@ -27,6 +27,7 @@ enum class OutputBuffer
     NoAccess,
     Null,
     LostMidway, // writable when the request is made, inaccessible when the driver gets it
+    Guarded,    // as LostMidway, but its pages got a guard only: they are back after one fault
     Kernel      // an address that is no program's
 };
 

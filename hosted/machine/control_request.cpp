@@ -45,6 +45,10 @@ public:
         {
             user_.Protect(false, false);
         }
+        if (options_.Kind == OutputBuffer::Guarded)
+        {
+            user_.Guard();
+        }
     }
 
     std::string Content() const

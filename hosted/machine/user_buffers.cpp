@@ -53,6 +53,12 @@ void UserBuffer::Protect(bool readable, bool writable)
     protected_ = true;
 }
 
+void UserBuffer::Guard()
+{
+    region_->Guard();
+    protected_ = true;
+}
+
 std::unique_ptr<UserRegion> UserBuffers::Take(SIZE_T bytes)
 {
     {

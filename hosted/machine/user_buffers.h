@@ -31,6 +31,8 @@ public:
     std::string Content(SIZE_T bytes = ~SIZE_T{0}) const;
     // Takes the access away until the buffer goes.
     void Protect(bool readable, bool writable);
+    // Sets guards on its pages (UserRegion::Guard).
+    void Guard();
 
 private:
     UserBuffers& owner_;

@@ -1,4 +1,5 @@
 #include "tests/scenario/cipher_scenario.h"
+#include "tests/scenario/driver_under_test.h"
 
 #include <gmock/gmock.h>
 
@@ -83,6 +84,20 @@ TEST_F(CreateDecision, TheSandboxFolderItselfIsInsideInAnyCase)
         EXPECT_EQ(scenario_->Agent->OpenDirectory(path).Status(), STATUS_ACCESS_DENIED) << Narrow(path);
         EXPECT_EQ(scenario_->Editor->OpenDirectory(path).Status(), STATUS_SUCCESS) << Narrow(path);
     }
+}
+
+TEST(CreateDecisionFolder, LettersBeyondAsciiHaveTwoCasesToo)
+{
+    Machine machine;
+    machine.Registry().SetString(Machine::ServiceKey, L"SandboxPath", L"\\Device\\HarddiskVolume1\\\u00dcbung");
+    ASSERT_EQ(machine.MakeFolder(L"C:\\\u00dcbung"), STATUS_SUCCESS);
+    ASSERT_EQ(machine.LoadDriver(scenario_test::DriverUnderTest()), STATUS_SUCCESS);
+    const Program outsider = machine.StartProcess(L"C:\\outsider.exe");
+    for (const WideView path : {L"C:\\\u00dcbung", L"C:\\\u00fcbung", L"C:\\\u00fcBUNG"})
+    {
+        EXPECT_EQ(outsider.OpenDirectory(path).Status(), STATUS_ACCESS_DENIED) << Narrow(path);
+    }
+    EXPECT_EQ(outsider.OpenDirectory(L"C:\\").Status(), STATUS_SUCCESS);
 }
 
 TEST_F(CreateDecision, PathsBelowAreInsideInAnyCase)

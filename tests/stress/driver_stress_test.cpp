@@ -92,8 +92,8 @@ TEST(DriverStress, ProgramsAgentAndProcessesAtOnce)
     EXPECT_EQ(machine.Computer.UnloadDriver(), STATUS_SUCCESS);
 }
 
-// The filter and the process notifications come and go under the work. Requests do not: no system takes a driver away
-// while one of them is in it.
+// The filter and the process notifications come and go under the work. Requests wait outside, since they would be
+// refused without the driver; unload waits for those inside by itself, which another test shows.
 TEST(DriverStress, LoadedAndUnloadedWhileWorkGoesOn)
 {
     StressMachine machine;
@@ -126,7 +126,7 @@ TEST(DriverStress, LoadedAndUnloadedWhileWorkGoesOn)
         });
     run.Add("processes", [&](Random& random) { return machine.ProcessWork(random); });
     run.Add("outsider", [&](Random& random) { return machine.OutsiderWork(random, false); });
-    // Requests share it; who takes the driver away has it alone, and does not wait for a moment without requests.
+    // Requests share it; who takes the driver away has it alone.
     FairSharedMutex gate;
     run.Add("settings",
         [&](Random& random) -> Round

@@ -31,10 +31,17 @@ constexpr int FilterMemoryFault(NTSTATUS code)
     case STATUS_ACCESS_VIOLATION:
     case STATUS_DATATYPE_MISALIGNMENT:
     case STATUS_IN_PAGE_ERROR:
+    case STATUS_GUARD_PAGE_VIOLATION:
         return EXCEPTION_EXECUTE_HANDLER;
     default:
         return EXCEPTION_CONTINUE_SEARCH;
     }
+}
+
+// A program may set a guard on its pages at any moment, which is only a warning to itself.
+constexpr NTSTATUS StatusOfFault(NTSTATUS code)
+{
+    return code == STATUS_GUARD_PAGE_VIOLATION ? STATUS_ACCESS_VIOLATION : code;
 }
 
 }
@@ -57,7 +64,8 @@ __attribute__((no_thread_safety_analysis)) void WithTermination(Body&& body, Cle
 }
 
 // Runs body() and returns STATUS_SUCCESS, or the code of the memory fault that ended it (STATUS_ACCESS_VIOLATION,
-// STATUS_DATATYPE_MISALIGNMENT, STATUS_IN_PAGE_ERROR). Other exceptions go on to an outer handler.
+// STATUS_DATATYPE_MISALIGNMENT, STATUS_IN_PAGE_ERROR; a guard page counts as the first). Other exceptions go on to an
+// outer handler.
 // The body must touch nothing but the memory in doubt: only user-mode addresses raise a fault that can be handled,
 // and what it did before the fault stays done. Locks that it takes must be held through WithTermination.
 // IRQL <= APC_LEVEL, since paging in may wait.
@@ -71,7 +79,7 @@ __attribute__((no_thread_safety_analysis)) NTSTATUS TryAccess(Body&& body)
     }
     __except (fault_guard::FilterMemoryFault(static_cast<NTSTATUS>(GetExceptionCode())))
     {
-        status = static_cast<NTSTATUS>(GetExceptionCode());
+        status = fault_guard::StatusOfFault(static_cast<NTSTATUS>(GetExceptionCode()));
     }
     return status;
 }

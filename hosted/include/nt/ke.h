@@ -28,6 +28,11 @@ typedef enum _EVENT_TYPE : int
     SynchronizationEvent
 } EVENT_TYPE;
 
+typedef enum _KWAIT_REASON : int
+{
+    Executive
+} KWAIT_REASON;
+
 typedef struct _FAST_MUTEX
 {
     LONG Count;
@@ -100,6 +105,8 @@ DECLSPEC_NORETURN void NTAPI KeBugCheckOnFastFail(unsigned int Code);
 
 void NTAPI KeInitializeEvent(PRKEVENT Event, EVENT_TYPE Type, BOOLEAN State);
 LONG NTAPI KeSetEvent(PRKEVENT Event, KPRIORITY Increment, BOOLEAN Wait);
+NTSTATUS NTAPI KeWaitForSingleObject(
+    PVOID Object, KWAIT_REASON WaitReason, KPROCESSOR_MODE WaitMode, BOOLEAN Alertable, PLARGE_INTEGER Timeout);
 NTSTATUS NTAPI KeExpandKernelStackAndCallout(PEXPAND_STACK_CALLOUT Callout, PVOID Parameter, SIZE_T Size);
 void NTAPI IoGetStackLimits(PULONG_PTR LowLimit, PULONG_PTR HighLimit);
 

@@ -33,6 +33,7 @@ inline constexpr Export Windows7Exports[] = {
     {"ntoskrnl.exe", "KeExpandKernelStackAndCallout", 5.2},
     {"ntoskrnl.exe", "KeInitializeEvent", 5.0},
     {"ntoskrnl.exe", "KeSetEvent", 5.0},
+    {"ntoskrnl.exe", "KeWaitForSingleObject", 5.0},
     {"ntoskrnl.exe", "MmBuildMdlForNonPagedPool", 5.0},
     {"ntoskrnl.exe", "MmGetSystemRoutineAddress", 5.0},
     {"ntoskrnl.exe", "MmMapLockedPagesSpecifyCache", 5.0},

@@ -122,7 +122,8 @@ TEST_F(RunningImage, AFaultAmongTheIdsReleasesTheListAndFailsTheRequest)
 
 TEST_F(RunningImage, ABufferThatCannotBeWrittenFailsTheRequest)
 {
-    for (const OutputBuffer kind : {OutputBuffer::ReadOnly, OutputBuffer::NoAccess, OutputBuffer::LostMidway})
+    for (const OutputBuffer kind :
+        {OutputBuffer::ReadOnly, OutputBuffer::NoAccess, OutputBuffer::LostMidway, OutputBuffer::Guarded})
     {
         ControlOptions options;
         options.Kind = kind;

@@ -27,6 +27,9 @@ void AskEvent(Answers& answers, const char* label, EVENT_TYPE type, bool state)
                      event.Header.WaitListHead.Blink == &event.Header.WaitListHead);
     answers.Line("KeSetEvent ", label, ": ", KeSetEvent(&event, 0, FALSE));
     answers.Line("KeSetEvent ", label, " again: ", KeSetEvent(&event, 0, FALSE), " state ", event.Header.SignalState);
+    answers.Line("KeWaitForSingleObject ", label, ": ",
+                 Status{KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, nullptr)}, " state ",
+                 event.Header.SignalState);
 }
 }
 

@@ -97,11 +97,11 @@ TEST_F(ControlBuffers, AnswersThatCannotBeWrittenAreAccessViolations)
     for (ULONG code : {IOCTL_IS_UNDER_SANDBOX, IOCTL_IS_EXIST_UNDER_SANDBOX, IOCTL_GET_PID_LIST_UNDER_SANDBOX})
     {
         for (OutputBuffer kind : {OutputBuffer::ReadOnly, OutputBuffer::NoAccess, OutputBuffer::Kernel,
-                 OutputBuffer::LostMidway})
+                 OutputBuffer::LostMidway, OutputBuffer::Guarded})
         {
             ControlOptions options;
             options.Kind = kind;
-            options.Probe = kind == OutputBuffer::LostMidway;
+            options.Probe = kind == OutputBuffer::LostMidway || kind == OutputBuffer::Guarded;
             const ControlResult result = Agent->DeviceControl(code, Word(app.ProcessId()), 64, options);
             EXPECT_EQ(result.Status, STATUS_ACCESS_VIOLATION) << std::hex << code;
             EXPECT_EQ(result.Information, 0u);

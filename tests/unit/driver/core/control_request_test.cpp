@@ -1,6 +1,16 @@
 // Every request of the control device: statuses, byte counts, what is printed, what changes.
 
+#include "hosted/ex/pool.h"
+#include "hosted/io/device_control.h"
+#include "hosted/io/file.h"
+#include "hosted/machine/control_device.h"
+#include "hosted/ps/query_hooks.h"
 #include "tests/unit/driver/core/request_fixture.h"
+
+#include <atomic>
+#include <chrono>
+#include <latch>
+#include <thread>
 
 namespace request_test
 {
@@ -349,6 +359,55 @@ TEST_F(ControlRequest, OutputThatCannotBeWrittenChangesNothing)
     const UNICODE_STRING path = Counted(L"C:\\a.exe");
     ULONG id = 0;
     EXPECT_FALSE(FindSetting(ProcessNames, &path, &id));
+}
+
+TEST_F(ControlRequest, UnloadWaitsForRequestsInTheDriver)
+{
+    std::latch inside(1);
+    std::atomic<bool> goOn = false;
+    SetSystemQueryHook(
+        [&, asked = false](ULONG, ULONG) mutable -> std::optional<QueryAnswer>
+        {
+            if (!std::exchange(asked, true))
+            {
+                inside.count_down();
+                goOn.wait(false);
+            }
+            return std::nullopt;
+        });
+    std::thread request([&] { EXPECT_EQ(Agent->AddProcess(L"C:\\App.exe").Status, STATUS_SUCCESS); });
+    inside.wait();
+    std::thread unload(
+        [&]
+        {
+            EXPECT_EQ(Computer.UnloadDriver(), STATUS_SUCCESS);
+            EXPECT_TRUE(goOn);
+        });
+    // Long enough for an unload that does not wait.
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    goOn = true;
+    goOn.notify_all();
+    request.join();
+    unload.join();
+    ResetQueryHooks();
+    EXPECT_EQ(LivePoolAllocations(), 0u) << DescribeLivePool();
+}
+
+TEST_F(ControlRequest, AfterUnloadAHandleThatIsStillOpenGetsNothing)
+{
+    PFILE_OBJECT device = nullptr;
+    ASSERT_EQ(OpenControlDevice(&device), STATUS_SUCCESS);
+    EXPECT_EQ(Computer.UnloadDriver(), STATUS_SUCCESS);
+    ULONG answer = 0x11223344;
+    DeviceControlRequest request;
+    request.Code = IOCTL_IS_EXIST_UNDER_SANDBOX;
+    request.Output = &answer;
+    request.OutputLength = sizeof(answer);
+    request.Probe = false;
+    IO_STATUS_BLOCK status{};
+    EXPECT_EQ(DeviceControl(device, request, &status), STATUS_DELETE_PENDING);
+    EXPECT_EQ(answer, 0x11223344u);
+    CloseFile(device);
 }
 }
 }

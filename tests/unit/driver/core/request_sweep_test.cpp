@@ -61,7 +61,7 @@ const std::vector<RequestCase> Requests = {
 };
 
 constexpr OutputBuffer Kinds[] = {OutputBuffer::Exact, OutputBuffer::ReadOnly, OutputBuffer::NoAccess,
-    OutputBuffer::Null, OutputBuffer::LostMidway, OutputBuffer::Kernel};
+    OutputBuffer::Null, OutputBuffer::LostMidway, OutputBuffer::Guarded, OutputBuffer::Kernel};
 constexpr ULONG Beyond = 8;
 
 bool IsOneOf(NTSTATUS status, std::initializer_list<NTSTATUS> statuses)
@@ -253,7 +253,7 @@ protected:
                 ControlOptions options;
                 options.Kind = kind;
                 // The driver is to meet the buffers as they are.
-                options.Probe = kind == OutputBuffer::LostMidway;
+                options.Probe = kind == OutputBuffer::LostMidway || kind == OutputBuffer::Guarded;
                 const ControlResult result = agent_->DeviceControl(request.Code, input, output, options);
                 Judge(request, input, output, kind, result, before);
                 if (HasFailure())

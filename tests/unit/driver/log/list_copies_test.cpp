@@ -82,6 +82,12 @@ TEST_F(ListCopies, MonitoredProcessesAreCopiedWithTheirSettings)
     EXPECT_EQ(processes[0].ProcessId, child.Id());
     EXPECT_EQ(processes[0].SettingId, Id(0));
     EXPECT_EQ(processes[0].Kind, 2u);
+    ListCopy<ProcessSlot> parents;
+    ASSERT_EQ(DuplicateMonProcList(&Global.MonitoredParentProcessList, &parents), STATUS_SUCCESS);
+    ASSERT_EQ(parents.Count(), 1u);
+    EXPECT_EQ(parents[0].ProcessId, launcher.Id());
+    EXPECT_EQ(parents[0].SettingId, Id(0));
+    EXPECT_EQ(parents[0].Kind, 2u);
     FailRoutine("ExAllocatePoolWithTag");
     EXPECT_EQ(DuplicateMonProcList(&Global.MonitoredProcessList, &processes), STATUS_INSUFFICIENT_RESOURCES);
     ResetFailures();

@@ -79,8 +79,30 @@ TEST_F(LogChannelTest, OtherFlagsReferenceTheHandleAgain)
     EXPECT_EQ(agent_.StartLogging(event_, 0x42), STATUS_SUCCESS);
     EXPECT_TRUE(IsLogLevelEnabled(0x02));
     EXPECT_THAT(Messages(), ElementsAre(Registered(event_, 0x40), Registered(event_, 0x42)));
+    FailRoutine("ObReferenceObjectByHandle", 1, true);
+    const TARNVEIL_START_LOGGING input = {reinterpret_cast<ULONG_PTR>(event_.Handle()), 0x44};
+    EXPECT_FALSE(NT_SUCCESS(agent_.As([&] { return StartLogging(&input); })));
+    EXPECT_EQ(InjectedFailures(), 1u);
+    ResetFailures();
+    EXPECT_TRUE(IsLogLevelEnabled(0x02)) << "the registration before";
     // A reference too many would be found when the machine goes.
     EXPECT_EQ(agent_.StopLogging(), STATUS_SUCCESS);
+}
+
+TEST_F(LogChannelTest, ARecordThatIsMadeWhileLoggingStopsIsNotQueued)
+{
+    Listen(0x40);
+    SetSystemQueryHook(
+        [](ULONG, ULONG) -> std::optional<QueryAnswer>
+        {
+            EXPECT_EQ(StopLogging(), STATUS_SUCCESS);
+            return std::nullopt;
+        });
+    EXPECT_EQ(WriteLogRecord(0x40, agent_.Id(), nullptr, L"late"), STATUS_SUCCESS);
+    SetSystemQueryHook({});
+    EXPECT_EQ(GetLogRecordCount(), 0u);
+    EXPECT_EQ(agent_.StartLogging(event_, 0x02), STATUS_SUCCESS);
+    EXPECT_EQ(GetLogRecordCount(), 0u);
 }
 
 TEST_F(LogChannelTest, ARefusedHandleLeavesTheRegistrationBefore)

@@ -58,6 +58,17 @@ TEST_F(NameMatching, PatternNeverMatchesANullSide)
     EXPECT_FALSE(MatchNamePattern(&star, &noBuffer));
 }
 
+TEST_F(NameMatching, AnOddLengthCountsWholeCharactersOnly)
+{
+    WCHAR text[] = L"abc";
+    const UNICODE_STRING name = {5, 6, text};
+    const UNICODE_STRING two = Counted(L"ab");
+    const UNICODE_STRING three = Counted(L"ab?");
+    EXPECT_TRUE(MatchNamePattern(&name, &two));
+    EXPECT_FALSE(MatchNamePattern(&name, &three));
+    EXPECT_TRUE(MatchNamePattern(&two, &name));
+}
+
 TEST_F(NameMatching, EmptyNameMatchesStar)
 {
     WCHAR nothing[1] = {};

@@ -146,6 +146,17 @@ TEST(GuardedAccess, HonoursProtection)
     EXPECT_EQ(1, region.Base()[0]);
 }
 
+TEST(UserRegion, AGuardIsOneFaultAndCountsAsAnAccessViolation)
+{
+    UserRegion region(2 * PAGE_SIZE);
+    region.Guard();
+    EXPECT_EQ(STATUS_GUARD_PAGE_VIOLATION,
+              GuardedCall([](void* address) { Poke(static_cast<UCHAR*>(address)); }, region.Base()));
+    EXPECT_EQ(STATUS_SUCCESS, TryAccess([&] { Poke(region.Base()); }));
+    EXPECT_EQ(STATUS_ACCESS_VIOLATION, TryAccess([&] { Poke(region.Base() + PAGE_SIZE); }));
+    EXPECT_EQ(STATUS_SUCCESS, TryAccess([&] { Poke(region.Base() + PAGE_SIZE); }));
+}
+
 TEST(GuardedAccess, APageThatCannotBeBroughtInIsItsOwnStatus)
 {
     UserRegion region(4096);
