@@ -31,7 +31,8 @@ FileFacts FactsOf(const struct statx& info)
     facts.Directory = S_ISDIR(info.stx_mode);
     facts.Attributes = facts.Directory          ? FILE_ATTRIBUTE_DIRECTORY
                        : S_ISLNK(info.stx_mode) ? FILE_ATTRIBUTE_REPARSE_POINT
-                                                : FILE_ATTRIBUTE_ARCHIVE;
+                       : S_ISREG(info.stx_mode) ? FILE_ATTRIBUTE_ARCHIVE
+                                                : FILE_ATTRIBUTE_DEVICE;
     facts.Size = S_ISREG(info.stx_mode) ? static_cast<LONGLONG>(info.stx_size) : 0;
     facts.Id = info.stx_ino;
     facts.Links = facts.Directory ? 1 : info.stx_nlink;

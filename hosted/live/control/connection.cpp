@@ -2,6 +2,9 @@
 
 #include "hosted/ke/event.h"
 #include "hosted/ke/system_model.h"
+#include "hosted/ob/object.h"
+
+#include <utility>
 
 namespace host
 {
@@ -32,10 +35,18 @@ std::string SystemText()
 }
 }
 
-ControlConnection::ControlConnection(FrameChannel channel, pid_t peer, const ControlServerOptions& options,
-                                     UserBuffers& buffers)
-    : channel_(std::move(channel)), peer_(peer), options_(options), buffers_(buffers)
+ControlConnection::ControlConnection(
+    FrameChannel channel, pid_t peer, Process* process, const ControlServerOptions& options, UserBuffers& buffers)
+    : channel_(std::move(channel)), peer_(peer), process_(process), options_(options), buffers_(buffers)
 {
+}
+
+ControlConnection::~ControlConnection()
+{
+    if (process_ != nullptr)
+    {
+        DereferenceObject(process_);
+    }
 }
 
 void ControlConnection::Serve()
@@ -131,13 +142,11 @@ ControlConnection::Answer ControlConnection::Greet(Body body)
     }
     if (program_ == nullptr)
     {
-        // Of a process that this host cannot see, as in another container, the kernel says 0.
-        Process* const process = peer_ > 0 ? options_.ProcessOf(peer_) : nullptr;
-        if (process == nullptr)
+        if (process_ == nullptr)
         {
             return Refusal(Result::Refused, "process " + std::to_string(peer_) + " is not known to the hosted system");
         }
-        program_ = std::make_unique<ClientProgram>(process, buffers_);
+        program_ = std::make_unique<ClientProgram>(std::exchange(process_, nullptr), buffers_);
     }
     control_socket::Writer writer = Done();
     writer.Word(control_socket::Version)

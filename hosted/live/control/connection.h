@@ -12,7 +12,13 @@ class ControlConnection
 {
 public:
     // `peer`: the id of the process that connected. `options` and `buffers` outlive the object.
-    ControlConnection(FrameChannel channel, pid_t peer, const ControlServerOptions& options, UserBuffers& buffers);
+    // `process` is that of the peer, referenced, and this object's from then on; null when the hosted system does not
+    // know it.
+    ControlConnection(
+        FrameChannel channel, pid_t peer, Process* process, const ControlServerOptions& options, UserBuffers& buffers);
+    ~ControlConnection();
+    ControlConnection(const ControlConnection&) = delete;
+    ControlConnection& operator=(const ControlConnection&) = delete;
 
     // Answers requests until the peer is gone, sends what is no message, or it is time to stop.
     void Serve();
@@ -31,6 +37,7 @@ private:
 
     FrameChannel channel_;
     const pid_t peer_;
+    Process* process_; // until greeted
     const ControlServerOptions& options_;
     UserBuffers& buffers_;
     std::unique_ptr<ClientProgram> program_; // once greeted

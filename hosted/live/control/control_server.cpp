@@ -20,6 +20,8 @@ namespace
 {
 // How long no connection is taken after the host refused one for want of descriptors or memory.
 constexpr int RecoveryMilliseconds = 100;
+// SO_PEERPIDFD, which older headers do not have.
+constexpr int PeerPidDescriptor = 77;
 }
 
 class ControlServer::Body
@@ -54,6 +56,7 @@ private:
 
     void Accept();
     void Take(Descriptor socket);
+    Process* ProcessOfPeer(int socket, pid_t id) const;
     void JoinEnded();
 
     const ControlServerOptions options_;
@@ -90,6 +93,30 @@ void ControlServer::Body::Accept()
     }
 }
 
+Process* ControlServer::Body::ProcessOfPeer(int socket, pid_t id) const
+{
+    // Of a process that this host cannot see, as in another container, the kernel says 0.
+    Process* const process = id > 0 ? options_.ProcessOf(id) : nullptr;
+    if (process == nullptr)
+    {
+        return nullptr;
+    }
+    // Where the kernel can say it: it has exited since, and its id may be another's.
+    int number = -1;
+    socklen_t length = sizeof(number);
+    if (getsockopt(socket, SOL_SOCKET, PeerPidDescriptor, &number, &length) == 0)
+    {
+        const Descriptor peer(number);
+        pollfd exited = {peer.Get(), POLLIN, 0};
+        if (poll(&exited, 1, 0) > 0)
+        {
+            DereferenceObject(process);
+            return nullptr;
+        }
+    }
+    return process;
+}
+
 void ControlServer::Body::Take(Descriptor socket)
 {
     JoinEnded();
@@ -101,6 +128,7 @@ void ControlServer::Body::Take(Descriptor socket)
     {
         return;
     }
+    const int socketNumber = socket.Get();
     FrameChannel channel(std::move(socket), stop_.Get());
     if (clients_.size() >= control_socket::MostConnections)
     {
@@ -109,12 +137,14 @@ void ControlServer::Body::Take(Descriptor socket)
                       control_socket::Writer().Word(result).Text("too many programs are connected").Bytes());
         return;
     }
+    // Now, while its id is its own: whoever gets the socket from it is not asked for.
+    Process* const process = ProcessOfPeer(socketNumber, peer.pid);
     Client& client = clients_.emplace_back();
     try
     {
-        client.Thread = std::thread([this, &client, pid = peer.pid, channel = std::move(channel)]() mutable {
+        client.Thread = std::thread([this, &client, pid = peer.pid, process, channel = std::move(channel)]() mutable {
             {
-                ControlConnection connection(std::move(channel), pid, options_, buffers_);
+                ControlConnection connection(std::move(channel), pid, process, options_, buffers_);
                 connection.Serve();
             }
             client.Ended = true;
@@ -124,6 +154,10 @@ void ControlServer::Body::Take(Descriptor socket)
     {
         // No thread, no connection: it closes.
         clients_.pop_back();
+        if (process != nullptr)
+        {
+            DereferenceObject(process);
+        }
     }
 }
 

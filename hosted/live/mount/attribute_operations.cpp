@@ -46,8 +46,8 @@ int Change(fuse_req_t request, PFILE_OBJECT file, const struct stat& wanted, int
     int error = 0;
     if ((which & FUSE_SET_ATTR_SIZE) != 0)
     {
-        DropPowers(request, file);
-        error = ErrorFromStatus(host::SetEndOfFile(file, wanted.st_size));
+        error = DropPowers(request, file);
+        error = error != 0 ? error : ErrorFromStatus(host::SetEndOfFile(file, wanted.st_size));
     }
     if (error == 0 && (which & (FUSE_SET_ATTR_UID | FUSE_SET_ATTR_GID)) != 0)
     {

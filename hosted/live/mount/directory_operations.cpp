@@ -18,6 +18,10 @@ mode_t TypeOf(ULONG attributes)
     {
         return S_IFLNK;
     }
+    if ((attributes & FILE_ATTRIBUTE_DEVICE) != 0)
+    {
+        return 0;
+    }
     return (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0 ? S_IFDIR : S_IFREG;
 }
 
@@ -97,11 +101,14 @@ void OpenDirectory(fuse_req_t request, fuse_ino_t node, fuse_file_info* info)
             MountState& state = StateOf(request);
             auto handle = std::make_unique<OpenHandle>();
             handle->Node = node;
-            handle->File = OpenedFile(state.Nodes.PathOf(node),
-                {.Access = LookRights | FILE_LIST_DIRECTORY | Traverse, .Options = FILE_DIRECTORY_FILE});
-            if (!handle->File)
             {
-                return ErrorFromStatus(handle->File.Status());
+                const std::shared_lock names(state.Names);
+                handle->File = OpenedFile(state.Nodes.PathOf(node),
+                    {.Access = LookRights | FILE_LIST_DIRECTORY | Traverse, .Options = FILE_DIRECTORY_FILE});
+            }
+            if (const int error = CheckNode(state, node, handle->File))
+            {
+                return error;
             }
             HandOver(state, std::move(handle), info, [&] { return fuse_reply_open(request, info); });
             return 0;

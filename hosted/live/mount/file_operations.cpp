@@ -9,6 +9,8 @@
 #include <fcntl.h>
 #include <linux/falloc.h>
 #include <memory>
+#include <mutex>
+#include <shared_mutex>
 
 namespace live
 {
@@ -68,8 +70,9 @@ PFILE_OBJECT FileFor(OpenHandle& handle, const fuse_file_info* info, off_t offse
     return direct ? handle.Direct.Get() : handle.File.Get();
 }
 
-// A filter that enciphers takes a non-cached write for one of as much as the file holds at that moment, and what goes
-// beyond would be lost with it. So the file is first made as long as it is going to be.
+// The file's size lock is held, alone. A filter that enciphers takes a non-cached write for one of as much as the file
+// holds at that moment, and what goes beyond would be lost with it. So the file is first made as long as it is going to
+// be.
 NTSTATUS MakeRoom(PFILE_OBJECT file, LONGLONG end)
 {
     struct stat info = {};
@@ -102,6 +105,7 @@ NTSTATUS Flush(PFILE_OBJECT file)
     return host::SendFileRequest(flush, &status);
 }
 
+// The file's size lock is held, alone.
 NTSTATUS Reserve(PFILE_OBJECT file, int mode, LONGLONG offset, LONGLONG length)
 {
     struct stat info = {};
@@ -139,15 +143,27 @@ void Open(fuse_req_t request, fuse_ino_t node, fuse_file_info* info)
             MountState& state = StateOf(request);
             auto handle = std::make_unique<OpenHandle>();
             handle->Node = node;
-            const NTSTATUS status =
-                OpenHandleFiles(state.Nodes.PathOf(node), info->flags & ~O_CREAT, nullptr, handle.get());
-            if (!NT_SUCCESS(status))
+            NTSTATUS status;
             {
-                return ErrorFromStatus(status);
+                const std::shared_lock names(state.Names);
+                status = OpenHandleFiles(state.Nodes.PathOf(node), info->flags & ~O_CREAT, nullptr, handle.get());
             }
-            if ((info->flags & O_TRUNC) != 0)
+            int error = CheckNode(state, node, handle->File);
+            if (error == 0 && !NT_SUCCESS(status))
             {
-                DropPowers(request, handle->File.Get());
+                error = ErrorFromStatus(status);
+            }
+            if (error == 0 && handle->Direct)
+            {
+                error = CheckNode(state, node, handle->Direct);
+            }
+            if (error == 0 && (info->flags & O_TRUNC) != 0)
+            {
+                error = DropPowers(request, handle->File.Get());
+            }
+            if (error != 0)
+            {
+                return error;
             }
             // The pages that the host's kernel holds of the file are those that this volume would give: every change
             // comes through it.
@@ -210,15 +226,23 @@ void Write(fuse_req_t request, fuse_ino_t, const char* data, size_t size, off_t 
     OpenHandle& handle = *HandleOf(info);
     const PFILE_OBJECT file = FileFor(handle, info, offset, size);
     const bool cached = file == handle.File.Get();
-    if (!info->writepage)
+    // What the kernel's page cache writes later was judged when it was written there.
+    if (const int error = info->writepage ? 0 : DropPowers(request, file))
     {
-        // What the kernel's page cache writes later was judged when it was written there.
-        DropPowers(request, file);
+        fuse_reply_err(request, error);
+        return;
     }
+    host::FairSharedMutex& sizeLock = StateOf(request).SizeLockOf(handle.Node);
     IO_STATUS_BLOCK result = {};
-    NTSTATUS status = cached ? STATUS_SUCCESS : MakeRoom(file, offset + static_cast<LONGLONG>(size));
+    NTSTATUS status = STATUS_SUCCESS;
+    if (!cached)
+    {
+        std::lock_guard alone(sizeLock);
+        status = MakeRoom(file, offset + static_cast<LONGLONG>(size));
+    }
     if (NT_SUCCESS(status))
     {
+        std::shared_lock writing(sizeLock);
         status = host::WriteFile(file, offset, data, static_cast<ULONG>(size), &result);
     }
     if (NT_SUCCESS(status) && cached && (info->flags & O_DIRECT) != 0 && !info->writepage)
@@ -252,6 +276,12 @@ void Allocate(fuse_req_t request, fuse_ino_t, int mode, off_t offset, off_t leng
         fuse_reply_err(request, EOPNOTSUPP);
         return;
     }
-    ReplyStatus(request, Reserve(HandleOf(info)->File.Get(), mode, offset, length));
+    OpenHandle& handle = *HandleOf(info);
+    NTSTATUS status;
+    {
+        std::lock_guard alone(StateOf(request).SizeLockOf(handle.Node));
+        status = Reserve(handle.File.Get(), mode, offset, length);
+    }
+    ReplyStatus(request, status);
 }
 }

@@ -1,9 +1,11 @@
 // What every request of the mounted volume uses.
 #pragma once
 
+#include "hosted/ke/fair_shared_mutex.h"
 #include "hosted/live/mount/node_table.h"
 #include "hosted/live/mount/opened_file.h"
 
+#include <array>
 #include <atomic>
 #include <functional>
 #include <mutex>
@@ -31,7 +33,17 @@ struct MountState
     // Called once, when the host's kernel accepted the volume.
     std::function<void()> Ready;
 
+    // Alone for who takes a name away or gives it to another file, until the node table knows; shared for who goes by a
+    // name or a node until it has the file open. Not to be taken twice by one thread.
+    host::FairSharedMutex Names;
+    // Shared by who writes to a file, alone for who looks at its size to change it: what the host's kernel writes back
+    // meanwhile must not be cut off. One for several files.
+    host::FairSharedMutex& SizeLockOf(NodeId node) { return sizeLocks_[node % sizeLocks_.size()]; }
+
     // What is open on the volume, for requests about files without a name, and for an end with files open.
     HandleSet Handles;
+
+private:
+    std::array<host::FairSharedMutex, 64> sizeLocks_;
 };
 }

@@ -65,7 +65,7 @@ void Make(fuse_req_t request, fuse_ino_t parent, const char* name, const host::F
 
 void Remove(fuse_req_t request, fuse_ino_t parent, const char* name, ULONG options)
 {
-    WithName(request, parent, name,
+    WithName<std::unique_lock>(request, parent, name,
         [&](const host::WideString& path, const host::WideString& wide)
         {
             const OpenedFile file(
@@ -238,7 +238,11 @@ void Link(fuse_req_t request, fuse_ino_t node, fuse_ino_t newParent, const char*
                 return error;
             }
             const NodeFile file(state, node, linking);
-            const NTSTATUS status = file ? SetNewName(file.Get(), FileLinkInformation, path, 0) : file.Status();
+            if (!file)
+            {
+                return file.Error();
+            }
+            const NTSTATUS status = SetNewName(file.Get(), FileLinkInformation, path, 0);
             if (NT_SUCCESS(status))
             {
                 ReplyEntry(request, newParent, wide, file.Get());
@@ -250,7 +254,7 @@ void Link(fuse_req_t request, fuse_ino_t node, fuse_ino_t newParent, const char*
 void Rename(fuse_req_t request, fuse_ino_t parent, const char* name, fuse_ino_t newParent, const char* newName,
     unsigned flags)
 {
-    WithName(request, parent, name,
+    WithName<std::unique_lock>(request, parent, name,
         [&](const host::WideString& path, const host::WideString& wide)
         {
             NamedPlace to = {newParent, {}, {}};

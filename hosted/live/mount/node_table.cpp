@@ -107,6 +107,13 @@ bool NodeTable::AppendPath(const Node& node, host::WideString* path) const
     return true;
 }
 
+bool NodeTable::Is(NodeId id, const struct stat& info) const
+{
+    std::shared_lock lock(lock_);
+    const std::shared_ptr<Node> node = Find(id);
+    return id == Root || (node != nullptr && node->Key == Inode{info.st_dev, info.st_ino});
+}
+
 host::WideString NodeTable::PathOf(NodeId id) const
 {
     std::shared_lock lock(lock_);

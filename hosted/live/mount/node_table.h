@@ -34,6 +34,9 @@ public:
     // A name in a directory; empty when the directory is gone.
     host::WideString PathOf(NodeId parent, host::WideView name) const;
 
+    // Whether that is the file of the node, and not another that its name leads to now.
+    bool Is(NodeId id, const struct stat& info) const;
+
     // A name went away, or leads to something else now.
     void Removed(NodeId parent, host::WideView name);
     void Moved(NodeId parent, host::WideView name, NodeId newParent, host::WideView newName);

@@ -55,7 +55,7 @@ struct DirectoryEntry
 {
     std::string Name;
     ino_t Inode;
-    mode_t Type; // S_IFDIR, S_IFREG, S_IFLNK
+    mode_t Type; // S_IFDIR, S_IFREG, S_IFLNK; 0: something else
 };
 
 // What the host's kernel holds open.

@@ -71,16 +71,34 @@ host::FolderCreation CreationBy(fuse_req_t request, mode_t mode)
     return creation;
 }
 
-void DropPowers(fuse_req_t request, PFILE_OBJECT file)
+int DropPowers(fuse_req_t request, PFILE_OBJECT file)
 {
     constexpr mode_t Powers = S_ISUID | S_ISGID;
-    struct stat info = {};
-    if (fuse_req_ctx(request)->uid != 0 && host::FolderStat(file, &info) == 0 && (info.st_mode & Powers) != 0)
+    if (fuse_req_ctx(request)->uid == 0)
     {
-        // Without the right to execute, the group's bit means something else.
-        const mode_t gone = (info.st_mode & S_IXGRP) != 0 ? Powers : S_ISUID;
-        chmod(DescriptorPath(file).c_str(), info.st_mode & 07777 & ~gone);
+        return 0;
     }
+    struct stat info = {};
+    const int error = host::FolderStat(file, &info);
+    if (error != 0 || (info.st_mode & Powers) == 0)
+    {
+        return error;
+    }
+    // Without the right to execute, the group's bit means something else.
+    const mode_t gone = (info.st_mode & S_IXGRP) != 0 ? Powers : S_ISUID;
+    return chmod(DescriptorPath(file).c_str(), info.st_mode & 07777 & ~gone) == 0 ? 0 : errno;
+}
+
+int CheckNode(const MountState& state, fuse_ino_t node, const OpenedFile& file)
+{
+    if (!file)
+    {
+        const int error = ErrorFromStatus(file.Status());
+        return error == ENOENT ? ESTALE : error;
+    }
+    struct stat info = {};
+    const int error = host::FolderStat(file.Get(), &info);
+    return error != 0 || state.Nodes.Is(node, info) ? error : ESTALE;
 }
 
 NodeFile::NodeFile(MountState& state, fuse_ino_t node, const OpenWish& wish, const fuse_file_info* info)
@@ -99,9 +117,13 @@ NodeFile::NodeFile(MountState& state, fuse_ino_t node, const OpenWish& wish, con
             return;
         }
     }
-    const host::WideString path = state.Nodes.PathOf(node);
-    opened_ = OpenedFile(path, wish);
-    if (path.empty())
+    opened_ = OpenedFile(state.Nodes.PathOf(node), wish);
+    error_ = CheckNode(state, node, opened_);
+    if (error_ != 0)
+    {
+        opened_.Close();
+    }
+    if (error_ == ESTALE)
     {
         borrowed_ = state.Handles.AnyOf(node);
     }

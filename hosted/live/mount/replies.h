@@ -6,6 +6,9 @@
 
 #include <cerrno>
 #include <memory>
+#include <mutex>
+#include <optional>
+#include <shared_mutex>
 #include <string>
 
 namespace live
@@ -31,11 +34,16 @@ host::FolderCreation CreationBy(fuse_req_t request, mode_t mode);
 
 // Whoever may change a program's file but is not trusted with its powers takes them away by changing it: a file's
 // set-id bits go, unless it was root.
-void DropPowers(fuse_req_t request, PFILE_OBJECT file);
+// 0 or the errno value.
+int DropPowers(fuse_req_t request, PFILE_OBJECT file);
+
+// 0, or the errno value for a file that was opened by the name under which a node was known: ESTALE when the name is
+// gone or leads to another file now.
+int CheckNode(const MountState& state, fuse_ino_t node, const OpenedFile& file);
 
 // A file of the volume for one request: the handle's, if the request came with one; for a look, one that the same
 // process has open, since the host's kernel asks for attributes with every write; otherwise opened anew, or, when its
-// name is gone, any open one.
+// name is gone, any open one. MountState::Names is held to make it.
 class NodeFile
 {
 public:
@@ -46,10 +54,12 @@ public:
 
     explicit operator bool() const { return Get() != nullptr; }
     PFILE_OBJECT Get() const { return opened_ ? opened_.Get() : borrowed_; }
-    NTSTATUS Status() const { return opened_.Status(); }
+    // Why there is none, as errno value.
+    int Error() const { return error_; }
 
 private:
     OpenedFile opened_;
+    int error_ = 0;
     PFILE_OBJECT borrowed_ = nullptr; // referenced
 };
 
@@ -66,13 +76,14 @@ void AsRequester(fuse_req_t request, Use&& use)
     }
 }
 
-// use(path, name) for a name in a directory.
-template <class Use>
+// use(path, name) for a name in a directory, with MountState::Names held: shared, or alone with std::unique_lock.
+template <template <class> class Lock = std::shared_lock, class Use>
 void WithName(fuse_req_t request, fuse_ino_t parent, const char* name, Use&& use)
 {
     AsRequester(request,
         [&]
         {
+            const Lock<host::FairSharedMutex> names(StateOf(request).Names);
             host::WideString path;
             host::WideString wide;
             const int error = PathOfName(StateOf(request), parent, name, &path, &wide);
@@ -87,8 +98,12 @@ void WithFile(fuse_req_t request, fuse_ino_t node, const OpenWish& wish, const f
     AsRequester(request,
         [&]
         {
-            const NodeFile file(StateOf(request), node, wish, info);
-            return file ? use(file.Get()) : ErrorFromStatus(file.Status());
+            std::optional<NodeFile> file;
+            {
+                const std::shared_lock names(StateOf(request).Names);
+                file.emplace(StateOf(request), node, wish, info);
+            }
+            return *file ? use(file->Get()) : file->Error();
         });
 }
 

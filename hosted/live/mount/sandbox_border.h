@@ -5,7 +5,7 @@
 
 namespace live
 {
-// Whether one of two paths lies in the sandbox folder and the other does not. Compared as the driver does: without
-// regard to case, the folder itself inside.
+// Whether one of two paths lies in the sandbox folder and the other does not, or one is a folder that the sandbox
+// folder lies in. Compared as the driver does: without regard to case, the folder itself inside.
 bool CrossesSandboxBorder(const MountState& state, host::WideView from, host::WideView to);
 }

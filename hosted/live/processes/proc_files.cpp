@@ -149,13 +149,14 @@ std::optional<ProcImage> ProcFiles::Image(pid_t pid) const
     struct statx file
     {
     };
-    const int asked = statx(image, "", AT_EMPTY_PATH | AT_STATX_DONT_SYNC, STATX_MNT_ID, &file);
+    const int asked = statx(image, "", AT_EMPTY_PATH | AT_STATX_DONT_SYNC, STATX_MNT_ID | STATX_NLINK, &file);
     close(image);
     if (!path.has_value() || asked != 0)
     {
         return std::nullopt;
     }
-    if (path->ends_with(DeletedSuffix))
+    // What the kernel adds to the path of a file without a name; a name may end so, too.
+    if (path->ends_with(DeletedSuffix) && (file.stx_mask & STATX_NLINK) != 0 && file.stx_nlink == 0)
     {
         path->resize(path->size() - DeletedSuffix.size());
     }

@@ -118,6 +118,23 @@ TEST_P(LiveProcesses, WhatIsCachedForOneIsNotShownToAnother)
     EXPECT_THAT(Outside("ls '" + volume->Sandbox().string() + "'").Output, HasSubstr("Permission denied"));
 }
 
+TEST_P(LiveProcesses, AProgramIsNotTakenForAnotherByItsName)
+{
+    const std::string parent = (volume->Folder() / "launch").string();
+    const std::string child = " -c 'cat " + Document() + "; true'";
+    ASSERT_EQ(Outside("'" + parent + "' -c \"bash" + std::string(" -c 'cat ") + Document() + "; true'; true\"").Output,
+        "secret\n");
+    const std::string other = "'" + parent + " (deleted)'";
+    const Outcome outcome = Outside("cp /bin/bash " + other + "; " + other + " -c \"bash" + child + "; true\"");
+    EXPECT_THAT(outcome.Output, HasSubstr("Permission denied"));
+    EXPECT_THAT(outcome.Output, Not(HasSubstr("secret")));
+    // One that was deleted is still itself.
+    EXPECT_EQ(Outside("cp '" + parent + "' kept; '" + parent + "' -c \"rm '" + parent + "'; bash" + child +
+                      "; true\"; mv kept '" + parent + "'")
+                  .Output,
+        "secret\n");
+}
+
 TEST_P(LiveProcesses, AnOpenFileSpeaksForItsOpenerAlone)
 {
     const std::string shell = CopyOfShell("editor");

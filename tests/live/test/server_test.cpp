@@ -275,4 +275,116 @@ TEST_F(LiveServer, MovingOverTheSandboxBorderCopies)
     EXPECT_EQ(Outside("stat -c %s store/Sandbox/plain").Output, "13\n");
     EXPECT_THAT(Outside("cat store/Sandbox/plain").Output, Not(HasSubstr("from outside")));
 }
+// What the kernel writes back while a program makes room must not be cut off.
+TEST_F(LiveServer, MakingRoomCutsNothingOffThatIsWrittenMeanwhile)
+{
+    const Outcome outcome = volume->Inside(R"x(python3 - << 'END'
+import os, threading
+size = 256 * 1024
+data = os.urandom(size)
+for i in range(150):
+    name = "f%d" % (i % 5)
+    fd = os.open(name, os.O_RDWR | os.O_CREAT | os.O_TRUNC)
+    os.pwrite(fd, data, 0)
+    writer = threading.Thread(target=lambda: os.fdatasync(fd))
+    writer.start()
+    os.posix_fallocate(fd, 0, size // 2 + 4096)
+    writer.join()
+    os.fsync(fd)
+    os.posix_fadvise(fd, 0, 0, os.POSIX_FADV_DONTNEED)
+    assert os.pread(fd, size, 0) == data, i
+    os.close(fd)
+    with open(name, "rb") as again:
+        assert again.read() == data, i
+END
+        stat -c %s f0)x");
+    EXPECT_EQ(outcome.Output, "262144\n");
+    EXPECT_EQ(Outside("stat -c %s store/Sandbox/f0").Output, "262144\n");
+}
+
+// One program replaces a file and two exchange others, while programs read and write them by name.
+TEST_F(LiveServer, NamesThatChangeLeadToOneFileOrTheOther)
+{
+    const Outcome outcome = volume->Inside(R"x(python3 - << 'END'
+import ctypes, os, threading
+libc = ctypes.CDLL(None, use_errno=True)
+names = [b"x", b"y"]
+for name, byte in ((b"x", b"X"), (b"y", b"Y"), (b"config", b"C")):
+    with open(name, "wb") as file:
+        file.write(byte * 10000)
+inodes = {os.stat(name).st_ino: name.upper() for name in names}
+ended = False
+wrong = []
+def guarded(work):
+    def run():
+        while not ended and not wrong:
+            try:
+                work()
+            except Exception as error:
+                wrong.append(work.__name__ + ": " + str(error))
+    return run
+def exchange():
+    if libc.renameat2(-100, b"x", -100, b"y", 2) != 0:
+        raise OSError(ctypes.get_errno(), "exchange")
+def replace():
+    with open("new", "wb") as file:
+        file.write(b"C" * 10000)
+    os.rename("new", "config")
+def read():
+    for name in (b"x", b"y"):
+        fd = os.open(name, os.O_RDONLY)
+        info = os.fstat(fd)
+        text = os.read(fd, 20000)
+        os.posix_fadvise(fd, 0, 0, os.POSIX_FADV_DONTNEED)
+        os.close(fd)
+        if text != inodes[info.st_ino] * 10000:
+            wrong.append("%s: inode %d has %r and %d bytes" % (name, info.st_ino, text[:1], len(text)))
+def look():
+    if os.stat("config").st_size != 10000:
+        wrong.append("config has no bytes")
+    with open("config", "rb") as file:
+        if file.read() != b"C" * 10000:
+            wrong.append("config has others")
+threads = [threading.Thread(target=guarded(work)) for work in (exchange, replace, read, read, look)]
+for thread in threads:
+    thread.start()
+threading.Event().wait(3)
+ended = True
+for thread in threads:
+    thread.join()
+print(wrong)
+END)x");
+    EXPECT_EQ(outcome.Output, "[]\n");
+}
+
+TEST_F(LiveServer, AListingTellsWhatThingsAre)
+{
+    const Outcome outcome = volume->Inside("mkdir folder; touch file; ln -s file link; mkfifo pipe\n"
+                                           "for type in d f l p; do find . -mindepth 1 -type $type; done");
+    EXPECT_EQ(outcome.Output, "./folder\n./file\n./link\n./pipe\n");
+}
+
+// A folder that the sandbox lies in would take it along, with what the kernel has of it.
+TEST(LiveServerBorder, FoldersAboveTheSandboxDoNotMove)
+{
+    std::string reason;
+    if (!live_test::CanMount(&reason))
+    {
+        GTEST_SKIP() << reason;
+    }
+    LiveVolume volume("", "--registry registry.reg");
+    ASSERT_EQ(volume.End(), 0);
+    std::ofstream(volume.Folder() / "registry.reg")
+        << "Windows Registry Editor Version 5.00\r\n\r\n"
+           "[HKEY_LOCAL_MACHINE\\SYSTEM\\CurrentControlSet\\Services\\Tarnveil]\r\n"
+           "\"SandboxPath\"=\"\\\\Device\\\\HarddiskVolume2\\\\users\\\\box\"\r\n";
+    volume.Start();
+    const fs::path box = volume.Mount() / "users" / "box";
+    EXPECT_EQ(volume.Inside("echo secret > document; cat document", box).Output, "secret\n");
+    const Outcome outcome = volume.Outside("mv mount/users mount/moved; cat mount/moved/box/document; ls mount",
+        volume.Folder());
+    EXPECT_THAT(outcome.Output, Not(HasSubstr("secret\n")));
+    EXPECT_EQ(volume.Inside("cat document", box).Output, "secret\n");
+    EXPECT_EQ(volume.End(), 0) << volume.Log();
+}
 }
