@@ -219,11 +219,11 @@ NTSTATUS SendOperation(FilterRequest& request, IO_STATUS_BLOCK* status)
     const FLT_IO_PARAMETER_BLOCK& parameters = request.Parameters;
     const UCHAR major = parameters.MajorFunction;
     RequireIrql(major == IRP_MJ_CREATE ? PASSIVE_LEVEL : APC_LEVEL, "sending an operation");
-    Send(request, status);
+    const NTSTATUS result = Send(request, status);
     if ((major == IRP_MJ_WRITE && !(parameters.IrpFlags & IRP_PAGING_IO)) || major == IRP_MJ_SET_INFORMATION)
     {
         request.Target->Files->Settled(parameters.TargetFileObject);
     }
-    return status->Status;
+    return result;
 }
 }

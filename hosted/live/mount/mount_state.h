@@ -6,10 +6,7 @@
 #include "hosted/live/mount/opened_file.h"
 
 #include <array>
-#include <atomic>
 #include <functional>
-#include <mutex>
-#include <set>
 
 namespace host
 {

@@ -1,5 +1,6 @@
 #include "hosted/live/processes/linux_processes.h"
 
+#include "hosted/fs/host_files.h"
 #include "hosted/ps/process_create.h"
 #include "hosted/ps/process_table.h"
 
@@ -13,23 +14,24 @@ namespace host
 namespace
 {
 constexpr LONGLONG UnitsPerSecond = 10'000'000;
-constexpr LONGLONG SecondsFrom1601To1970 = 11'644'473'600;
 constexpr pid_t SystemId = 4;
 // Above every id that the kernel gives (its pid_max is at most 2^22), and a multiple of four as ids are.
 constexpr ULONG_PTR IdInPlaceOfSystem = 0x400004;
 // Images that no path of this file tree leads to. No volume has this name.
 constexpr WCHAR UnreachableDevice[] = L"\\Device\\Unreachable";
 
-LONGLONG Read(clockid_t clock)
+LONGLONG TimeSinceStart()
 {
     timespec now;
-    clock_gettime(clock, &now);
+    clock_gettime(CLOCK_BOOTTIME, &now);
     return now.tv_sec * UnitsPerSecond + now.tv_nsec / 100;
 }
 
 LONGLONG SystemTimeNow()
 {
-    return Read(CLOCK_REALTIME) + SecondsFrom1601To1970 * UnitsPerSecond;
+    timespec now;
+    clock_gettime(CLOCK_REALTIME, &now);
+    return SystemTimeOf(now);
 }
 }
 
@@ -39,7 +41,7 @@ HANDLE LinuxProcesses::HostedId(pid_t pid)
 }
 
 LinuxProcesses::LinuxProcesses(std::string proc, ImageNaming naming)
-    : proc_(std::move(proc)), naming_(std::move(naming)), systemStart_(SystemTimeNow() - Read(CLOCK_BOOTTIME))
+    : proc_(std::move(proc)), naming_(std::move(naming)), systemStart_(SystemTimeNow() - TimeSinceStart())
 {
 }
 

@@ -101,6 +101,8 @@ TEST_F(IoLimits, AboveApcLevelEverythingPassesUnchanged)
         EXPECT_EQ(PreRead(&read.Operation.Data, &read.Related, &read.Context), FLT_PREOP_SUCCESS_NO_CALLBACK);
         EXPECT_EQ(PreSetInformation(&change.Operation.Data, &change.Related, &change.Context),
                   FLT_PREOP_SUCCESS_NO_CALLBACK);
+        EXPECT_EQ(PostSetInformation(&change.Operation.Data, &change.Related, nullptr, 0),
+                  FLT_POSTOP_FINISHED_PROCESSING);
     }
     ExpectUntouched(write, page_, 512);
     ExpectUntouched(read, page_, 512);

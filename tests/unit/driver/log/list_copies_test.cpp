@@ -77,17 +77,16 @@ TEST_F(ListCopies, MonitoredProcessesAreCopiedWithTheirSettings)
     const Program launcher = machine_.StartProcess(L"C:\\Launcher.exe");
     const Program child = launcher.Start(L"C:\\child.exe");
     ListCopy<ProcessSlot> processes;
-    ASSERT_EQ(DuplicateMonProcList(&Global.MonitoredProcessList, &processes), STATUS_SUCCESS);
-    ASSERT_EQ(processes.Count(), 1u);
-    EXPECT_EQ(processes[0].ProcessId, child.Id());
-    EXPECT_EQ(processes[0].SettingId, Id(0));
-    EXPECT_EQ(processes[0].Kind, 2u);
-    ListCopy<ProcessSlot> parents;
-    ASSERT_EQ(DuplicateMonProcList(&Global.MonitoredParentProcessList, &parents), STATUS_SUCCESS);
-    ASSERT_EQ(parents.Count(), 1u);
-    EXPECT_EQ(parents[0].ProcessId, launcher.Id());
-    EXPECT_EQ(parents[0].SettingId, Id(0));
-    EXPECT_EQ(parents[0].Kind, 2u);
+    const auto expectOnly = [&](auto& list, const Program& program)
+    {
+        ASSERT_EQ(DuplicateMonProcList(&list, &processes), STATUS_SUCCESS);
+        ASSERT_EQ(processes.Count(), 1u);
+        EXPECT_EQ(processes[0].ProcessId, program.Id());
+        EXPECT_EQ(processes[0].SettingId, Id(0));
+        EXPECT_EQ(processes[0].Kind, 2u);
+    };
+    expectOnly(Global.MonitoredParentProcessList, launcher);
+    expectOnly(Global.MonitoredProcessList, child);
     FailRoutine("ExAllocatePoolWithTag");
     EXPECT_EQ(DuplicateMonProcList(&Global.MonitoredProcessList, &processes), STATUS_INSUFFICIENT_RESOURCES);
     ResetFailures();

@@ -53,6 +53,16 @@ TEST_F(ControlServerTest, NothingComesBeforeTheGreeting)
     }
 }
 
+TEST_F(ControlServerTest, WhoConnectsIsTheSenderWhateverBecomesOfItsId)
+{
+    RawClient client(SocketPath());
+    ASSERT_TRUE(client.IsConnected());
+    // Taken after it, so that one is taken as well.
+    const RawClient later = Connected();
+    known_ = -1;
+    EXPECT_EQ(client.Greet().Result, Result::Done);
+}
+
 TEST_F(ControlServerTest, AnUnknownProcessIsRefused)
 {
     known_ = -1;

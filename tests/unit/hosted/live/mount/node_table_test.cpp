@@ -43,6 +43,15 @@ TEST_F(NodeTableTest, AFileHasOneNumberWhateverItsNames)
     EXPECT_EQ(PathOf(file), "");
 }
 
+TEST_F(NodeTableTest, ANodeIsItsFileAndNoOther)
+{
+    const live::NodeId file = table.Enter(NodeTable::Root, L"file", Inode(11));
+    EXPECT_TRUE(table.Is(file, Inode(11)));
+    EXPECT_FALSE(table.Is(file, Inode(12)));
+    EXPECT_TRUE(table.Is(NodeTable::Root, Inode(10))) << "has no name that could lead elsewhere";
+    EXPECT_FALSE(table.Is(file + 1, Inode(11))) << "nobody knows it";
+}
+
 TEST_F(NodeTableTest, NamesAreCaseSensitive)
 {
     EXPECT_NE(table.Enter(NodeTable::Root, L"a", Inode(1)), table.Enter(NodeTable::Root, L"A", Inode(2)));
