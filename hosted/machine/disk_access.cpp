@@ -5,6 +5,7 @@
 #include "hosted/machine/program_state.h"
 #include "hosted/ob/name_space.h"
 
+#include <mutex>
 #include <vector>
 
 namespace host
@@ -17,10 +18,10 @@ constexpr ULONG DispositionShift = 24;
 class DirectFile
 {
 public:
-    DirectFile(Volume& volume, WideView name, ULONG disposition, ULONG options)
-        : volume_(volume), file_(NewFileObject(volume.Disk, name, FILE_ALL_ACCESS, KernelMode))
+    DirectFile(Volume& volume, WideView name, ULONG access, ULONG disposition, ULONG options)
+        : volume_(volume), file_(NewFileObject(volume.Disk, name, access, KernelMode))
     {
-        CreateSecurity security{nullptr, nullptr, FILE_ALL_ACCESS, options};
+        CreateSecurity security{nullptr, nullptr, access, options};
         FilterRequest create = NewFileRequest(file_, IRP_MJ_CREATE, IRP_CREATE_OPERATION | IRP_SYNCHRONOUS_API);
         auto& parameters = create.Parameters.Parameters.Create;
         parameters.SecurityContext = &security;
@@ -69,7 +70,9 @@ NTSTATUS MakeFolders(Volume& volume, WideView path)
 {
     for (size_t end = path.find(L'\\', 1); end != WideView::npos; end = path.find(L'\\', end + 1))
     {
-        const DirectFile folder(volume, path.substr(0, end), FILE_OPEN_IF, FILE_DIRECTORY_FILE);
+        // An access that every share mode allows: programs may have the folder open, and others make it just now.
+        const DirectFile folder(
+            volume, path.substr(0, end), FILE_READ_ATTRIBUTES, FILE_OPEN_IF, FILE_DIRECTORY_FILE);
         if (!NT_SUCCESS(folder.Status()))
         {
             return folder.Status();
@@ -113,7 +116,7 @@ NTSTATUS WriteDiskFile(WideView path, std::string_view bytes)
     }
     {
         // What an earlier program left in the cache goes with the old contents.
-        const DirectFile file(*volume, name, FILE_OVERWRITE_IF, FILE_NON_DIRECTORY_FILE);
+        const DirectFile file(*volume, name, FILE_ALL_ACCESS, FILE_OVERWRITE_IF, FILE_NON_DIRECTORY_FILE);
         status = file.Status();
     }
     return NT_SUCCESS(status) ? WriteDisk(*volume->Files, name, bytes) : status;
@@ -128,6 +131,9 @@ NTSTATUS MakeDiskFolder(WideView path)
 
 void InstallImage(WideView path)
 {
+    // Programs of one image may start side by side: none finds it half made, none replaces it under another.
+    static std::mutex installing;
+    const std::lock_guard lock(installing);
     std::string bytes;
     if (!ReadDiskFile(path, &bytes))
     {

@@ -7,6 +7,7 @@
 
 #include <gmock/gmock.h>
 
+#include <latch>
 #include <thread>
 
 using namespace host;
@@ -284,6 +285,37 @@ TEST_F(MachineTest, SeveralThreadsWorkAtOnce)
     {
         thread.join();
     }
+}
+
+TEST_F(MachineTest, ProgramsOfOneNewImageStartSideBySide)
+{
+    for (int round = 0; round < 100; ++round)
+    {
+        const WideString image = L"C:\\Apps" + Widen(std::to_string(round)) + L"\\Worker.exe";
+        std::vector<std::thread> threads;
+        std::latch together(4);
+        for (int i = 0; i < 4; ++i)
+        {
+            threads.emplace_back([&] {
+                together.arrive_and_wait();
+                const Program program = machine_.StartProcess(image);
+                EXPECT_EQ(STATUS_SUCCESS, program.Status());
+                program.Exit();
+            });
+        }
+        for (std::thread& thread : threads)
+        {
+            thread.join();
+        }
+    }
+}
+
+TEST_F(MachineTest, AFolderInUseTakesFilesOnTheDisk)
+{
+    ProgramFile folder = editor_.OpenDirectory(L"C:\\Data");
+    ASSERT_EQ(STATUS_SUCCESS, folder.Status());
+    EXPECT_EQ(STATUS_SUCCESS, machine_.PutOnDisk(L"C:\\Data\\beneath.txt", "beneath"));
+    EXPECT_EQ("beneath", machine_.Disk(L"C:\\Data\\beneath.txt"));
 }
 
 TEST_F(MachineTest, AProgramEndsWhenItIsLookedUp)
