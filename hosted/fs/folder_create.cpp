@@ -119,10 +119,11 @@ NTSTATUS FolderFileSystem::FindPlace(const CreateRequest& request, FolderPlace* 
     place->Start = StartOf(request.File);
     place->Components = &components;
     // Links are followed from the top, where they may lead back up.
-    const bool fromTop = place->Start->IsRoot() || rule_ == LookupRule::FollowLinks;
+    const bool links = rule_ == LookupRule::FollowLinks && !components.empty();
+    const bool fromTop = place->Start->IsRoot() || links;
     place->StartDescriptor =
         fromTop ? folder_.Number() : FolderBlockOf(request.File->RelatedFileObject)->Descriptor.Number();
-    if (place->Start->Gone)
+    if (place->Start->Gone && !components.empty())
     {
         return STATUS_DELETE_PENDING;
     }

@@ -22,7 +22,8 @@ struct FolderOptions
 };
 
 // Names are case-sensitive; there are no 8.3 names, no alternate streams and no opens by file id. All links of a file
-// share one control block. Nothing outside of the folder is reached, nor (but with ReadOnly) what is mounted below it.
+// share one control block. An empty name relative to an open file opens it once more, even when its name is gone, as
+// the host's programs may. Nothing outside of the folder is reached, nor (but with ReadOnly) what is mounted below it.
 // A folder that cannot be opened is a bug check. `volume` as for CreateFileSystem.
 //
 // However the process ends, bytes that were flushed before stay readable through a filter that enciphers blocks of 16

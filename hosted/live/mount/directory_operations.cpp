@@ -102,13 +102,13 @@ void OpenDirectory(fuse_req_t request, fuse_ino_t node, fuse_file_info* info)
             auto handle = std::make_unique<OpenHandle>();
             handle->Node = node;
             {
+                constexpr OpenWish listing = {
+                    .Access = LookRights | FILE_LIST_DIRECTORY | Traverse, .Options = FILE_DIRECTORY_FILE};
                 const std::shared_lock names(state.Names);
-                handle->File = OpenedFile(state.Nodes.PathOf(node),
-                    {.Access = LookRights | FILE_LIST_DIRECTORY | Traverse, .Options = FILE_DIRECTORY_FILE});
-            }
-            if (const int error = CheckNode(state, node, handle->File))
-            {
-                return error;
+                if (const int error = OpenNode(state, node, listing, &handle->File))
+                {
+                    return error;
+                }
             }
             HandOver(state, std::move(handle), info, [&] { return fuse_reply_open(request, info); });
             return 0;

@@ -42,24 +42,22 @@ ULONG DispositionFor(int flags)
     return truncate ? FILE_OVERWRITE_IF : FILE_OPEN_IF;
 }
 
-// Opens what the flags ask for; the handle's files stay empty when it fails, and the status says why.
-NTSTATUS OpenHandleFiles(const host::WideString& path, int flags, const host::FolderCreation* creation,
-    OpenHandle* handle)
+// Opens what the flags ask for, with open(wish, file) that gives 0 or the errno value, as this does.
+int OpenHandleFiles(int flags, const host::FolderCreation* creation, OpenHandle* handle, auto&& open)
 {
     OpenWish wish = {.Access = AccessFor(flags),
                      .Disposition = DispositionFor(flags),
                      .Options = FILE_NON_DIRECTORY_FILE,
                      .Creation = creation};
-    handle->File = OpenedFile(path, wish);
-    if (!handle->File || (flags & O_DIRECT) == 0)
+    const int error = open(wish, &handle->File);
+    if (error != 0 || (flags & O_DIRECT) == 0)
     {
-        return handle->File.Status();
+        return error;
     }
     wish.Disposition = FILE_OPEN;
     wish.Options |= FILE_NO_INTERMEDIATE_BUFFERING;
     wish.Creation = nullptr;
-    handle->Direct = OpenedFile(path, wish);
-    return handle->Direct.Status();
+    return open(wish, &handle->Direct);
 }
 
 // The file object that a transfer is to use.
@@ -143,19 +141,11 @@ void Open(fuse_req_t request, fuse_ino_t node, fuse_file_info* info)
             MountState& state = StateOf(request);
             auto handle = std::make_unique<OpenHandle>();
             handle->Node = node;
-            NTSTATUS status;
+            int error;
             {
                 const std::shared_lock names(state.Names);
-                status = OpenHandleFiles(state.Nodes.PathOf(node), info->flags & ~O_CREAT, nullptr, handle.get());
-            }
-            int error = CheckNode(state, node, handle->File);
-            if (error == 0 && !NT_SUCCESS(status))
-            {
-                error = ErrorFromStatus(status);
-            }
-            if (error == 0 && handle->Direct)
-            {
-                error = CheckNode(state, node, handle->Direct);
+                error = OpenHandleFiles(info->flags & ~O_CREAT, nullptr, handle.get(),
+                    [&](const OpenWish& wish, OpenedFile* file) { return OpenNode(state, node, wish, file); });
             }
             if (error == 0 && (info->flags & O_TRUNC) != 0)
             {
@@ -181,10 +171,15 @@ void Create(fuse_req_t request, fuse_ino_t parent, const char* name, mode_t mode
             MountState& state = StateOf(request);
             const host::FolderCreation creation = CreationBy(request, mode);
             auto handle = std::make_unique<OpenHandle>();
-            const NTSTATUS status = OpenHandleFiles(path, info->flags | O_CREAT, &creation, handle.get());
-            if (!NT_SUCCESS(status))
+            const int failure = OpenHandleFiles(info->flags | O_CREAT, &creation, handle.get(),
+                [&](const OpenWish& wish, OpenedFile* file)
+                {
+                    *file = OpenedFile(path, wish);
+                    return ErrorFromStatus(file->Status());
+                });
+            if (failure != 0)
             {
-                return ErrorFromStatus(status);
+                return failure;
             }
             fuse_entry_param entry = {};
             if (const int error = host::FolderStat(handle->File.Get(), &entry.attr))
@@ -197,7 +192,7 @@ void Create(fuse_req_t request, fuse_ino_t parent, const char* name, mode_t mode
             const auto reply = [&] { return fuse_reply_create(request, &entry, info); };
             if (!HandOver(state, std::move(handle), info, reply))
             {
-                state.Nodes.Forget(entry.ino, 1);
+                state.Forget(entry.ino, 1);
             }
             return 0;
         });

@@ -160,6 +160,7 @@ LiveMount::~LiveMount()
     fuse_session_unmount(session_);
     fuse_session_destroy(session_);
     state_.Handles.Clear();
+    state_.Nameless.Clear();
 }
 
 // libfuse has a loop of its own with several threads, but it ends them by cancellation, which leaves no thread the time

@@ -37,8 +37,19 @@ struct MountState
     // meanwhile must not be cut off. One for several files.
     host::FairSharedMutex& SizeLockOf(NodeId node) { return sizeLocks_[node % sizeLocks_.size()]; }
 
-    // What is open on the volume, for requests about files without a name, and for an end with files open.
+    // What is open on the volume, for looks at what a process has open, and for an end with files open.
     HandleSet Handles;
+    // Changed with Names held alone.
+    NamelessFiles Nameless;
+
+    // The host's kernel forgets as many look-ups.
+    void Forget(NodeId node, std::uint64_t lookups)
+    {
+        if (Nodes.Forget(node, lookups))
+        {
+            Nameless.Drop(node);
+        }
+    }
 
 private:
     std::array<host::FairSharedMutex, 64> sizeLocks_;

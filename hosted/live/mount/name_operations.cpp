@@ -36,13 +36,12 @@ NTSTATUS SetNewName(PFILE_OBJECT file, FILE_INFORMATION_CLASS kind, const host::
     return host::SetInformation(file, kind, memory.data(), static_cast<ULONG>(bytes));
 }
 
-// The last name goes: the number of the file may come back as another file's as soon as `file` is closed.
-void ForgetIfLast(MountState& state, PFILE_OBJECT file)
+// `node`: whose last known name was that of the file, or NodeTable::Nobody.
+void KeepNameless(MountState& state, NodeId node, OpenedFile file)
 {
-    struct stat info = {};
-    if (host::FolderStat(file, &info) == 0 && (info.st_nlink == 0 || S_ISDIR(info.st_mode)))
+    if (node != NodeTable::Nobody)
     {
-        state.Nodes.Gone(info);
+        state.Nameless.Keep(node, std::move(file));
     }
 }
 
@@ -68,7 +67,7 @@ void Remove(fuse_req_t request, fuse_ino_t parent, const char* name, ULONG optio
     WithName<std::unique_lock>(request, parent, name,
         [&](const host::WideString& path, const host::WideString& wide)
         {
-            const OpenedFile file(
+            OpenedFile file(
                 path, {.Access = DELETE | FILE_READ_ATTRIBUTES, .Options = options | FILE_OPEN_REPARSE_POINT});
             NTSTATUS status = file.Status();
             if (file)
@@ -79,8 +78,8 @@ void Remove(fuse_req_t request, fuse_ino_t parent, const char* name, ULONG optio
             }
             if (NT_SUCCESS(status))
             {
-                StateOf(request).Nodes.Removed(parent, wide);
-                ForgetIfLast(StateOf(request), file.Get());
+                MountState& state = StateOf(request);
+                KeepNameless(state, state.Nodes.Removed(parent, wide), std::move(file));
                 fuse_reply_err(request, 0);
             }
             return ErrorFromStatus(status);
@@ -96,8 +95,10 @@ int JudgeTarget(const host::WideString& path, OpenedFile* target)
     return error == ENOENT ? 0 : error;
 }
 
-// Moves what was opened as `from`, and with it what the kernel knows by the names.
-NTSTATUS Move(MountState& state, const OpenedFile& file, const NamedPlace& from, const NamedPlace& to, unsigned flags)
+// Moves what was opened as `from`, and with it what the kernel knows by the names. `target`: what was found under the
+// new name, if anything was.
+NTSTATUS Move(MountState& state, const OpenedFile& file, const NamedPlace& from, const NamedPlace& to,
+    OpenedFile target, unsigned flags)
 {
     if ((flags & RENAME_EXCHANGE) != 0)
     {
@@ -113,7 +114,8 @@ NTSTATUS Move(MountState& state, const OpenedFile& file, const NamedPlace& from,
         SetNewName(file.Get(), FileRenameInformationEx, to.Path, replace | host::RenameEx::PosixSemantics);
     if (NT_SUCCESS(status))
     {
-        state.Nodes.Moved(from.Directory, from.Name, to.Directory, to.Name);
+        KeepNameless(
+            state, state.Nodes.Moved(from.Directory, from.Name, to.Directory, to.Name), std::move(target));
     }
     return status;
 }
@@ -134,13 +136,9 @@ int RenameFile(fuse_req_t request, const NamedPlace& from, const NamedPlace& to,
     }
     const OpenedFile file(
         from.Path, {.Access = DELETE | FILE_READ_ATTRIBUTES, .Options = FILE_OPEN_REPARSE_POINT});
-    const NTSTATUS status = file ? Move(state, file, from, to, flags) : file.Status();
+    const NTSTATUS status = file ? Move(state, file, from, to, std::move(target), flags) : file.Status();
     if (NT_SUCCESS(status))
     {
-        if (target)
-        {
-            ForgetIfLast(state, target.Get());
-        }
         fuse_reply_err(request, 0);
     }
     return ErrorFromStatus(status);
@@ -163,7 +161,7 @@ void Lookup(fuse_req_t request, fuse_ino_t parent, const char* name)
 
 void Forget(fuse_req_t request, fuse_ino_t node, uint64_t lookups)
 {
-    StateOf(request).Nodes.Forget(node, lookups);
+    StateOf(request).Forget(node, lookups);
     fuse_reply_none(request);
 }
 
@@ -171,7 +169,7 @@ void ForgetMany(fuse_req_t request, size_t count, fuse_forget_data* forgets)
 {
     for (size_t i = 0; i < count; ++i)
     {
-        StateOf(request).Nodes.Forget(forgets[i].ino, forgets[i].nlookup);
+        StateOf(request).Forget(forgets[i].ino, forgets[i].nlookup);
     }
     fuse_reply_none(request);
 }

@@ -9,7 +9,6 @@ NodeTable::NodeTable(host::WideString volume) : volume_(std::move(volume))
 {
     auto root = std::make_shared<Node>();
     root->Id = Root;
-    root->Known = false;
     byId_.emplace(Root, std::move(root));
 }
 
@@ -25,14 +24,22 @@ std::shared_ptr<NodeTable::Node> NodeTable::FindAt(NodeId parent, host::WideView
     return found == byName_.end() ? nullptr : Find(found->second);
 }
 
-void NodeTable::TakeAway(NodeId parent, host::WideView name)
+// The one that had it.
+std::shared_ptr<NodeTable::Node> NodeTable::TakeAway(NodeId parent, host::WideView name)
 {
-    if (const std::shared_ptr<Node> node = FindAt(parent, name))
+    std::shared_ptr<Node> node = FindAt(parent, name);
+    if (node != nullptr)
     {
         std::erase_if(node->Places,
             [&](const Place& place) { return place.Directory->Id == parent && place.Name == name; });
     }
     byName_.erase({parent, host::WideString(name)});
+    return node;
+}
+
+NodeId NodeTable::IfNameless(const std::shared_ptr<Node>& node)
+{
+    return node != nullptr && node->Places.empty() ? node->Id : Nobody;
 }
 
 void NodeTable::Put(const std::shared_ptr<Node>& node, NodeId parent, host::WideView name)
@@ -67,28 +74,26 @@ NodeId NodeTable::Enter(NodeId parent, host::WideView name, const struct stat& i
     return node->Id;
 }
 
-void NodeTable::Forget(NodeId id, std::uint64_t lookups)
+bool NodeTable::Forget(NodeId id, std::uint64_t lookups)
 {
     std::unique_lock lock(lock_);
     const std::shared_ptr<Node> node = Find(id);
     if (id == Root || node == nullptr)
     {
-        return;
+        return false;
     }
     node->Lookups -= std::min(node->Lookups, lookups);
     if (node->Lookups != 0)
     {
-        return;
+        return false;
     }
     byId_.erase(id);
-    if (node->Known)
-    {
-        byInode_.erase(node->Key);
-    }
+    byInode_.erase(node->Key);
     for (const Place& place : node->Places)
     {
         byName_.erase({place.Directory->Id, place.Name});
     }
+    return true;
 }
 
 bool NodeTable::AppendPath(const Node& node, host::WideString* path) const
@@ -145,31 +150,29 @@ host::WideString NodeTable::PathOf(NodeId parent, host::WideView name) const
     return path;
 }
 
-void NodeTable::Removed(NodeId parent, host::WideView name)
+NodeId NodeTable::Removed(NodeId parent, host::WideView name)
 {
     std::unique_lock lock(lock_);
-    TakeAway(parent, name);
+    return IfNameless(TakeAway(parent, name));
 }
 
-void NodeTable::Moved(NodeId parent, host::WideView name, NodeId newParent, host::WideView newName)
+NodeId NodeTable::Moved(NodeId parent, host::WideView name, NodeId newParent, host::WideView newName)
 {
     std::unique_lock lock(lock_);
-    const std::shared_ptr<Node> node = FindAt(parent, name);
-    TakeAway(parent, name);
-    TakeAway(newParent, newName);
-    if (node != nullptr)
+    const std::shared_ptr<Node> moved = TakeAway(parent, name);
+    const std::shared_ptr<Node> replaced = TakeAway(newParent, newName);
+    if (moved != nullptr)
     {
-        Put(node, newParent, newName);
+        Put(moved, newParent, newName);
     }
+    return IfNameless(replaced);
 }
 
 void NodeTable::Exchanged(NodeId parent, host::WideView name, NodeId newParent, host::WideView newName)
 {
     std::unique_lock lock(lock_);
-    const std::shared_ptr<Node> first = FindAt(parent, name);
-    const std::shared_ptr<Node> second = FindAt(newParent, newName);
-    TakeAway(parent, name);
-    TakeAway(newParent, newName);
+    const std::shared_ptr<Node> first = TakeAway(parent, name);
+    const std::shared_ptr<Node> second = TakeAway(newParent, newName);
     if (first != nullptr)
     {
         Put(first, newParent, newName);
@@ -177,17 +180,6 @@ void NodeTable::Exchanged(NodeId parent, host::WideView name, NodeId newParent, 
     if (second != nullptr)
     {
         Put(second, parent, name);
-    }
-}
-
-void NodeTable::Gone(const struct stat& info)
-{
-    std::unique_lock lock(lock_);
-    const auto found = byInode_.find({info.st_dev, info.st_ino});
-    if (found != byInode_.end())
-    {
-        found->second->Known = false;
-        byInode_.erase(found);
     }
 }
 

@@ -21,15 +21,17 @@ class NodeTable
 {
 public:
     static constexpr NodeId Root = 1;
+    static constexpr NodeId Nobody = 0;
 
     // `volume`: the device that every path starts with.
     explicit NodeTable(host::WideString volume);
 
     // The file was found there: its number, with one more look-up to be forgotten.
     NodeId Enter(NodeId parent, host::WideView name, const struct stat& info);
-    void Forget(NodeId id, std::uint64_t lookups);
+    // True: nothing is known of it any more.
+    bool Forget(NodeId id, std::uint64_t lookups);
 
-    // Where the file was found last; empty when that name is gone, as for a file that is only open still.
+    // Where the file was found last; empty when no name of it is known, as when that one was removed.
     host::WideString PathOf(NodeId id) const;
     // A name in a directory; empty when the directory is gone.
     host::WideString PathOf(NodeId parent, host::WideView name) const;
@@ -37,12 +39,12 @@ public:
     // Whether that is the file of the node, and not another that its name leads to now.
     bool Is(NodeId id, const struct stat& info) const;
 
-    // A name went away, or leads to something else now.
-    void Removed(NodeId parent, host::WideView name);
-    void Moved(NodeId parent, host::WideView name, NodeId newParent, host::WideView newName);
+    // A name went away, or leads to something else now. The first two tell whose last known name it was that is gone,
+    // or Nobody. As long as that one is not forgotten, its file must be kept from becoming another with its inode
+    // number.
+    NodeId Removed(NodeId parent, host::WideView name);
+    NodeId Moved(NodeId parent, host::WideView name, NodeId newParent, host::WideView newName);
     void Exchanged(NodeId parent, host::WideView name, NodeId newParent, host::WideView newName);
-    // The last name of a file went away: its inode number may come back as another file.
-    void Gone(const struct stat& info);
 
     size_t Count() const;
 
@@ -58,7 +60,6 @@ private:
     {
         NodeId Id;
         Inode Key;
-        bool Known = true; // found by its inode
         std::uint64_t Lookups = 0;
         std::vector<Place> Places; // its names, the one that was looked up last at the end
     };
@@ -67,7 +68,8 @@ private:
     std::shared_ptr<Node> FindAt(NodeId parent, host::WideView name) const;
     bool AppendPath(const Node& node, host::WideString* path) const;
     void Put(const std::shared_ptr<Node>& node, NodeId parent, host::WideView name);
-    void TakeAway(NodeId parent, host::WideView name);
+    std::shared_ptr<Node> TakeAway(NodeId parent, host::WideView name);
+    static NodeId IfNameless(const std::shared_ptr<Node>& node);
 
     const host::WideString volume_;
     mutable std::shared_mutex lock_;

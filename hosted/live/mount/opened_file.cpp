@@ -16,12 +16,13 @@ constexpr int MostAttempts = 1000;
 
 OpenedFile::OpenedFile(const host::WideString& path, const OpenWish& wish)
 {
-    if (path.empty())
+    if (path.empty() && wish.Root == nullptr)
     {
         return;
     }
     host::OpenRequest request;
     request.Path = path;
+    request.Root = wish.Root;
     request.DesiredAccess = wish.Access | SYNCHRONIZE;
     request.Disposition = wish.Disposition;
     request.Options = wish.Options | FILE_SYNCHRONOUS_IO_NONALERT;
@@ -98,27 +99,18 @@ void HandleSet::Remove(OpenHandle* handle)
     // Here the files are closed, which takes its time.
 }
 
-PFILE_OBJECT HandleSet::Find(NodeId node, auto&& fits) const
+PFILE_OBJECT HandleSet::OpenedBy(const host::Process* process, NodeId node) const
 {
     std::lock_guard guard(lock_);
     const auto [begin, end] = handles_.equal_range(node);
-    const auto found = std::find_if(begin, end, [&](const auto& entry) { return fits(*entry.second); });
+    const auto found =
+        std::find_if(begin, end, [process](const auto& entry) { return entry.second->Opener == process; });
     if (found == end)
     {
         return nullptr;
     }
     host::ReferenceObject(found->second->File.Get());
     return found->second->File.Get();
-}
-
-PFILE_OBJECT HandleSet::AnyOf(NodeId node) const
-{
-    return Find(node, [](const OpenHandle&) { return true; });
-}
-
-PFILE_OBJECT HandleSet::OpenedBy(const host::Process* process, NodeId node) const
-{
-    return Find(node, [process](const OpenHandle& handle) { return handle.Opener == process; });
 }
 
 void HandleSet::Clear()
@@ -128,5 +120,38 @@ void HandleSet::Clear()
         std::lock_guard guard(lock_);
         closing.swap(handles_);
     }
+}
+
+void NamelessFiles::Keep(NodeId node, OpenedFile file)
+{
+    auto kept = std::make_shared<const OpenedFile>(std::move(file));
+    std::lock_guard guard(lock_);
+    files_[node].swap(kept);
+}
+
+OpenedFile NamelessFiles::Open(NodeId node, OpenWish wish) const
+{
+    std::shared_ptr<const OpenedFile> kept;
+    {
+        std::lock_guard guard(lock_);
+        const auto found = files_.find(node);
+        kept = found == files_.end() ? nullptr : found->second;
+    }
+    wish.Root = kept == nullptr ? nullptr : kept->Get();
+    return OpenedFile({}, wish);
+}
+
+void NamelessFiles::Drop(NodeId node)
+{
+    decltype(files_)::node_type dropped;
+    std::lock_guard guard(lock_);
+    dropped = files_.extract(node);
+}
+
+void NamelessFiles::Clear()
+{
+    decltype(files_) closing;
+    std::lock_guard guard(lock_);
+    closing.swap(files_);
 }
 }

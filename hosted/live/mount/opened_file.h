@@ -27,6 +27,7 @@ struct OpenWish
     ULONG Disposition = FILE_OPEN;
     ULONG Options = 0;
     const host::FolderCreation* Creation = nullptr;
+    PFILE_OBJECT Root = nullptr; // what the path is relative to
 };
 
 // One open file object; closed with it.
@@ -35,7 +36,8 @@ class OpenedFile
 public:
     OpenedFile() = default;
     // As the process that the thread plays. Everything may be shared: Linux programs never lock each other out by
-    // opening. An empty path is a file whose name is gone: STATUS_OBJECT_NAME_NOT_FOUND.
+    // opening. An empty path opens the root once more; without one it is a file whose name is gone:
+    // STATUS_OBJECT_NAME_NOT_FOUND.
     OpenedFile(const host::WideString& path, const OpenWish& wish);
     ~OpenedFile() { Close(); }
     OpenedFile(OpenedFile&& other) noexcept;
@@ -82,17 +84,30 @@ class HandleSet
 public:
     OpenHandle* Add(std::unique_ptr<OpenHandle> handle);
     void Remove(OpenHandle* handle);
-    // Any open file object of the node, referenced; null: none is open. For a file without a name.
-    PFILE_OBJECT AnyOf(NodeId node) const;
-    // One that this process opened.
+    // A file object of the node that this process opened, referenced; null: none is open.
     PFILE_OBJECT OpenedBy(const host::Process* process, NodeId node) const;
     // Closes everything.
     void Clear();
 
 private:
-    PFILE_OBJECT Find(NodeId node, auto&& fits) const;
-
     mutable std::mutex lock_;
     std::multimap<NodeId, std::unique_ptr<OpenHandle>> handles_;
+};
+
+// The files that have no known name left, but that the host's kernel still knows: a program may be about to open what
+// another one replaces at this moment. Thread-safe.
+class NamelessFiles
+{
+public:
+    // `file`: opened by the name that it had, so that further opens are judged by that.
+    void Keep(NodeId node, OpenedFile file);
+    // Opens it once more. STATUS_OBJECT_NAME_NOT_FOUND: it is not kept.
+    OpenedFile Open(NodeId node, OpenWish wish) const;
+    void Drop(NodeId node);
+    void Clear();
+
+private:
+    mutable std::mutex lock_;
+    std::map<NodeId, std::shared_ptr<const OpenedFile>> files_;
 };
 }

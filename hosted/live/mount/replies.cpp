@@ -40,7 +40,7 @@ void ReplyEntry(fuse_req_t request, fuse_ino_t parent, host::WideView name, PFIL
     if (fuse_reply_entry(request, &entry) != 0)
     {
         // The program was interrupted and the kernel will never forget what it never heard of.
-        state.Nodes.Forget(entry.ino, 1);
+        state.Forget(entry.ino, 1);
     }
 }
 
@@ -89,16 +89,26 @@ int DropPowers(fuse_req_t request, PFILE_OBJECT file)
     return chmod(DescriptorPath(file).c_str(), info.st_mode & 07777 & ~gone) == 0 ? 0 : errno;
 }
 
-int CheckNode(const MountState& state, fuse_ino_t node, const OpenedFile& file)
+int OpenNode(const MountState& state, fuse_ino_t node, const OpenWish& wish, OpenedFile* file)
 {
-    if (!file)
+    const host::WideString path = state.Nodes.PathOf(node);
+    OpenedFile opened = path.empty() ? state.Nameless.Open(node, wish) : OpenedFile(path, wish);
+    if (!opened)
     {
-        const int error = ErrorFromStatus(file.Status());
+        const int error = ErrorFromStatus(opened.Status());
         return error == ENOENT ? ESTALE : error;
     }
     struct stat info = {};
-    const int error = host::FolderStat(file.Get(), &info);
-    return error != 0 || state.Nodes.Is(node, info) ? error : ESTALE;
+    if (const int error = host::FolderStat(opened.Get(), &info))
+    {
+        return error;
+    }
+    if (!state.Nodes.Is(node, info))
+    {
+        return ESTALE;
+    }
+    *file = std::move(opened);
+    return 0;
 }
 
 NodeFile::NodeFile(MountState& state, fuse_ino_t node, const OpenWish& wish, const fuse_file_info* info)
@@ -117,16 +127,7 @@ NodeFile::NodeFile(MountState& state, fuse_ino_t node, const OpenWish& wish, con
             return;
         }
     }
-    opened_ = OpenedFile(state.Nodes.PathOf(node), wish);
-    error_ = CheckNode(state, node, opened_);
-    if (error_ != 0)
-    {
-        opened_.Close();
-    }
-    if (error_ == ESTALE)
-    {
-        borrowed_ = state.Handles.AnyOf(node);
-    }
+    error_ = OpenNode(state, node, wish, &opened_);
 }
 
 NodeFile::~NodeFile()

@@ -37,13 +37,14 @@ host::FolderCreation CreationBy(fuse_req_t request, mode_t mode);
 // 0 or the errno value.
 int DropPowers(fuse_req_t request, PFILE_OBJECT file);
 
-// 0, or the errno value for a file that was opened by the name under which a node was known: ESTALE when the name is
-// gone or leads to another file now.
-int CheckNode(const MountState& state, fuse_ino_t node, const OpenedFile& file);
+// Opens the file of a node by the name under which it was found last or, with no name left, once more. 0 or the errno
+// value: ESTALE when somebody changed the store beneath and the name leads to another file now. MountState::Names is
+// held.
+int OpenNode(const MountState& state, fuse_ino_t node, const OpenWish& wish, OpenedFile* file);
 
 // A file of the volume for one request: the handle's, if the request came with one; for a look, one that the same
-// process has open, since the host's kernel asks for attributes with every write; otherwise opened anew, or, when its
-// name is gone, any open one. MountState::Names is held to make it.
+// process has open, since the host's kernel asks for attributes with every write; otherwise opened anew.
+// MountState::Names is held to make it.
 class NodeFile
 {
 public:

@@ -322,6 +322,55 @@ TEST_F(LiveServer, MakingRoomCutsNothingOffThatIsWrittenMeanwhile)
     EXPECT_EQ(volume->Inside("../../race").Output, "0 lost\n");
 }
 
+// The host's kernel sets times on a file whose name just went, and tells whoever closes it next that this failed.
+TEST_F(LiveServer, AFileThatIsOpenOrLinkedOutlivesItsName)
+{
+    EXPECT_EQ(volume->Inside("echo linked > a; ln a b; echo open > file; mkdir folder").Code, 0);
+    volume->Remount();
+    const Outcome outcome = volume->Inside(R"x(python3 - << 'END'
+import os
+os.unlink("b")
+fd = os.open("a", os.O_WRONLY | os.O_APPEND)
+os.write(fd, b"more\n")
+os.fsync(fd)
+os.close(fd)
+print(open("a").read(), end="")
+fd = os.open("file", os.O_RDWR)
+link = "/proc/self/fd/%d" % fd
+os.unlink("file")
+again = os.open(link, os.O_RDWR | os.O_APPEND)
+os.write(again, b"again\n")
+os.close(again)
+os.truncate(link, 9)
+os.utime(link, (1, 2))
+print(os.read(fd, 100), os.fstat(fd).st_size, os.fstat(fd).st_mtime, os.fstat(fd).st_nlink)
+os.close(fd)
+fd = os.open("folder", os.O_RDONLY)
+os.rmdir("folder")
+os.close(os.open("/proc/self/fd/%d" % fd, os.O_RDONLY))
+os.close(fd)
+print(sorted(os.listdir(".")))
+END)x");
+    EXPECT_EQ(outcome.Output, "linked\nmore\nb'open\\nagai' 9 2.0 0\n['a']\n");
+}
+
+// Who may open it is judged by the name that it had.
+TEST_F(LiveServer, AFileWithoutANameStaysInside)
+{
+    std::ofstream(volume->Folder() / "program.sh") << R"x(
+        cd mount/Sandbox
+        echo secret > document; echo other > new; exec 3< document; mv new document
+        cat /proc/$$/fd/3 document; echo $$ > ../../id.new; mv ../../id.new ../../id
+        while [ ! -e ../../judged ]; do sleep 0.01; done
+        cat /proc/$$/fd/3)x";
+    const Outcome outcome = Outside(R"x(
+        ./launch -c "bash program.sh; exit \$?" > inside &
+        while [ ! -e id ] && kill -0 $! 2> /dev/null; do sleep 0.01; done
+        cat /proc/$(cat id)/fd/3 2>&1 | grep -o 'Permission denied' || true
+        touch judged; wait; cat inside)x");
+    EXPECT_EQ(outcome.Output, "Permission denied\nsecret\nother\nsecret\n");
+}
+
 // One program replaces a file and two exchange others, while programs read and write them by name.
 TEST_F(LiveServer, NamesThatChangeLeadToOneFileOrTheOther)
 {

@@ -60,6 +60,27 @@ TEST_F(FolderChange, WhatNobodyCanReadAnyMoreIsNotWritten)
     EXPECT_EQ(CachedBytes(), 0u);
 }
 
+TEST_F(FolderChange, AnOpenFileIsOpenedOnceMoreWithoutItsName)
+{
+    MakeFile(L"\\file", "text");
+    PFILE_OBJECT file = Open(L"\\file", {.Disposition = FILE_OPEN, .Access = DELETE});
+    EXPECT_EQ(PosixDelete(file), STATUS_SUCCESS);
+    MakeFile(L"\\file", "another");
+    PFILE_OBJECT again = Open(L"", {.Disposition = FILE_OPEN, .Root = file});
+    EXPECT_EQ(Read(again, 0, 10), "text");
+    Write(again, 4, " and more");
+    EXPECT_EQ(Attempt(L"", {.Disposition = FILE_CREATE, .Root = file}), STATUS_OBJECT_NAME_COLLISION);
+    EXPECT_EQ(Attempt(L"below", {.Root = file}), STATUS_DELETE_PENDING);
+    CloseFile(file);
+    EXPECT_EQ(Read(again, 0, 20), "text and more");
+    PFILE_OBJECT last = Open(L"", {.Disposition = FILE_OVERWRITE, .Root = again});
+    EXPECT_EQ(StatOf(again).st_size, 0);
+    CloseFile(last);
+    CloseFile(again);
+    LazyWrite();
+    EXPECT_EQ(Bytes("file"), "another");
+}
+
 TEST_F(FolderChange, DirectoriesGoOnlyWhenTheyAreEmpty)
 {
     MakeDirectory(L"\\dir");

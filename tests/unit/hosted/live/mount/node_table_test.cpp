@@ -90,25 +90,29 @@ TEST_F(NodeTableTest, TwoNamesChangePlaces)
     EXPECT_EQ(PathOf(second), "\\Device\\V\\first");
 }
 
-TEST_F(NodeTableTest, AnInodeThatComesBackIsAnotherFile)
+TEST_F(NodeTableTest, ItTellsWhoseLastNameIsGone)
 {
-    const live::NodeId before = table.Enter(NodeTable::Root, L"a", Inode(1));
-    table.Removed(NodeTable::Root, L"a");
-    table.Gone(Inode(1));
-    const live::NodeId after = table.Enter(NodeTable::Root, L"b", Inode(1));
-    EXPECT_NE(before, after);
-    // The first is still open somewhere; forgetting it does not touch the second.
-    table.Forget(before, 1);
-    EXPECT_EQ(table.Enter(NodeTable::Root, L"b", Inode(1)), after);
+    const live::NodeId file = table.Enter(NodeTable::Root, L"a", Inode(1));
+    const live::NodeId moved = table.Enter(NodeTable::Root, L"new", Inode(2));
+    table.Enter(NodeTable::Root, L"b", Inode(1));
+    EXPECT_EQ(table.Removed(NodeTable::Root, L"b"), NodeTable::Nobody) << "it has another";
+    EXPECT_EQ(table.Removed(NodeTable::Root, L"unknown"), NodeTable::Nobody);
+    EXPECT_EQ(table.Moved(NodeTable::Root, L"a", NodeTable::Root, L"c"), NodeTable::Nobody) << "nothing was there";
+    EXPECT_EQ(table.Moved(NodeTable::Root, L"new", NodeTable::Root, L"c"), file);
+    EXPECT_EQ(table.Removed(NodeTable::Root, L"c"), moved);
+    // A name that was never looked up is one more.
+    EXPECT_EQ(table.Enter(NodeTable::Root, L"d", Inode(1)), file);
+    EXPECT_EQ(table.Removed(NodeTable::Root, L"d"), file);
 }
 
 TEST_F(NodeTableTest, WhatIsForgottenIsGone)
 {
     const live::NodeId file = table.Enter(NodeTable::Root, L"a", Inode(1));
     table.Enter(NodeTable::Root, L"a", Inode(1));
-    table.Forget(file, 1);
+    EXPECT_FALSE(table.Forget(file, 1));
     EXPECT_EQ(PathOf(file), "\\Device\\V\\a");
-    table.Forget(file, 1);
+    EXPECT_TRUE(table.Forget(file, 1));
+    EXPECT_FALSE(table.Forget(file, 1)) << "only once";
     EXPECT_EQ(PathOf(file), "");
     EXPECT_EQ(table.Count(), 1u);
     EXPECT_NE(table.Enter(NodeTable::Root, L"a", Inode(1)), file);
@@ -116,7 +120,7 @@ TEST_F(NodeTableTest, WhatIsForgottenIsGone)
 
 TEST_F(NodeTableTest, TheRootIsNeverForgotten)
 {
-    table.Forget(NodeTable::Root, 1000);
+    EXPECT_FALSE(table.Forget(NodeTable::Root, 1000));
     EXPECT_EQ(PathOf(NodeTable::Root), "\\Device\\V\\");
 }
 }
