@@ -18,9 +18,10 @@ count_results()
         read -r suite_passed suite_failed < <(result_file_counts "$folder/results/${name//\//_}.xml")
         passed=$((passed + suite_passed))
         failed=$((failed + suite_failed))
-        print_skipped "$folder/results/${name//\//_}.xml"
+        print_not_passed "$folder/results/${name//\//_}.xml"
         if [ "$status" != run ] && [ "$suite_failed" -eq 0 ]
         then
+            echo "failed $name: it named no test"
             failed=$((failed + 1))
         fi
     done < <(sed -n -E 's/.*<testcase name="([^"]*)".* status="([^"]*)".*/\1\t\2/p' "$folder/junit.xml")
@@ -46,24 +47,23 @@ result_file_counts()
         END { print passed + 0, failed + 0 }' "$1"
 }
 
-# Names each skipped test of one GoogleTest result file with the reason that it gave.
-print_skipped()
+# Names each skipped and each failed test of one GoogleTest result file with what it said about that.
+print_not_passed()
 {
     [ -f "$1" ] || return 0
     sed -n -E '/<testcase /{
             s/.* name="([^"]*)".* classname="([^"]*)".*/\2.\1/
             h
         }
-        /<skipped message="/{
-            s/.*<skipped message="([^"]*)".*/\1/
-            s/^[^&]*&#x0A;//
+        /<(skipped|failure) message="/{
+            s/.*<skipped message="([^"]*)".*/skipped \1/
+            s/.*<failure message="([^"]*)".*/failed \1/
+            s/^(skipped|failed) [^&]*&#x0A;/\1 /
             s/&#x0A;/ /g
             s/&apos;/'"'"'/g; s/&quot;/"/g; s/&lt;/</g; s/&gt;/>/g; s/&amp;/\&/g
             s/ *$//
-            x
             G
-            s/\n/: /
-            s/^/skipped /
+            s/^(skipped|failed) (.*)\n(.*)/\1 \3: \2/
             p
         }' "$1"
 }
