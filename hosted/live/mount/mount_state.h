@@ -39,7 +39,7 @@ struct MountState
 
     // What is open on the volume, for looks at what a process has open, and for an end with files open.
     HandleSet Handles;
-    // Changed with Names held alone.
+    // Files are added with Names held alone.
     NamelessFiles Nameless;
 
     // The host's kernel forgets as many look-ups.
