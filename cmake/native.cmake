@@ -143,10 +143,12 @@ if(TARNVEIL_SANITIZER OR TARNVEIL_COVERAGE)
     endif()
     # Programs on a mounted volume.
     add_executable(random_file_program tests/live/program/random_file_program.cpp)
+    add_executable(room_program tests/live/program/room_program.cpp)
+    target_link_libraries(room_program PRIVATE Threads::Threads)
     tarnveil_test(live_tests tests/live/test live)
-    add_dependencies(live_tests tarnhost tarnctl random_file_program)
+    add_dependencies(live_tests tarnhost tarnctl random_file_program room_program)
     target_compile_definitions(live_tests PRIVATE TARNHOST="$<TARGET_FILE:tarnhost>" TARNCTL="$<TARGET_FILE:tarnctl>"
-        RANDOM_FILE_PROGRAM="$<TARGET_FILE:random_file_program>")
+        RANDOM_FILE_PROGRAM="$<TARGET_FILE:random_file_program>" ROOM_PROGRAM="$<TARGET_FILE:room_program>")
     if(TARNVEIL_SANITIZER MATCHES "address")
         # The other configurations cannot look into the image, so they need not run it.
         target_compile_definitions(live_tests PRIVATE LIVE_TESTS_WITH_IMAGE=1)

@@ -1,37 +1,24 @@
 // Who is inside: real shells and their real children.
-#include "tests/live/test/live_volume.h"
+#include "tests/live/test/live_fixture.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <memory>
 
 namespace
 {
 namespace fs = std::filesystem;
-using live_test::LiveVolume;
 using live_test::Outcome;
 using testing::HasSubstr;
 using testing::Not;
 
-class LiveProcesses : public testing::TestWithParam<bool>
+class LiveProcesses : public live_test::LiveTest, public testing::WithParamInterface<bool>
 {
 protected:
     void SetUp() override
     {
-        std::string reason;
-        if (!live_test::CanMount(&reason))
-        {
-            GTEST_SKIP() << reason;
-        }
-        volume = std::make_unique<LiveVolume>(GetParam() ? TARNVEIL_IMAGE : "");
-        ASSERT_EQ(volume->Inside("echo secret > document").Code, 0);
-    }
-    void TearDown() override
-    {
+        Serve(GetParam() ? TARNVEIL_IMAGE : "");
         if (volume)
         {
-            EXPECT_EQ(volume->End(), 0) << volume->Log();
+            ASSERT_EQ(volume->Inside("echo secret > document").Code, 0);
         }
     }
 
@@ -52,9 +39,6 @@ protected:
         }
         return text;
     }
-    Outcome Outside(const std::string& script) const { return volume->Outside(script, volume->Folder()); }
-
-    std::unique_ptr<LiveVolume> volume;
 };
 
 TEST_P(LiveProcesses, ChildrenOfAMonitoredParentAreInsideAtAnyDepth)

@@ -1,11 +1,8 @@
 // Programs that nobody here wrote, at work in the sandbox folder. Each does the same in an ordinary folder first, and
 // what comes out must be equal.
-#include "tests/live/test/live_volume.h"
-
-#include <gtest/gtest.h>
+#include "tests/live/test/live_fixture.h"
 
 #include <cstdlib>
-#include <memory>
 
 namespace
 {
@@ -170,25 +167,10 @@ Outcome CopyOut(const LiveVolume& volume, const std::string& from, const fs::pat
     return volume.Inside("mkdir -p '" + to.string() + "'; cp -a " + from + " '" + to.string() + "/'");
 }
 
-class RealPrograms : public testing::TestWithParam<bool>
+class RealPrograms : public live_test::LiveTest, public testing::WithParamInterface<bool>
 {
 protected:
-    static void SetUpTestSuite() { canMount = live_test::CanMount(&reason); }
-    void SetUp() override
-    {
-        if (!canMount)
-        {
-            GTEST_SKIP() << reason;
-        }
-        volume = std::make_unique<LiveVolume>(GetParam() ? TARNVEIL_IMAGE : "");
-    }
-    void TearDown() override
-    {
-        if (volume)
-        {
-            EXPECT_EQ(volume->End(), 0) << volume->Log();
-        }
-    }
+    void SetUp() override { Serve(GetParam() ? TARNVEIL_IMAGE : ""); }
 
     fs::path Reference() const { return volume->Scratch(); }
 
@@ -204,10 +186,6 @@ protected:
                                          reference + "/$name\" \"" + work.Name + "/$name\"; done"),
             work.Name + (" " + when));
     }
-
-    static inline bool canMount = false;
-    static inline std::string reason;
-    std::unique_ptr<LiveVolume> volume;
 };
 
 TEST_P(RealPrograms, DoInTheSandboxWhatTheyDoElsewhere)
@@ -229,7 +207,7 @@ TEST_P(RealPrograms, DoInTheSandboxWhatTheyDoElsewhere)
     }
 
     // Whoever is outside gets nothing, and changes nothing.
-    const Outcome before = volume->Outside("find store -printf '%P %s %T@ %m\\n' | sort", volume->Folder());
+    const Outcome before = Outside("find store -printf '%P %s %T@ %m\\n' | sort");
     for (const char* attempt :
         {"ls mount/Sandbox", "cat mount/Sandbox/SavesAtomically/document", "echo x > mount/Sandbox/new",
          "echo x >> mount/Sandbox/SavesAtomically/document", "rm mount/Sandbox/SavesAtomically/document",
@@ -238,11 +216,11 @@ TEST_P(RealPrograms, DoInTheSandboxWhatTheyDoElsewhere)
          "truncate -s 0 mount/Sandbox/SavesAtomically/document", "stat mount/Sandbox/SavesAtomically/document",
          "ln mount/Sandbox/SavesAtomically/document mount/linked", "cp -r mount/Sandbox elsewhere"})
     {
-        const Outcome outcome = volume->Outside(attempt, volume->Folder());
+        const Outcome outcome = Outside(attempt);
         EXPECT_NE(outcome.Code, 0) << attempt;
         EXPECT_NE(outcome.Output.find("Permission denied"), std::string::npos) << attempt << ": " << outcome.Output;
     }
-    EXPECT_EQ(volume->Outside("find store -printf '%P %s %T@ %m\\n' | sort", volume->Folder()).Output, before.Output);
+    EXPECT_EQ(Outside("find store -printf '%P %s %T@ %m\\n' | sort").Output, before.Output);
 }
 
 TEST_P(RealPrograms, RandomOperationsAgreeWithAModel)

@@ -1,50 +1,28 @@
 // The server's life: how it starts and ends, what it keeps, what it refuses.
-#include "tests/live/test/live_volume.h"
+#include "tests/live/test/live_fixture.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <csignal>
 #include <fstream>
-#include <memory>
 #include <unistd.h>
 
 namespace
 {
 namespace fs = std::filesystem;
-using live_test::LiveVolume;
 using live_test::Outcome;
 using testing::HasSubstr;
-using testing::Not;
 
-class LiveServer : public testing::Test
+class LiveServer : public live_test::LiveTest
 {
 protected:
-    void SetUp() override
-    {
-        std::string reason;
-        if (!live_test::CanMount(&reason))
-        {
-            GTEST_SKIP() << reason;
-        }
-        volume = std::make_unique<LiveVolume>("", "--registry registry.reg");
-    }
-    void TearDown() override
-    {
-        if (volume && volume->Server() > 0)
-        {
-            EXPECT_EQ(volume->End(), 0) << volume->Log();
-        }
-    }
+    void SetUp() override { Serve("", "--registry registry.reg"); }
 
     std::string Registry() const
     {
         std::ifstream file(volume->Folder() / "registry.reg");
         return {std::istreambuf_iterator<char>(file), {}};
     }
-    Outcome Outside(const std::string& script) const { return volume->Outside(script, volume->Folder()); }
-
-    std::unique_ptr<LiveVolume> volume;
 };
 
 TEST_F(LiveServer, ProtectionsAreKeptInTheRegistryFile)
@@ -135,17 +113,20 @@ TEST_F(LiveServer, AnOrdinaryUserCanServeOne)
         cat mount/Sandbox/folder/document 2>&1 || true
         fusermount3 -u mount; while ! grep -q 'left behind' log; do :; done; grep -o 'left behind: .*' log
         stat -c %a:%s store/Sandbox/folder/document; grep -c secret store/Sandbox/folder/document || true)x";
+    constexpr int NoDevice = 77;
     // The device is everybody's on most machines; here it is so at least for this test.
-    const std::string asUser =
-        "chmod 711 .; cd user; exec unshare -m bash -ec '[ -e ../fuse ] || mknod -m 666 ../fuse c 10 229\n"
-        "mount --bind ../fuse /dev/fuse; exec setpriv --reuid=65534 --regid=65534 --clear-groups bash -e ";
-    if (Outside("mkdir user; echo \": <> /dev/fuse\" > reach\n" + asUser + "../reach'").Code != 0)
+    const Outcome outcome = Outside(R"x(
+        mkdir user; cp steps ')x" TARNHOST "' '" TARNCTL R"x(' user; cp /bin/bash user/launch
+        chown -R 65534:65534 user; chmod 711 .; cd user
+        unshare -m true || exit 77
+        exec unshare -m bash -c '
+            as_user() { setpriv --reuid=65534 --regid=65534 --clear-groups "$@"; }
+            mknod -m 666 ../fuse c 10 229 && mount --bind ../fuse /dev/fuse && as_user bash -c ": <> /dev/fuse" || exit 77
+            as_user bash -e steps')x");
+    if (outcome.Code == NoDevice)
     {
-        GTEST_SKIP() << "an ordinary user cannot be given the device here";
+        GTEST_SKIP() << "an ordinary user cannot be given the device here: " << outcome.Output;
     }
-    const Outcome outcome =
-        Outside("cp steps " TARNHOST " " TARNCTL " user; cp /bin/bash user/launch; chown -R 65534:65534 user\n" +
-                asUser + "steps'");
     EXPECT_EQ(outcome.Output, "secret\n640:65534:65534\n"
                               "cat: mount/Sandbox/folder/document: Permission denied\n"
                               "left behind: nothing\n640:7\n0\n");
@@ -204,261 +185,5 @@ TEST_F(LiveServer, WhatItCannotDoItSaysAtOnce)
     refuse("--store other --mount place --socket control2 --registry broken.reg", 1, "broken.reg");
     refuse("--store other --mount place --socket control", 1, "control");
     EXPECT_EQ(Outside("ls place").Output, "");
-}
-
-TEST_F(LiveServer, NamesAreWhatLinuxProgramsExpect)
-{
-    const Outcome outcome = volume->Inside(R"x(
-        echo lower > name; echo upper > Name; cat name Name
-        for odd in 'a:b' 'a*b?' '<"|>' 'back\slash' 'end ' 'end.' '...' 'naïve' '日本語' '🙂'; do echo "$odd" > "$odd"; done
-        ls -A | LC_ALL=C sort | tr '\n' '/'; echo
-        for odd in *; do [ -f "$odd" ] && cat "$odd" > /dev/null; done
-        rm -- *
-        touch $'bad\xff' 2>&1 || echo refused
-        touch "$(printf 'x%.0s' $(seq 256))" 2>&1 || echo refused
-        touch "$(printf 'x%.0s' $(seq 255))"; ls | wc -c)x");
-    EXPECT_EQ(outcome.Code, 0) << outcome.Output;
-    EXPECT_THAT(outcome.Output, testing::StartsWith("lower\nupper\n"));
-    for (const char* odd : {"/a:b/", "/a*b?/", "/<\"|>/", "/back\\slash/", "/end /", "/end./", "/.../", "/naïve/",
-                            "/日本語/", "/🙂/"})
-    {
-        EXPECT_THAT("/" + outcome.Output.substr(12), HasSubstr(odd));
-    }
-    EXPECT_THAT(outcome.Output, HasSubstr("Invalid or incomplete multibyte"));
-    EXPECT_THAT(outcome.Output, HasSubstr("File name too long"));
-    EXPECT_THAT(outcome.Output, testing::EndsWith("refused\n256\n"));
-}
-
-// The kernel's cache must not be asked for what was decided for another program, and the owner's rights hold as well.
-TEST_F(LiveServer, OwnersAndModesCount)
-{
-    EXPECT_EQ(volume->Inside("umask 022; echo x > file; mkdir folder; stat -c '%a %u' file folder; chown 12:34 file; "
-                             "chmod 4755 file; stat -c '%a %u %g' file")
-                  .Output,
-        "644 0\n755 0\n4755 12 34\n");
-}
-TEST_F(LiveServer, WhoeverIsNotTrustedTakesAFilesPowersAwayByChangingIt)
-{
-    if (geteuid() != 0)
-    {
-        GTEST_SKIP() << "only root can act as somebody else";
-    }
-    const Outcome outcome = Outside(R"x(
-        chmod 711 .; cd mount
-        other() { setpriv --reuid=65534 --regid=65534 --clear-groups bash -c "$1"; }
-        for file in written appended emptied shortened; do echo text > $file; chown 12:34 $file; chmod 6777 $file; done
-        echo x > mine; chmod 600 mine; cp written roots; chmod 6777 roots
-        other 'echo more > written'; other 'echo more >> appended'; other ': > emptied'; other 'truncate -s 2 shortened'
-        echo more >> roots
-        stat -c '%n %a' written appended emptied shortened roots
-        other 'cat mine' || true; other 'echo x > mine' || true; other 'touch new' || true; cat mine)x");
-    EXPECT_EQ(outcome.Code, 0) << outcome.Output;
-    EXPECT_THAT(outcome.Output,
-        testing::StartsWith("written 777\nappended 777\nemptied 777\nshortened 777\nroots 6777\n"));
-    EXPECT_THAT(outcome.Output, HasSubstr("cat: mine: Permission denied"));
-    EXPECT_THAT(outcome.Output, HasSubstr("mine: Permission denied\n"));
-    EXPECT_THAT(outcome.Output, HasSubstr("cannot touch 'new': Permission denied"));
-    EXPECT_THAT(outcome.Output, testing::EndsWith("\nx\n"));
-}
-
-// What was enciphered is no use outside, nor would plain bytes be inside: a program that moves a file copies it.
-TEST_F(LiveServer, MovingOverTheSandboxBorderCopies)
-{
-    ASSERT_EQ(Outside("echo from outside > mount/plain").Code, 0);
-    const Outcome outcome = volume->Inside(R"x(
-        echo from inside > document; mkdir folder; echo deep > folder/file
-        mv document folder ..; mv ../plain .; cat plain ../document ../folder/file; ls
-        ln plain ../link 2>&1 || true; ln ../document link 2>&1 || true; ls ..)x");
-    EXPECT_EQ(outcome.Code, 0) << outcome.Output;
-    EXPECT_THAT(outcome.Output, testing::StartsWith("from outside\nfrom inside\ndeep\nplain\n"));
-    EXPECT_THAT(outcome.Output, HasSubstr("'../link' => 'plain': Invalid cross-device link\n"));
-    EXPECT_THAT(outcome.Output, HasSubstr("'link' => '../document': Invalid cross-device link\n"));
-    EXPECT_THAT(outcome.Output, testing::EndsWith("Sandbox\ndocument\nfolder\n"));
-    volume->Remount();
-    EXPECT_EQ(Outside("cat mount/document mount/folder/file store/document").Output,
-        "from inside\ndeep\nfrom inside\n");
-    EXPECT_EQ(Outside("stat -c %s store/Sandbox/plain").Output, "13\n");
-    EXPECT_THAT(Outside("cat store/Sandbox/plain").Output, Not(HasSubstr("from outside")));
-}
-// What the kernel writes back while a program makes room must not be cut off.
-TEST_F(LiveServer, MakingRoomCutsNothingOffThatIsWrittenMeanwhile)
-{
-    std::ofstream(volume->Folder() / "race.c") << R"x(
-        #define _GNU_SOURCE
-        #include <fcntl.h>
-        #include <pthread.h>
-        #include <stdio.h>
-        #include <string.h>
-        #include <time.h>
-        #include <unistd.h>
-        enum { Size = 256 * 1024, Rounds = 1500 };
-        static char data[Size], read_back[Size];
-        static void *write_out(void *file) { sync_file_range(*(int *)file, 0, Size, SYNC_FILE_RANGE_WRITE); return 0; }
-        static void spin(long nanoseconds)
-        {
-            struct timespec begin, now;
-            clock_gettime(CLOCK_MONOTONIC, &begin);
-            do
-                clock_gettime(CLOCK_MONOTONIC, &now);
-            while ((now.tv_sec - begin.tv_sec) * 1000000000L + now.tv_nsec - begin.tv_nsec < nanoseconds);
-        }
-        int main(void)
-        {
-            int lost = 0;
-            memset(data, 'd', Size);
-            for (int i = 0; i < Rounds; ++i)
-            {
-                int file = open("f", O_RDWR | O_CREAT | O_TRUNC, 0600);
-                pthread_t writer;
-                pwrite(file, data, Size, 0);
-                pthread_create(&writer, 0, write_out, &file);
-                spin(i % 100 * 5000);
-                fallocate(file, 0, 0, Size / 2 + 4096);
-                pthread_join(writer, 0);
-                fsync(file);
-                posix_fadvise(file, 0, 0, POSIX_FADV_DONTNEED);
-                lost += pread(file, read_back, Size, 0) != Size || memcmp(data, read_back, Size) != 0;
-                close(file);
-            }
-            printf("%d lost\n", lost);
-            return 0;
-        })x";
-    ASSERT_EQ(Outside("cc -O2 -pthread race.c -o race").Code, 0);
-    EXPECT_EQ(volume->Inside("../../race").Output, "0 lost\n");
-}
-
-// The host's kernel sets times on a file whose name just went, and tells whoever closes it next that this failed.
-TEST_F(LiveServer, AFileThatIsOpenOrLinkedOutlivesItsName)
-{
-    EXPECT_EQ(volume->Inside("echo linked > a; ln a b; echo open > file; mkdir folder").Code, 0);
-    volume->Remount();
-    const Outcome outcome = volume->Inside(R"x(python3 - << 'END'
-import os
-os.unlink("b")
-fd = os.open("a", os.O_WRONLY | os.O_APPEND)
-os.write(fd, b"more\n")
-os.fsync(fd)
-os.close(fd)
-print(open("a").read(), end="")
-fd = os.open("file", os.O_RDWR)
-link = "/proc/self/fd/%d" % fd
-os.unlink("file")
-again = os.open(link, os.O_RDWR | os.O_APPEND)
-os.write(again, b"again\n")
-os.close(again)
-os.truncate(link, 9)
-os.utime(link, (1, 2))
-print(os.read(fd, 100), os.fstat(fd).st_size, os.fstat(fd).st_mtime, os.fstat(fd).st_nlink)
-os.close(fd)
-fd = os.open("folder", os.O_RDONLY)
-os.rmdir("folder")
-os.close(os.open("/proc/self/fd/%d" % fd, os.O_RDONLY))
-os.close(fd)
-print(sorted(os.listdir(".")))
-END)x");
-    EXPECT_EQ(outcome.Output, "linked\nmore\nb'open\\nagai' 9 2.0 0\n['a']\n");
-}
-
-// Who may open it is judged by the name that it had.
-TEST_F(LiveServer, AFileWithoutANameStaysInside)
-{
-    std::ofstream(volume->Folder() / "program.sh") << R"x(
-        cd mount/Sandbox
-        echo secret > document; echo other > new; exec 3< document; mv new document
-        cat /proc/$$/fd/3 document; echo $$ > ../../id.new; mv ../../id.new ../../id
-        while [ ! -e ../../judged ]; do sleep 0.01; done
-        cat /proc/$$/fd/3)x";
-    const Outcome outcome = Outside(R"x(
-        ./launch -c "bash program.sh; exit \$?" > inside &
-        while [ ! -e id ] && kill -0 $! 2> /dev/null; do sleep 0.01; done
-        cat /proc/$(cat id)/fd/3 2>&1 | grep -o 'Permission denied' || true
-        touch judged; wait; cat inside)x");
-    EXPECT_EQ(outcome.Output, "Permission denied\nsecret\nother\nsecret\n");
-}
-
-// One program replaces a file and two exchange others, while programs read and write them by name.
-TEST_F(LiveServer, NamesThatChangeLeadToOneFileOrTheOther)
-{
-    const Outcome outcome = volume->Inside(R"x(python3 - << 'END'
-import ctypes, os, threading
-libc = ctypes.CDLL(None, use_errno=True)
-names = [b"x", b"y"]
-for name, byte in ((b"x", b"X"), (b"y", b"Y"), (b"config", b"C")):
-    with open(name, "wb") as file:
-        file.write(byte * 10000)
-inodes = {os.stat(name).st_ino: name.upper() for name in names}
-ended = False
-wrong = []
-def guarded(work):
-    def run():
-        while not ended and not wrong:
-            try:
-                work()
-            except Exception as error:
-                wrong.append(work.__name__ + ": " + str(error))
-    return run
-def exchange():
-    if libc.renameat2(-100, b"x", -100, b"y", 2) != 0:
-        raise OSError(ctypes.get_errno(), "exchange")
-def replace():
-    with open("new", "wb") as file:
-        file.write(b"C" * 10000)
-    os.rename("new", "config")
-def read():
-    for name in (b"x", b"y"):
-        fd = os.open(name, os.O_RDONLY)
-        info = os.fstat(fd)
-        text = os.read(fd, 20000)
-        os.posix_fadvise(fd, 0, 0, os.POSIX_FADV_DONTNEED)
-        os.close(fd)
-        if text != inodes[info.st_ino] * 10000:
-            wrong.append("%s: inode %d has %r and %d bytes" % (name, info.st_ino, text[:1], len(text)))
-def look():
-    if os.stat("config").st_size != 10000:
-        wrong.append("config has no bytes")
-    with open("config", "rb") as file:
-        if file.read() != b"C" * 10000:
-            wrong.append("config has others")
-threads = [threading.Thread(target=guarded(work)) for work in (exchange, replace, read, read, look)]
-for thread in threads:
-    thread.start()
-threading.Event().wait(3)
-ended = True
-for thread in threads:
-    thread.join()
-print(wrong)
-END)x");
-    EXPECT_EQ(outcome.Output, "[]\n");
-}
-
-TEST_F(LiveServer, AListingTellsWhatThingsAre)
-{
-    const Outcome outcome = volume->Inside("mkdir folder; touch file; ln -s file link; mkfifo pipe\n"
-                                           "for type in d f l p; do find . -mindepth 1 -type $type; done");
-    EXPECT_EQ(outcome.Output, "./folder\n./file\n./link\n./pipe\n");
-}
-
-// A folder that the sandbox lies in would take it along, with what the kernel has of it.
-TEST(LiveServerBorder, FoldersAboveTheSandboxDoNotMove)
-{
-    std::string reason;
-    if (!live_test::CanMount(&reason))
-    {
-        GTEST_SKIP() << reason;
-    }
-    LiveVolume volume("", "--registry registry.reg");
-    ASSERT_EQ(volume.End(), 0);
-    std::ofstream(volume.Folder() / "registry.reg")
-        << "Windows Registry Editor Version 5.00\r\n\r\n"
-           "[HKEY_LOCAL_MACHINE\\SYSTEM\\CurrentControlSet\\Services\\Tarnveil]\r\n"
-           "\"SandboxPath\"=\"\\\\Device\\\\HarddiskVolume2\\\\users\\\\box\"\r\n";
-    volume.Start();
-    const fs::path box = volume.Mount() / "users" / "box";
-    EXPECT_EQ(volume.Inside("echo secret > document; cat document", box).Output, "secret\n");
-    const Outcome outcome = volume.Outside("mv mount/users mount/moved; cat mount/moved/box/document; ls mount",
-        volume.Folder());
-    EXPECT_THAT(outcome.Output, Not(HasSubstr("secret\n")));
-    EXPECT_EQ(volume.Inside("cat document", box).Output, "secret\n");
-    EXPECT_EQ(volume.End(), 0) << volume.Log();
 }
 }

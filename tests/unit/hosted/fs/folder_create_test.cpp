@@ -281,6 +281,12 @@ TEST_F(FolderCreate, AReadOnlyVolumeFollowsLinksInsideOfPathsAndChangesNothing)
     PFILE_OBJECT root = OpenDirectory(L"\\usr");
     file = Open(L"bin\\tool", {.Disposition = FILE_OPEN, .Access = FILE_READ_DATA, .Root = root});
     EXPECT_EQ(NormalName(file), WideString(L"\\usr\\bin\\tool"));
+    // What is open already needs no name to be found by.
+    std::filesystem::rename(Folder / "usr/bin/tool", Folder / "usr/bin/moved");
+    PFILE_OBJECT again = Open(L"", {.Disposition = FILE_OPEN, .Access = FILE_READ_DATA, .Root = file});
+    EXPECT_EQ(Read(again, 0, 10), "tool");
+    CloseFile(again);
+    std::filesystem::rename(Folder / "usr/bin/moved", Folder / "usr/bin/tool");
     CloseFile(file);
     CloseFile(root);
     EXPECT_EQ(List(L"\\usr\\bin"), (std::vector<std::string>{".", "..", "tool", "up"}));
