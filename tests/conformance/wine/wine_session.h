@@ -22,6 +22,7 @@ public:
     {
         std::string Output;               // of the batch's programs, both streams
         std::vector<std::string> Prints;  // what the driver gave to DbgPrint, in order
+        std::string Notes;                // what Wine itself said: a fault of one of its processes, for example
     };
     // Runs the lines as one batch, with a system that is shut down behind it.
     Outcome Run(const std::vector<std::string>& lines) const;

@@ -109,6 +109,15 @@ protected:
 std::optional<wine::Prefix> UnderWine::prefix;
 wine::Prefix::Outcome UnderWine::created;
 
+// A fault of Wine's own processes while a test's programs run would be a line between theirs.
+TEST_F(UnderWine, WhatWineSaysIsNotTheProgramsOutput)
+{
+    const auto outcome =
+        prefix->Run({"echo in front", "rundll32 kernel32.dll,DebugBreak > nul 2>&1", "nosuch", "echo behind"});
+    EXPECT_THAT(Lines(outcome.Output), ElementsAre("in front", HasSubstr("'nosuch'"), "behind"));
+    EXPECT_THAT(outcome.Notes, HasSubstr("wine: Unhandled exception 0x80000003"));
+}
+
 // Wine's DbgPrint does not know counted strings and prints the conversion's last letter, so only what stands in front
 // of them is compared.
 TEST_F(UnderWine, TheLoadPrintsItsSteps)

@@ -63,7 +63,7 @@ AnswerList AskWine()
     }
     catch (const std::runtime_error& reason)
     {
-        throw std::runtime_error(reason.what() + ("\n" + outcome.Output));
+        throw std::runtime_error(reason.what() + ("\n" + outcome.Output + outcome.Notes));
     }
 }
 }
