@@ -129,6 +129,12 @@ if(TARNVEIL_SANITIZER OR TARNVEIL_COVERAGE)
         tarnveil_test(conformance_wine tests/conformance/wine wine)
         target_compile_definitions(conformance_wine PRIVATE
             TARNVEIL_AGENT="${CMAKE_SOURCE_DIR}/build/windows/tarnctl.exe")
+        # The counting of results, tried on a program that fails in every way.
+        add_executable(outcomes_program tests/conformance/results/program/outcomes_program.cpp)
+        target_link_libraries(outcomes_program PRIVATE GTest::gtest_main)
+        tarnveil_test(conformance_results tests/conformance/results/test results)
+        add_dependencies(conformance_results outcomes_program)
+        target_compile_definitions(conformance_results PRIVATE OUTCOMES_PROGRAM="$<TARGET_FILE:outcomes_program>")
         # One source of questions, here compiled natively; windows/platform_questions.cmake makes the image of it.
         file(GLOB PLATFORM_QUESTIONS CONFIGURE_DEPENDS
             ${CMAKE_SOURCE_DIR}/tests/conformance/platform/questions/*.cpp)

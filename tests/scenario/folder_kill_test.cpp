@@ -2,7 +2,7 @@
 #include "hosted/fs/file_system.h"
 #include "hosted/fs/host_files.h"
 #include "tests/scenario/cipher_scenario.h"
-#include "tests/scenario/temporary_folder.h"
+#include "tests/temporary_folder.h"
 
 #include <cstdlib>
 #include <filesystem>
@@ -118,7 +118,7 @@ protected:
         shared = static_cast<Shared*>(memory);
         ScenarioOptions options;
         VolumeOptions volume;
-        volume.Folder = folder_.Path;
+        volume.Folder = folder_.Path();
         options.Machine.Volumes = {volume};
         scenario_.emplace(std::move(options));
     }
@@ -231,7 +231,7 @@ protected:
                 return;
             }
         }
-        const std::string journal = folder_.Path + "/.tarnveil-journal";
+        const std::string journal = folder_.Path(".tarnveil-journal");
         EXPECT_TRUE(!std::filesystem::exists(journal) || std::filesystem::is_empty(journal)) << where;
     }
 

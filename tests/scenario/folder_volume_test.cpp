@@ -2,11 +2,9 @@
 #include "hosted/fs/folder_file_system.h"
 #include "hosted/io/posix_information.h"
 #include "tests/scenario/cipher_scenario.h"
-#include "tests/scenario/temporary_folder.h"
+#include "tests/temporary_folder.h"
 
 #include <cstring>
-#include <fstream>
-#include <sstream>
 
 namespace cipher_test
 {
@@ -34,28 +32,22 @@ protected:
 
     MachineOptions Options()
     {
-        std::filesystem::create_directories(programs_.Path + "/usr/bin");
-        std::filesystem::create_symlink("usr/bin", programs_.Path + "/bin");
-        for (const char* name : {"agent", "editor"})
+        std::filesystem::create_directories(programs_.Path("usr/bin"));
+        std::filesystem::create_symlink("usr/bin", programs_.Path("bin"));
+        for (const std::string name : {"agent", "editor"})
         {
-            std::ofstream(programs_.Path + "/usr/bin/" + name) << name;
+            programs_.Put("usr/bin/" + name, name);
         }
         VolumeOptions programs;
-        programs.Folder = programs_.Path;
+        programs.Folder = programs_.Path();
         programs.ReadOnly = true;
         VolumeOptions store;
         store.DeviceName = L"\\Device\\HarddiskVolume2";
         store.DosName = L"S:";
-        store.Folder = store_.Path;
+        store.Folder = store_.Path();
         return {.Volumes = {programs, store}};
     }
 
-    std::string Stored(const std::string& path)
-    {
-        std::ostringstream text;
-        text << std::ifstream(store_.Path + "/" + path, std::ios::binary).rdbuf();
-        return text.str();
-    }
     std::string Cipher(const std::string& plain)
     {
         return OnDisk(Key, ScenarioMask, plain);
@@ -75,7 +67,7 @@ TEST_F(FolderScenario, TheHostSeesOnlyCipherText)
     auto file = Editor->Create(Plan);
     ASSERT_EQ(file.Write(plain), STATUS_SUCCESS);
     ASSERT_EQ(file.Flush(), STATUS_SUCCESS);
-    EXPECT_EQ(Stored("Sandbox/plan.txt"), Cipher(plain));
+    EXPECT_EQ(store_.Get("Sandbox/plan.txt"), Cipher(plain));
     EXPECT_EQ(Agent->Open(Plan).Status(), STATUS_ACCESS_DENIED);
     file.Close();
     machine_.Remount(L"S:");
@@ -126,7 +118,7 @@ TEST_F(FolderScenario, AReplacedAndALinkedFileStayReadable)
     replaced.Close();
     machine_.Remount(L"S:");
     EXPECT_EQ(Editor->Open(Plan).ReadAll(), fresh);
-    EXPECT_EQ(Stored("Sandbox/plan.txt"), Cipher(fresh));
+    EXPECT_EQ(store_.Get("Sandbox/plan.txt"), Cipher(fresh));
     EXPECT_FALSE(machine_.DiskHas(L"S:\\Sandbox\\new.tmp"));
 }
 

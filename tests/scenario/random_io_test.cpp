@@ -1,6 +1,6 @@
 // Random reads and writes of one enciphered stream by every road, against a plain array of bytes.
 #include "tests/scenario/cipher_scenario.h"
-#include "tests/scenario/temporary_folder.h"
+#include "tests/temporary_folder.h"
 
 #include <cstdlib>
 #include <iostream>
@@ -256,7 +256,7 @@ TEST_P(RandomIoRun, ReadsWhatWasWritten)
     const TemporaryFolder folder;
     if (GetParam().Folder)
     {
-        options.Machine.Volumes.front().Folder = folder.Path;
+        options.Machine.Volumes.front().Folder = folder.Path();
     }
     CipherScenario scenario(options);
     RandomIo io(scenario, seed);

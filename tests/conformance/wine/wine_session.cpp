@@ -1,14 +1,10 @@
 #include "tests/conformance/wine/wine_session.h"
 
-#include <array>
-#include <cstdio>
-#include <cstdlib>
+#include "tests/shell.h"
+
 #include <fstream>
-#include <memory>
 #include <sstream>
 #include <stdexcept>
-#include <sys/wait.h>
-#include <unistd.h>
 
 namespace wine
 {
@@ -25,40 +21,30 @@ constexpr char PrintMark[] = "vDbgPrintExWithPrefix ";
 // starts their process faults, in a device's creation for a null driver object.
 constexpr char NotLoaded[] = "mscoree,mshtml,winemenubuilder.exe,winebus.sys,wineusb.sys=";
 
-std::string Shell(const std::string& command)
-{
-    std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
-    if (pipe == nullptr)
-    {
-        throw std::runtime_error("no shell for " + command);
-    }
-    std::string output;
-    std::array<char, 4096> piece;
-    while (const size_t bytes = std::fread(piece.data(), 1, piece.size(), pipe.get()))
-    {
-        output.append(piece.data(), bytes);
-    }
-    const int status = pclose(pipe.release());
-    if (!WIFEXITED(status) || WEXITSTATUS(status) == 124 || WEXITSTATUS(status) == 127)
-    {
-        throw std::runtime_error(command + " did not come to its end:\n" + output);
-    }
-    return output;
-}
-
 // Every process of Wine needs the page at 0x7FFE0000 and ends without a word where it is taken. The kernel puts the
 // heap of Wine's loader anywhere in the gigabyte behind 0x7D005000, so one of a few thousand processes would not start;
 // a heap that is not moved stays below. Where the kernel refuses that, the tests run without it.
 const std::string& AtFixedAddresses()
 {
-    static const std::string command = std::system("setarch -R true 2> /dev/null") == 0 ? "setarch -R " : "";
+    static const std::string command = RunShell("setarch -R true 2>&1").Code == 0 ? "setarch -R " : "";
     return command;
 }
 
-std::string Wine(const fs::path& prefix, const std::string& arguments)
+// What Wine itself says while it runs a program. The program's standard output goes into a file.
+std::string Wine(const TemporaryFolder& folder, const std::string& arguments)
 {
-    return "WINEPREFIX='" + prefix.string() + "' WINEDEBUG='" + Channels + "' WINEDLLOVERRIDES='" + NotLoaded +
-           "' timeout -k 5 180 " + AtFixedAddresses() + Loader + " " + arguments + " 2>&1 < /dev/null";
+    const std::string command = "WINEPREFIX=" + Quoted(folder.Path("prefix")) + " WINEDEBUG='" + Channels +
+                                "' WINEDLLOVERRIDES='" + NotLoaded + "' timeout -k 5 180 " + AtFixedAddresses() +
+                                Loader + " " + arguments + " 2>&1 > " + Quoted(folder.Path("output")) + " < /dev/null";
+    const ShellOutcome outcome = RunShell(command);
+    for (const int code : {124, 127, 137}) // out of time, not there, killed
+    {
+        if (outcome.Code == code)
+        {
+            throw std::runtime_error(command + " did not come to its end:\n" + folder.Get("output") + outcome.Output);
+        }
+    }
+    return outcome.Output;
 }
 
 std::string WithoutReturns(std::string text)
@@ -81,20 +67,9 @@ bool TakePrint(const std::string& line, std::vector<std::string>* prints)
 }
 }
 
-Prefix::Prefix()
+Prefix::Prefix(const std::vector<fs::path>& files)
 {
-    std::string pattern = (fs::temp_directory_path() / "tarnveil-wine-XXXXXX").string();
-    if (mkdtemp(pattern.data()) == nullptr)
-    {
-        throw std::runtime_error("no folder for a Wine prefix");
-    }
-    folder_ = pattern;
-}
-
-// By way of the other, so that the folder goes whatever fails here.
-Prefix::Prefix(const std::vector<fs::path>& files) : Prefix()
-{
-    const std::string output = Shell(Wine(folder_ / "prefix", "wineboot -i"));
+    const std::string output = Wine(folder_, "wineboot -i");
     if (!fs::exists(Disk() / "windows" / "system32" / "kernel32.dll"))
     {
         throw std::runtime_error("Wine made no prefix:\n" + output);
@@ -107,34 +82,28 @@ Prefix::Prefix(const std::vector<fs::path>& files) : Prefix()
 
 Prefix::~Prefix()
 {
-    std::error_code ignored;
     // Debian's Wine makes a folder for the server's socket, and leaves its name in the prefix.
     std::string socket;
-    if (std::ifstream(folder_ / "prefix" / "wineserver") >> socket && socket.starts_with("wine-"))
+    if (std::ifstream(folder_.Path("prefix/wineserver")) >> socket && socket.starts_with("wine-"))
     {
+        std::error_code ignored;
         fs::remove_all(fs::path("/tmp") / socket, ignored);
     }
-    fs::remove_all(folder_, ignored);
 }
 
 Prefix::Outcome Prefix::Run(const std::vector<std::string>& lines) const
 {
-    const fs::path batch = Disk() / "batch.bat";
-    std::ofstream file(batch, std::ios::binary);
-    file << "@echo off\r\n";
+    std::string batch = "@echo off\r\n";
     for (const std::string& line : lines)
     {
-        file << line << "\r\n";
+        batch += line + "\r\n";
     }
-    file.close();
+    folder_.Put("prefix/drive_c/batch.bat", batch);
 
-    // The programs' streams are one, and a file. What Wine itself says goes into its own error stream, which every
-    // process of the system holds: at its end all of them have ended.
-    const fs::path output = folder_ / "output";
+    // The programs' streams are one. What Wine itself says goes into its own error stream, which every process of the
+    // system holds: at its end all of them have ended.
+    std::istringstream said(WithoutReturns(Wine(folder_, "cmd /c 'C:\\batch.bat 2>&1'")));
     Outcome outcome;
-    const std::string command =
-        Wine(folder_ / "prefix", "cmd /c 'C:\\batch.bat 2>&1'") + " > '" + output.string() + "'";
-    std::istringstream said(WithoutReturns(Shell(command)));
     for (std::string line; std::getline(said, line);)
     {
         if (!TakePrint(line, &outcome.Prints))
@@ -142,8 +111,7 @@ Prefix::Outcome Prefix::Run(const std::vector<std::string>& lines) const
             outcome.Notes += line + "\n";
         }
     }
-    std::ifstream written(output, std::ios::binary);
-    outcome.Output = WithoutReturns({std::istreambuf_iterator<char>(written), {}});
+    outcome.Output = WithoutReturns(folder_.Get("output"));
     return outcome;
 }
 }

@@ -1,7 +1,8 @@
 // Programs under Wine, in a prefix of their own.
 #pragma once
 
-#include <filesystem>
+#include "tests/temporary_folder.h"
+
 #include <string>
 #include <vector>
 
@@ -28,11 +29,9 @@ public:
     Outcome Run(const std::vector<std::string>& lines) const;
 
     // What is C:\ inside.
-    std::filesystem::path Disk() const { return folder_ / "prefix" / "drive_c"; }
+    std::filesystem::path Disk() const { return folder_.Path("prefix/drive_c"); }
 
 private:
-    Prefix();
-
-    std::filesystem::path folder_;
+    const TemporaryFolder folder_;
 };
 }

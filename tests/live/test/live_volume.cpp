@@ -1,13 +1,9 @@
 #include "tests/live/test/live_volume.h"
 
 #include <array>
-#include <cstdio>
 #include <csignal>
-#include <cstring>
-#include <cstdlib>
 #include <fcntl.h>
 #include <fstream>
-#include <sstream>
 #include <stdexcept>
 #include <sys/mount.h>
 #include <sys/wait.h>
@@ -23,27 +19,12 @@ namespace
 constexpr char Key[] = "000102030405060708090a0b0c0d0e0f101112131415161718191a1b1c1d1e1f5c";
 constexpr char LongestRun[] = "timeout -k 5 300 ";
 
-std::string Quoted(const fs::path& path)
-{
-    return "'" + path.string() + "'";
-}
-
 void MustSucceed(const Outcome& outcome, const std::string& what)
 {
     if (outcome.Code != 0)
     {
         throw std::runtime_error(what + " failed with " + std::to_string(outcome.Code) + ":\n" + outcome.Output);
     }
-}
-
-fs::path MakeFolder(const fs::path& where)
-{
-    std::string pattern = (where / "tarnveil-live-XXXXXX").string();
-    if (mkdtemp(pattern.data()) == nullptr)
-    {
-        throw std::runtime_error("no folder in " + where.string());
-    }
-    return pattern;
 }
 
 // As the driver's patterns name a file of the machine.
@@ -60,21 +41,7 @@ std::string SystemPath(const fs::path& path)
 
 Outcome Shell(const std::string& command, const fs::path& folder)
 {
-    Outcome outcome;
-    const std::string whole = "cd " + Quoted(folder) + " && { " + command + "\n} 2>&1 < /dev/null";
-    FILE* pipe = popen(whole.c_str(), "re");
-    if (pipe == nullptr)
-    {
-        throw std::runtime_error("no shell");
-    }
-    std::array<char, 4096> piece;
-    while (const size_t bytes = std::fread(piece.data(), 1, piece.size(), pipe))
-    {
-        outcome.Output.append(piece.data(), bytes);
-    }
-    const int status = pclose(pipe);
-    outcome.Code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    return outcome;
+    return RunShell("cd " + Quoted(folder) + " && { " + command + "\n} 2>&1 < /dev/null");
 }
 
 bool CanMount(std::string* reason)
@@ -87,13 +54,12 @@ bool CanMount(std::string* reason)
     return true;
 }
 
-LiveVolume::LiveVolume(const std::string& image, const std::string& options) : image_(image), options_(options)
+LiveVolume::LiveVolume(const std::string& image, const std::string& options)
+    : image_(image), options_(options), scratch_(fs::is_directory("/dev/shm") ? "/dev/shm" : fs::temp_directory_path())
 {
-    folder_ = MakeFolder(fs::temp_directory_path());
-    scratch_ = MakeFolder(fs::is_directory("/dev/shm") ? "/dev/shm" : fs::temp_directory_path());
     fs::create_directory(Store());
     fs::create_directory(Mount());
-    fs::copy_file("/bin/bash", folder_ / "launch");
+    fs::copy_file("/bin/bash", folder_.Path("launch"));
     Start();
 }
 
@@ -104,9 +70,6 @@ LiveVolume::~LiveVolume()
         End();
     }
     umount2(Mount().c_str(), MNT_DETACH);
-    std::error_code ignored;
-    fs::remove_all(folder_, ignored);
-    fs::remove_all(scratch_, ignored);
 }
 
 void LiveVolume::Start()
@@ -116,8 +79,9 @@ void LiveVolume::Start()
     {
         throw std::runtime_error("no pipe");
     }
-    const std::string command = "cd " + Quoted(folder_) + " && exec " + std::string(TARNHOST) + " --store " +
-                                Quoted(Store()) + " --mount " + Quoted(Mount()) + " --socket " + Quoted(folder_ / "control") +
+    const std::string command = "cd " + Quoted(Folder()) + " && exec " + std::string(TARNHOST) + " --store " +
+                                Quoted(Store()) + " --mount " + Quoted(Mount()) + " --socket " +
+                                Quoted(folder_.Path("control")) +
                                 (image_.empty() ? "" : " --driver " + Quoted(image_)) + " " + options_;
     server_ = fork();
     if (server_ == 0)
@@ -169,7 +133,7 @@ bool LiveVolume::WaitUntilMounted()
 void LiveVolume::GiveSettings() const
 {
     MustSucceed(Agent("key set --hex " + std::string(Key)), "setting the key");
-    MustSucceed(Agent("parent add '" + SystemPath(folder_ / "launch") + "'"), "adding the parent");
+    MustSucceed(Agent("parent add '" + SystemPath(folder_.Path("launch")) + "'"), "adding the parent");
     MustSucceed(Agent("start"), "starting");
 }
 
@@ -181,17 +145,17 @@ std::string LiveVolume::Log() const
 
 std::string LiveVolume::AgentCommand() const
 {
-    return std::string(TARNCTL) + " --socket " + Quoted(folder_ / "control");
+    return std::string(TARNCTL) + " --socket " + Quoted(folder_.Path("control"));
 }
 
 Outcome LiveVolume::Agent(const std::string& arguments) const
 {
-    return Shell(LongestRun + AgentCommand() + " " + arguments, folder_);
+    return Shell(LongestRun + AgentCommand() + " " + arguments, Folder());
 }
 
 fs::path LiveVolume::WriteScript(const std::string& script, const char* name) const
 {
-    const fs::path file = folder_ / name;
+    const fs::path file = folder_.Path(name);
     std::ofstream(file) << "set -euo pipefail\n" << script << "\n";
     return file;
 }
@@ -201,7 +165,8 @@ Outcome LiveVolume::Inside(const std::string& script, const fs::path& folder) co
     const fs::path inner = WriteScript("cd " + Quoted(folder) + "\n" + script, "inside.sh");
     // The parent itself is not inside, so it does not even go into the folder; and with a command behind it, the inner
     // shell is a child and does not take its place.
-    return Shell(LongestRun + Quoted(folder_ / "launch") + " -c \"bash " + Quoted(inner) + "; exit \\$?\"", folder_);
+    return Shell(LongestRun + Quoted(folder_.Path("launch")) + " -c \"bash " + Quoted(inner) + "; exit \\$?\"",
+                 Folder());
 }
 
 Outcome LiveVolume::Outside(const std::string& script, const fs::path& folder) const

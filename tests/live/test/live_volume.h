@@ -1,6 +1,9 @@
 // A mounted volume and the programs that use it, inside the sandbox and outside.
 #pragma once
 
+#include "tests/shell.h"
+#include "tests/temporary_folder.h"
+
 #include <condition_variable>
 #include <csignal>
 #include <filesystem>
@@ -11,13 +14,9 @@
 
 namespace live_test
 {
-struct Outcome
-{
-    int Code = 0;       // exit code; 128 + signal number
-    std::string Output; // both streams
-};
+using Outcome = ShellOutcome;
 
-// Runs a shell command line in a folder.
+// Runs a shell command line in a folder. Its output is that of both streams.
 Outcome Shell(const std::string& command, const std::filesystem::path& folder);
 
 // tarnhost with a store of its own, a key, and one monitored parent: a shell of its own, whose children are inside.
@@ -33,11 +32,11 @@ public:
     LiveVolume(const LiveVolume&) = delete;
     LiveVolume& operator=(const LiveVolume&) = delete;
 
-    std::filesystem::path Folder() const { return folder_; }
+    std::filesystem::path Folder() const { return folder_.Path(); }
     // A folder that has nothing to do with the volume; in memory where the machine has such.
-    std::filesystem::path Scratch() const { return scratch_; }
-    std::filesystem::path Store() const { return folder_ / "store"; }
-    std::filesystem::path Mount() const { return folder_ / "mount"; }
+    std::filesystem::path Scratch() const { return scratch_.Path(); }
+    std::filesystem::path Store() const { return folder_.Path("store"); }
+    std::filesystem::path Mount() const { return folder_.Path("mount"); }
     std::filesystem::path Sandbox() const { return Mount() / "Sandbox"; }
     std::filesystem::path SandboxStore() const { return Store() / "Sandbox"; }
     std::string Log() const;
@@ -71,8 +70,8 @@ private:
 
     const std::string image_;
     const std::string options_;
-    std::filesystem::path folder_;
-    std::filesystem::path scratch_;
+    const TemporaryFolder folder_;
+    const TemporaryFolder scratch_;
     pid_t server_ = -1;
 
     mutable std::mutex mutex_;

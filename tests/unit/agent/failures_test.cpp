@@ -1,6 +1,6 @@
 // What the program makes of a driver that refuses, is not there, or cannot be talked to.
 #include "tests/unit/agent/tarnctl_fixture.h"
-#include "tests/unit/agent/temporary_folder.h"
+#include "tests/temporary_folder.h"
 
 #include <cstring>
 

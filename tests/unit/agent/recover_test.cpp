@@ -2,7 +2,7 @@
 #include "agent/tarnctl/piece_cipher.h"
 #include "tests/scenario/cipher_scenario.h"
 #include "tests/unit/agent/tarnctl_fixture.h"
-#include "tests/unit/agent/temporary_folder.h"
+#include "tests/temporary_folder.h"
 
 #include <filesystem>
 #include <numeric>

@@ -1,6 +1,6 @@
 // Key, encryption, start and stop from the command line.
 #include "tests/unit/agent/tarnctl_fixture.h"
-#include "tests/unit/agent/temporary_folder.h"
+#include "tests/temporary_folder.h"
 #include "tests/unit/driver/filter/cipher_vectors.h"
 
 namespace tarnctl_test

@@ -8,7 +8,7 @@
 #include "hosted/machine/native_image.h"
 #include "hosted/machine/testing.h"
 #include "tests/unit/agent/hosted_transport.h"
-#include "tests/unit/agent/temporary_folder.h"
+#include "tests/temporary_folder.h"
 
 #include <tarnveil/control.h>
 

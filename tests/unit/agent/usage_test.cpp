@@ -3,7 +3,7 @@
 #include "agent/tarnctl/status_names.h"
 #include "agent/tarnctl/text.h"
 #include "tests/unit/agent/tarnctl_fixture.h"
-#include "tests/unit/agent/temporary_folder.h"
+#include "tests/temporary_folder.h"
 
 namespace tarnctl_test
 {

@@ -7,10 +7,12 @@
 #include "tests/conformance/package/rules/version_resource.h"
 
 #include "tests/conformance/image/pe_image.h"
+#include "tests/shell.h"
+#include "tests/temporary_folder.h"
 
 #include <gmock/gmock.h>
 
-#include <cstdlib>
+#include <optional>
 
 namespace package
 {
@@ -28,12 +30,7 @@ constexpr std::size_t CertificateDirectory = 4;
 // Runs a command of the shell, silently. Returns whether it succeeded.
 bool Succeeds(const std::string& command)
 {
-    return std::system(("(" + command + ") > /dev/null 2>&1").c_str()) == 0;
-}
-
-std::string Quoted(const Path& path)
-{
-    return "'" + path.string() + "'";
+    return RunShell("(" + command + ") 2>&1").Code == 0;
 }
 
 // A script of windows/, as the beginning of a command.
@@ -55,16 +52,15 @@ protected:
     // Making keys takes time, so all tests begin with copies of one package.
     static void SetUpTestSuite()
     {
-        std::string name = (std::filesystem::temp_directory_path() / "tarnveil-package-XXXXXX").string();
-        ASSERT_NE(mkdtemp(name.data()), nullptr);
-        work = name;
+        temporary.emplace();
+        work = temporary->Path();
         ASSERT_TRUE(
             Succeeds(Script("assemble_package.sh") + Quoted(BuildFolder()) + " " + Quoted(work / "made")));
     }
 
     static void TearDownTestSuite()
     {
-        std::filesystem::remove_all(work);
+        temporary.reset();
     }
 
     void SetUp() override
@@ -102,6 +98,7 @@ protected:
         WriteBytes(folder / "Tarnveil.sys", file);
     }
 
+    static inline std::optional<TemporaryFolder> temporary;
     static inline Path work;
     Path folder;
     bool withControlProgram = false;

@@ -1,9 +1,7 @@
+#include "tests/temporary_folder.h"
 #include "volume_fixture.h"
 
-#include <filesystem>
 #include <fstream>
-#include <sstream>
-#include <stdlib.h>
 
 namespace host
 {
@@ -16,8 +14,6 @@ class DirectoryVolume : public VolumeTest
 protected:
     DirectoryVolume()
     {
-        char name[] = "/tmp/hosted-volume-XXXXXX";
-        folder_ = mkdtemp(name);
         Dismount();
         MakeStoreFor = [this] { return CreateDirectoryStore(folder_.string()); };
         Mount();
@@ -25,20 +21,15 @@ protected:
     ~DirectoryVolume() override
     {
         Dismount();
-        disk::remove_all(folder_);
     }
 
     std::string Bytes(const std::string& path)
     {
-        std::ifstream file(folder_ / path, std::ios::binary);
-        EXPECT_TRUE(file.is_open()) << path;
-        std::ostringstream text;
-        text << file.rdbuf();
-        return text.str();
+        return host_.Get(path);
     }
     void Put(const std::string& path, const std::string& text)
     {
-        std::ofstream(folder_ / path, std::ios::binary) << text;
+        host_.Put(path, text);
     }
     ULONGLONG IdOf(WideView path)
     {
@@ -49,7 +40,8 @@ protected:
         return id;
     }
 
-    disk::path folder_;
+    const TemporaryFolder host_;
+    const disk::path& folder_ = host_.Path();
 };
 
 TEST_F(DirectoryVolume, StreamsAreOrdinaryFiles)

@@ -3,13 +3,11 @@
 
 #include "hosted/fs/folder_file_system.h"
 #include "hosted/io/posix_information.h"
+#include "tests/temporary_folder.h"
 #include "volume_fixture.h"
 
 #include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
-#include <stdlib.h>
 
 namespace host
 {
@@ -18,8 +16,6 @@ class FolderVolume : public VolumeTest
 protected:
     FolderVolume()
     {
-        char name[] = "/tmp/hosted-folder-XXXXXX";
-        Folder = mkdtemp(name);
         Dismount();
         MakeFilesFor = [this](Volume& volume)
         { return CreateFolderFileSystem(volume, {.Folder = Folder.string(), .ReadOnly = ReadOnly, .Without = Without}); };
@@ -28,7 +24,6 @@ protected:
     ~FolderVolume() override
     {
         Dismount();
-        std::filesystem::remove_all(Folder);
     }
 
     void RemountReadOnly()
@@ -40,15 +35,11 @@ protected:
 
     std::string Bytes(const std::string& path)
     {
-        std::ifstream file(Folder / path, std::ios::binary);
-        EXPECT_TRUE(file.is_open()) << path;
-        std::ostringstream text;
-        text << file.rdbuf();
-        return text.str();
+        return host_.Get(path);
     }
     void Put(const std::string& path, const std::string& text)
     {
-        std::ofstream(Folder / path, std::ios::binary) << text;
+        host_.Put(path, text);
     }
     bool Exists(const std::string& path)
     {
@@ -145,7 +136,8 @@ protected:
         return names;
     }
 
-    std::filesystem::path Folder;
+    const TemporaryFolder host_;
+    const std::filesystem::path& Folder = host_.Path();
     bool ReadOnly = false;
     std::string Without;
 };

@@ -1,9 +1,9 @@
 // Random operations on one file, compared with an array of bytes.
+#include "tests/temporary_folder.h"
 #include "volume_fixture.h"
 
 #include <algorithm>
 #include <cstdlib>
-#include <filesystem>
 #include <iostream>
 #include <random>
 
@@ -210,14 +210,12 @@ TEST_F(FileModel, StrictEndOfFile)
 
 TEST_F(FileModel, DirectoryStore)
 {
-    char name[] = "/tmp/hosted-volume-XXXXXX";
-    const std::string folder = mkdtemp(name);
+    const TemporaryFolder folder;
     Dismount();
-    MakeStoreFor = [&] { return CreateDirectoryStore(folder); };
+    MakeStoreFor = [&] { return CreateDirectoryStore(folder.Path()); };
     Mount();
     Run(1500);
     Dismount();
-    std::filesystem::remove_all(folder);
 }
 }
 }

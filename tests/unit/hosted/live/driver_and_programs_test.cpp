@@ -5,13 +5,12 @@
 #include "hosted/machine/testing.h"
 #include "hosted/ps/process_create.h"
 #include "tests/scenario/driver_under_test.h"
-#include "tests/unit/agent/temporary_folder.h"
+#include "tests/temporary_folder.h"
 #include "tests/unit/hosted/live/process_actor.h"
 
 #include <gmock/gmock.h>
 
 using namespace host;
-using tarnctl_test::TemporaryFolder;
 
 namespace
 {

@@ -1,7 +1,7 @@
 // A folder that looks like /proc, for processes that no test can have: chosen ids, ids that are used again.
 #pragma once
 
-#include "tests/unit/agent/temporary_folder.h"
+#include "tests/temporary_folder.h"
 
 #include <sys/types.h>
 
@@ -38,5 +38,5 @@ public:
 private:
     void PutThread(const std::string& folder, const FakeProcess& process) const;
 
-    tarnctl_test::TemporaryFolder folder_;
+    TemporaryFolder folder_;
 };

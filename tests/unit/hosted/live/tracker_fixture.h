@@ -4,7 +4,7 @@
 #include "hosted/live/processes/process_tracker.h"
 
 #include "hosted/ps/process_table.h"
-#include "tests/unit/agent/temporary_folder.h"
+#include "tests/temporary_folder.h"
 #include "tests/unit/hosted/live/process_actor.h"
 #include "tests/unit/hosted/live/process_notes.h"
 
@@ -129,7 +129,7 @@ protected:
 
     const std::string actor_ = std::filesystem::canonical(TARNVEIL_PROCESS_ACTOR);
     const std::string self_ = std::filesystem::canonical("/proc/self/exe");
-    tarnctl_test::TemporaryFolder folder_;
+    TemporaryFolder folder_;
     Machine machine_;
     ProcessNotes notes_;
     std::unique_ptr<ProcessTracker> tracker_;

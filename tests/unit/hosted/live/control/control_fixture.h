@@ -6,7 +6,7 @@
 #include "hosted/live/control/protocol.h"
 #include "hosted/machine/native_image.h"
 #include "hosted/machine/testing.h"
-#include "tests/unit/agent/temporary_folder.h"
+#include "tests/temporary_folder.h"
 
 #include <tarnveil/control.h>
 
@@ -230,7 +230,7 @@ protected:
     }
 
     Machine machine_;
-    tarnctl_test::TemporaryFolder folder_;
+    TemporaryFolder folder_;
     Program agent_ = machine_.StartProcess(L"C:\\Agent\\agent.exe");
     std::atomic<pid_t> known_{getpid()};
     std::optional<ControlServer> server_;

@@ -62,7 +62,7 @@ protected:
     }
 
     Machine machine_;
-    tarnctl_test::TemporaryFolder folder_;
+    TemporaryFolder folder_;
 };
 
 TEST_F(ControlSocketTest, OnlyTheUserMayConnect)

@@ -4,7 +4,7 @@
 #include "hosted/live/control/whole_file.h"
 #include "hosted/machine/native_image.h"
 #include "hosted/machine/testing.h"
-#include "tests/unit/agent/temporary_folder.h"
+#include "tests/temporary_folder.h"
 
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -65,7 +65,7 @@ protected:
         return info.st_mode;
     }
 
-    tarnctl_test::TemporaryFolder folder_;
+    TemporaryFolder folder_;
     Registry registry_;
 };
 
@@ -298,7 +298,7 @@ TEST_F(RegistryFileTest, WhoLooksSeesAWholeFileAtEveryMoment)
 
 TEST(RegistryFileInMachine, ProtectedPathsSurviveARun)
 {
-    tarnctl_test::TemporaryFolder folder;
+    TemporaryFolder folder;
     const std::string path = folder.Path("live.reg");
     folder.Put("live.reg", Header + ServiceText + "\"SandboxPath\"=\"\\\\Device\\\\HarddiskVolume1\\\\Sandbox\"\r\n");
     for (int run = 0; run < 2; ++run)

@@ -1,42 +1,46 @@
-// Files of this machine for the length of a test.
+// A folder of the host for the time of a test.
 #pragma once
-
-#include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
-namespace tarnctl_test
-{
+// What fails throws std::runtime_error, and so fails the test.
 class TemporaryFolder
 {
 public:
-    TemporaryFolder()
+    explicit TemporaryFolder(const std::filesystem::path& where = std::filesystem::temp_directory_path())
     {
-        std::string pattern = std::filesystem::temp_directory_path() / "tarnctl-test-XXXXXX";
-        EXPECT_NE(mkdtemp(pattern.data()), nullptr);
+        std::string pattern = (where / "tarnveil-test-XXXXXX").string();
+        Need(mkdtemp(pattern.data()) != nullptr, pattern);
         path_ = pattern;
     }
-    ~TemporaryFolder() { std::filesystem::remove_all(path_); }
+    ~TemporaryFolder()
+    {
+        std::error_code ignored;
+        std::filesystem::remove_all(path_, ignored);
+    }
     TemporaryFolder(const TemporaryFolder&) = delete;
     TemporaryFolder& operator=(const TemporaryFolder&) = delete;
 
-    std::string Path(const std::string& name) const { return path_ + "/" + name; }
+    const std::filesystem::path& Path() const { return path_; }
+    std::string Path(const std::string& name) const { return path_ / name; }
 
     void Put(const std::string& name, std::string_view bytes) const
     {
         std::ofstream file(Path(name), std::ios::binary);
         file << bytes;
-        ASSERT_TRUE(file.good());
+        Need(file.good(), name);
     }
     std::string Get(const std::string& name) const
     {
         const std::ifstream file(Path(name), std::ios::binary);
-        EXPECT_TRUE(file.good()) << name;
+        Need(file.good(), name);
         return (std::ostringstream() << file.rdbuf()).str();
     }
     std::vector<std::string> Names() const
@@ -50,6 +54,13 @@ public:
     }
 
 private:
-    std::string path_;
+    static void Need(bool success, const std::string& name)
+    {
+        if (!success)
+        {
+            throw std::runtime_error("cannot use " + name);
+        }
+    }
+
+    std::filesystem::path path_;
 };
-}
