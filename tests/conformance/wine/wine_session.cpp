@@ -1,9 +1,9 @@
 #include "tests/conformance/wine/wine_session.h"
 
 #include "tests/shell.h"
+#include "tests/text.h"
 
 #include <fstream>
-#include <sstream>
 #include <stdexcept>
 
 namespace wine
@@ -37,12 +37,10 @@ std::string Wine(const TemporaryFolder& folder, const std::string& arguments)
                                 "' WINEDLLOVERRIDES='" + NotLoaded + "' timeout -k 5 180 " + AtFixedAddresses() +
                                 Loader + " " + arguments + " 2>&1 > " + Quoted(folder.Path("output")) + " < /dev/null";
     const ShellOutcome outcome = RunShell(command);
-    for (const int code : {124, 127, 137}) // out of time, not there, killed
+    // Out of time, not there, killed.
+    if (outcome.Code == 124 || outcome.Code == 127 || outcome.Code == 137)
     {
-        if (outcome.Code == code)
-        {
-            throw std::runtime_error(command + " did not come to its end:\n" + folder.Get("output") + outcome.Output);
-        }
+        throw std::runtime_error(command + " did not come to its end:\n" + folder.Get("output") + outcome.Output);
     }
     return outcome.Output;
 }
@@ -102,9 +100,8 @@ Prefix::Outcome Prefix::Run(const std::vector<std::string>& lines) const
 
     // The programs' streams are one. What Wine itself says goes into its own error stream, which every process of the
     // system holds: at its end all of them have ended.
-    std::istringstream said(WithoutReturns(Wine(folder_, "cmd /c 'C:\\batch.bat 2>&1'")));
     Outcome outcome;
-    for (std::string line; std::getline(said, line);)
+    for (const std::string& line : Lines(WithoutReturns(Wine(folder_, "cmd /c 'C:\\batch.bat 2>&1'"))))
     {
         if (!TakePrint(line, &outcome.Prints))
         {

@@ -1,5 +1,6 @@
 #include "tests/live/test/live_volume.h"
 
+#include <algorithm>
 #include <array>
 #include <csignal>
 #include <fcntl.h>
@@ -26,17 +27,13 @@ void MustSucceed(const Outcome& outcome, const std::string& what)
         throw std::runtime_error(what + " failed with " + std::to_string(outcome.Code) + ":\n" + outcome.Output);
     }
 }
+}
 
-// As the driver's patterns name a file of the machine.
 std::string SystemPath(const fs::path& path)
 {
     std::string text = "C:" + path.string();
-    for (char& letter : text)
-    {
-        letter = letter == '/' ? '\\' : letter;
-    }
+    std::replace(text.begin(), text.end(), '/', '\\');
     return text;
-}
 }
 
 Outcome Shell(const std::string& command, const fs::path& folder)
@@ -98,12 +95,19 @@ void LiveVolume::Start()
         ended_ = false;
     }
     collector_ = std::thread(&LiveVolume::CollectLog, this, pipeEnds[0]);
-    if (!WaitUntilMounted())
+    try
+    {
+        if (!WaitUntilMounted())
+        {
+            throw std::runtime_error(command + " did not mount:\n" + Log());
+        }
+        GiveSettings();
+    }
+    catch (...)
     {
         End();
-        throw std::runtime_error(command + " did not mount:\n" + Log());
+        throw;
     }
-    GiveSettings();
 }
 
 void LiveVolume::CollectLog(int pipe)

@@ -81,6 +81,9 @@ private:
     std::thread collector_;
 };
 
+// As the driver's patterns name a file of the machine.
+std::string SystemPath(const std::filesystem::path& path);
+
 // Whether this machine can mount at all.
 bool CanMount(std::string* reason);
 

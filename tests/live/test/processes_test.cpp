@@ -22,7 +22,10 @@ protected:
         }
     }
 
-    std::string Document() const { return "'" + (volume->Sandbox() / "document").string() + "'"; }
+    std::string Document() const
+    {
+        return Quoted(volume->Sandbox() / "document");
+    }
     // A program of this test's own, by a path of its own.
     std::string CopyOfShell(const char* name) const
     {
@@ -32,12 +35,7 @@ protected:
     }
     std::string Pattern(const std::string& path) const
     {
-        std::string text = "'C:" + path + "'";
-        for (char& letter : text)
-        {
-            letter = letter == '/' ? '\\' : letter;
-        }
-        return text;
+        return "'" + live_test::SystemPath(path) + "'";
     }
 };
 
@@ -55,7 +53,7 @@ TEST_P(LiveProcesses, ChildrenOfAMonitoredParentAreInsideAtAnyDepth)
 
 TEST_P(LiveProcesses, TheParentItselfIsNotInside)
 {
-    const Outcome outcome = Outside("'" + (volume->Folder() / "launch").string() + "' -c 'read line < " +
+    const Outcome outcome = Outside(Quoted(volume->Folder() / "launch") + " -c 'read line < " +
                                     (volume->Sandbox() / "document").string() + "; echo \"got $line\"'");
     EXPECT_THAT(outcome.Output, HasSubstr("Permission denied"));
     EXPECT_THAT(outcome.Output, Not(HasSubstr("secret")));

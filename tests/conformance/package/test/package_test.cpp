@@ -52,23 +52,21 @@ protected:
     // Making keys takes time, so all tests begin with copies of one package.
     static void SetUpTestSuite()
     {
-        temporary.emplace();
-        work = temporary->Path();
-        ASSERT_TRUE(
-            Succeeds(Script("assemble_package.sh") + Quoted(BuildFolder()) + " " + Quoted(work / "made")));
+        work.emplace();
+        ASSERT_TRUE(Succeeds(Script("assemble_package.sh") + Quoted(BuildFolder()) + " " + Quoted(work->Path("made"))));
     }
 
     static void TearDownTestSuite()
     {
-        temporary.reset();
+        work.reset();
     }
 
     void SetUp() override
     {
-        ASSERT_TRUE(std::filesystem::is_directory(work / "made"));
-        folder = work / "changed";
+        ASSERT_TRUE(std::filesystem::is_directory(work->Path("made")));
+        folder = work->Path("changed");
         std::filesystem::remove_all(folder);
-        std::filesystem::copy(work / "made", folder);
+        std::filesystem::copy(work->Path("made"), folder);
         withControlProgram = std::filesystem::exists(folder / "tarnctl.exe");
     }
 
@@ -98,8 +96,7 @@ protected:
         WriteBytes(folder / "Tarnveil.sys", file);
     }
 
-    static inline std::optional<TemporaryFolder> temporary;
-    static inline Path work;
+    static inline std::optional<TemporaryFolder> work;
     Path folder;
     bool withControlProgram = false;
 };
@@ -146,12 +143,12 @@ TEST_F(PackageTest, SignatureIsOfTheImageAndTheCertificate)
     EXPECT_FALSE(VerifySignature(folder / "Tarnveil.sys", folder / "Tarnveil-test.cer"));
 
     // A second signing makes a certificate of its own, which says nothing of the first image.
-    const Path other = work / "other.sys";
+    const Path other = work->Path("other.sys");
     ASSERT_TRUE(Succeeds(Script("sign_test.sh") + Quoted(TARNVEIL_IMAGE) + " " + Quoted(other) + " " +
-                         Quoted(work / "other.cer")));
-    EXPECT_TRUE(VerifySignature(other, work / "other.cer"));
-    EXPECT_FALSE(VerifySignature(work / "made/Tarnveil.sys", work / "other.cer"));
-    EXPECT_FALSE(VerifySignature(TARNVEIL_IMAGE, work / "other.cer")) << "an unsigned image passed";
+                         Quoted(work->Path("other.cer"))));
+    EXPECT_TRUE(VerifySignature(other, work->Path("other.cer")));
+    EXPECT_FALSE(VerifySignature(work->Path("made/Tarnveil.sys"), work->Path("other.cer")));
+    EXPECT_FALSE(VerifySignature(TARNVEIL_IMAGE, work->Path("other.cer"))) << "an unsigned image passed";
 }
 
 TEST_F(PackageTest, CertificateSaysThatItIsForTests)
@@ -202,7 +199,7 @@ TEST_F(PackageTest, NoticesASignatureInTheWrongPlace)
     WriteImage(file);
     EXPECT_THAT(BrokenWithFreshSums(), ElementsAre("signature: not the end of the file"));
 
-    file = ReadBytes(work / "made/Tarnveil.sys");
+    file = ReadBytes(work->Path("made/Tarnveil.sys"));
     const pe::Image image(file);
     const auto directory = image.Directory(CertificateDirectory);
     Write32(file, image.DirectoryOffset(CertificateDirectory), directory.VirtualAddress + 4);
@@ -295,7 +292,7 @@ TEST_F(PackageTest, NoticesAMissingVersionResource)
 
 TEST_F(PackageTest, IsNotMadeOfAnIncompleteBuild)
 {
-    const Path build = work / "incomplete";
+    const Path build = work->Path("incomplete");
     std::filesystem::create_directories(build);
     for (const char* name : {"Tarnveil.sys", "Tarnveil.pdb", "Tarnveil.inf", "INSTALL.txt"})
     {
@@ -305,21 +302,21 @@ TEST_F(PackageTest, IsNotMadeOfAnIncompleteBuild)
     const std::string rules = "rule make\n  command = true\nbuild Tarnveil.sys: make\n";
     const std::string command = Script("assemble_package.sh") + Quoted(build) + " ";
     WriteText(build / "build.ninja", rules);
-    EXPECT_TRUE(Succeeds(command + Quoted(work / "complete")));
+    EXPECT_TRUE(Succeeds(command + Quoted(work->Path("complete"))));
     WriteText(build / "build.ninja", rules + "build tarnctl.exe: make\nbuild tarnctl: phony tarnctl.exe\n");
-    EXPECT_FALSE(Succeeds(command + Quoted(work / "withoutProgram")));
-    EXPECT_FALSE(std::filesystem::exists(work / "withoutProgram"));
+    EXPECT_FALSE(Succeeds(command + Quoted(work->Path("withoutProgram"))));
+    EXPECT_FALSE(std::filesystem::exists(work->Path("withoutProgram")));
     WriteText(build / "tarnctl.exe", "MZ");
-    EXPECT_TRUE(Succeeds(command + Quoted(work / "withProgram")));
-    EXPECT_EQ(ReadText(work / "withProgram/tarnctl.exe"), "MZ");
+    EXPECT_TRUE(Succeeds(command + Quoted(work->Path("withProgram"))));
+    EXPECT_EQ(ReadText(work->Path("withProgram/tarnctl.exe")), "MZ");
     std::filesystem::remove(build / "Tarnveil.pdb");
-    EXPECT_FALSE(Succeeds(command + Quoted(work / "withProgram")));
-    EXPECT_TRUE(std::filesystem::exists(work / "withProgram/Tarnveil.pdb")) << "a failure took the package away";
+    EXPECT_FALSE(Succeeds(command + Quoted(work->Path("withProgram"))));
+    EXPECT_TRUE(std::filesystem::exists(work->Path("withProgram/Tarnveil.pdb"))) << "a failure took the package away";
 }
 
 TEST_F(PackageTest, DifferencesBetweenTwoBuildsAreNoticed)
 {
-    const Path other = work / "again";
+    const Path other = work->Path("again");
     std::filesystem::create_directories(other);
     for (const char* name : {"Tarnveil.sys", "Tarnveil.pdb"})
     {
@@ -344,7 +341,7 @@ TEST_F(PackageTest, DifferencesBetweenTwoBuildsAreNoticed)
         WriteBytes(other / name, built);
     }
     EXPECT_TRUE(Succeeds(compare));
-    EXPECT_FALSE(Succeeds(script + Quoted(work) + " " + Quoted(work))) << "nothing equals nothing";
+    EXPECT_FALSE(Succeeds(script + Quoted(work->Path()) + " " + Quoted(work->Path()))) << "nothing equals nothing";
 }
 
 TEST(PdbSignatures, AreThatOfTheImageAndNoneOfAnotherFile)

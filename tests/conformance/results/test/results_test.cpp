@@ -2,15 +2,13 @@
 
 #include "tests/shell.h"
 #include "tests/temporary_folder.h"
+#include "tests/text.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <sstream>
-
 namespace
 {
-using testing::HasSubstr;
 using testing::StartsWith;
 using testing::UnorderedElementsAre;
 
@@ -36,13 +34,7 @@ protected:
         const std::string script =
             "passed=0; failed=0; . " TARNVEIL_SOURCES "/cmake/count_results.sh; count_results \"$0\"; "
             "echo \"$passed passed, $failed failed\"";
-        std::istringstream output(RunShell("bash -uc '" + script + "' " + Quoted(build_.Path()) + " 2>&1").Output);
-        std::vector<std::string> lines;
-        for (std::string line; std::getline(output, line);)
-        {
-            lines.push_back(line);
-        }
-        return lines;
+        return Lines(RunShell("bash -uc '" + script + "' " + Quoted(build_.Path()) + " 2>&1").Output);
     }
 
     const TemporaryFolder build_;
@@ -55,7 +47,7 @@ TEST_F(CountedResults, EveryOutcomeCountsAsWhatItIs)
         Count(),
         UnorderedElementsAre(
             StartsWith("failed Failing.Differs: Expected equality of these values:   std::string(\"<a> & 'b'\")"),
-            HasSubstr("failed Failing.Throws: C++ exception with description \"thrown\""),
+            StartsWith("failed Failing.Throws: C++ exception with description \"thrown\""),
             "skipped Skipping.WithAReason: this machine has none",
             StartsWith("failed Numbers/Each.IsPositive/0: Expected: (GetParam()) > (0), actual: -1 vs 0"),
             "failed kind.Crashing: it named no test", "failed kind.Leaking: it named no test",

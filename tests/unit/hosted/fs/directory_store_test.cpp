@@ -23,14 +23,6 @@ protected:
         Dismount();
     }
 
-    std::string Bytes(const std::string& path)
-    {
-        return host_.Get(path);
-    }
-    void Put(const std::string& path, const std::string& text)
-    {
-        host_.Put(path, text);
-    }
     ULONGLONG IdOf(WideView path)
     {
         PFILE_OBJECT file = Open(path, {.Disposition = FILE_OPEN, .Access = FILE_READ_DATA});
@@ -50,8 +42,8 @@ TEST_F(DirectoryVolume, StreamsAreOrdinaryFiles)
     MakeFile(L"\\dir\\\x00dc" L"bersicht.txt", "plan");
     MakeFile(L"\\dir\\\x00dc" L"bersicht.txt:note", "noted");
     LazyWrite();
-    EXPECT_EQ(Bytes("dir/Übersicht.txt"), "plan");
-    EXPECT_EQ(Bytes("dir/Übersicht.txt:note"), "noted");
+    EXPECT_EQ(host_.Get("dir/Übersicht.txt"), "plan");
+    EXPECT_EQ(host_.Get("dir/Übersicht.txt:note"), "noted");
     EXPECT_EQ(Attempt(L"\\dir", {.Options = FILE_DELETE_ON_CLOSE}), STATUS_SUCCESS);
     EXPECT_TRUE(disk::exists(folder_ / "dir"));
     EXPECT_EQ(Attempt(L"\\dir\\\x00dc" L"bersicht.txt", {.Options = FILE_DELETE_ON_CLOSE}), STATUS_SUCCESS);
@@ -99,11 +91,11 @@ TEST_F(DirectoryVolume, FilesPutThereByHandAppear)
 {
     Dismount();
     disk::create_directories(folder_ / "sub");
-    Put("sub/by hand.txt", "hand");
-    Put("sub/by hand.txt:more", "stream");
-    Put("sub/bad?name", "");
-    Put("Same", "first");
-    Put("same", "second");
+    host_.Put("sub/by hand.txt", "hand");
+    host_.Put("sub/by hand.txt:more", "stream");
+    host_.Put("sub/bad?name", "");
+    host_.Put("Same", "first");
+    host_.Put("same", "second");
     disk::create_symlink("sub", folder_ / "link");
     Mount();
     EXPECT_EQ(OnDisk(L"\\sub\\BYHAND~1.TXT"), "hand");
@@ -115,7 +107,7 @@ TEST_F(DirectoryVolume, FilesPutThereByHandAppear)
     Write(file, 4, "!");
     CloseFile(file);
     LazyWrite();
-    EXPECT_EQ(Bytes("sub/by hand.txt"), "hand!");
+    EXPECT_EQ(host_.Get("sub/by hand.txt"), "hand!");
 }
 
 TEST_F(DirectoryVolume, AMissingIndexIsMadeAnew)
@@ -128,7 +120,7 @@ TEST_F(DirectoryVolume, AMissingIndexIsMadeAnew)
     EXPECT_EQ(OnDisk(L"\\LONGNA~1"), "a");
     EXPECT_EQ(OnDisk(L"\\LONGNA~2"), "b");
     Dismount();
-    Put(".tarnveil-volume", "tarnveil-volume 1\nN\tnonsense\nX\n\nN\t1\n");
+    host_.Put(".tarnveil-volume", "tarnveil-volume 1\nN\tnonsense\nX\n\nN\t1\n");
     Mount();
     EXPECT_EQ(OnDisk(L"\\LONGNA~1"), "a");
 }
@@ -185,8 +177,8 @@ TEST_F(DirectoryVolume, FilesStayUsableWhileTheyMoveAndBeyondTheOpenLimit)
     CloseFile(file);
     CloseFile(stream);
     LazyWrite();
-    EXPECT_EQ(Bytes("b"), "new");
-    EXPECT_EQ(Bytes("b:s"), "two");
+    EXPECT_EQ(host_.Get("b"), "new");
+    EXPECT_EQ(host_.Get("b:s"), "two");
 }
 }
 }

@@ -45,7 +45,7 @@ TEST_F(FolderChange, ANameGoesAtOnceAndOpensLiveOn)
     EXPECT_EQ(Read(replacement, 0, 20), "another");
     CloseFile(replacement);
     LazyWrite();
-    EXPECT_EQ(Bytes("file"), "another");
+    EXPECT_EQ(Host.Get("file"), "another");
 }
 
 TEST_F(FolderChange, WhatNobodyCanReadAnyMoreIsNotWritten)
@@ -78,7 +78,7 @@ TEST_F(FolderChange, AnOpenFileIsOpenedOnceMoreWithoutItsName)
     CloseFile(last);
     CloseFile(again);
     LazyWrite();
-    EXPECT_EQ(Bytes("file"), "another");
+    EXPECT_EQ(Host.Get("file"), "another");
 }
 
 TEST_F(FolderChange, DirectoriesGoOnlyWhenTheyAreEmpty)
@@ -132,7 +132,7 @@ TEST_F(FolderChange, HardLinksShareOneStream)
     EXPECT_EQ(Delete(other), STATUS_SUCCESS);
     CloseFile(other);
     LazyWrite();
-    EXPECT_EQ(Bytes("third"), "text that all see");
+    EXPECT_EQ(Host.Get("third"), "text that all see");
     EXPECT_FALSE(Exists("dir/other"));
     PFILE_OBJECT directory = Open(L"\\dir", {.Disposition = FILE_OPEN, .Options = FILE_DIRECTORY_FILE});
     EXPECT_EQ(SetName(directory, FileLinkInformation, 0, L"dir2"), STATUS_FILE_IS_A_DIRECTORY);
@@ -158,7 +158,7 @@ TEST_F(FolderChange, ARenameTakesEveryFormOfTarget)
     EXPECT_EQ(Rename(file, L"\\??\\X:\\taken", true), STATUS_SUCCESS);
     CloseFile(file);
     LazyWrite();
-    EXPECT_EQ(Bytes("taken"), "x");
+    EXPECT_EQ(Host.Get("taken"), "x");
     EXPECT_EQ(List(L"\\"), (std::vector<std::string>{"dir", "taken"}));
 }
 
@@ -182,7 +182,7 @@ TEST_F(FolderChange, OfOldARenameLeavesAloneWhatIsOpen)
     EXPECT_EQ(Rename(directory, L"\\moved\\inside"), STATUS_INVALID_PARAMETER);
     CloseFile(directory);
     LazyWrite();
-    EXPECT_EQ(Bytes("moved/inner"), "y");
+    EXPECT_EQ(Host.Get("moved/inner"), "y");
 }
 
 TEST_F(FolderChange, APosixRenameMovesAndReplacesWhatIsOpen)
@@ -219,7 +219,7 @@ TEST_F(FolderChange, APosixRenameMovesAndReplacesWhatIsOpen)
     CloseFile(directory);
     CloseFile(file);
     LazyWrite();
-    EXPECT_EQ(Bytes("empty/deep/inner"), "new");
+    EXPECT_EQ(Host.Get("empty/deep/inner"), "new");
 }
 
 TEST_F(FolderChange, TwoNamesOfOneFileStayBoth)
@@ -249,7 +249,7 @@ TEST_F(FolderChange, NamesChangePlaces)
     EXPECT_EQ(PosixDelete(b), STATUS_SUCCESS);
     CloseFile(b);
     LazyWrite();
-    EXPECT_EQ(Bytes("b"), "was a");
+    EXPECT_EQ(Host.Get("b"), "was a");
     EXPECT_FALSE(Exists("dir/a"));
 }
 
@@ -271,12 +271,12 @@ TEST_F(FolderChange, WhatSomebodyElsePutInPlaceOfAnOpenFileStays)
     MakeFile(L"\\file", "ours");
     PFILE_OBJECT file = Open(L"\\file");
     std::filesystem::remove(Folder / "file");
-    Put("file", "theirs");
+    Host.Put("file", "theirs");
     EXPECT_EQ(Rename(file, L"moved"), STATUS_FILE_DELETED);
     EXPECT_EQ(SetName(file, FileLinkInformation, 0, L"linked"), STATUS_FILE_DELETED);
     EXPECT_EQ(Delete(file), STATUS_SUCCESS);
     CloseFile(file);
-    EXPECT_EQ(Bytes("file"), "theirs");
+    EXPECT_EQ(Host.Get("file"), "theirs");
 }
 }
 }

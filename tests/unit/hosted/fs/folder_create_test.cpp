@@ -13,9 +13,9 @@ using FolderCreate = FolderVolume;
 
 TEST_F(FolderCreate, FilesAndDirectoriesAreThoseOfTheFolder)
 {
-    Put("old.txt", "found");
+    Host.Put("old.txt", "found");
     std::filesystem::create_directory(Folder / "dir");
-    Put("dir/inner.txt", "deep");
+    Host.Put("dir/inner.txt", "deep");
     PFILE_OBJECT file = Open(L"\\dir\\inner.txt", {.Disposition = FILE_OPEN});
     EXPECT_EQ(Read(file, 0, 100), "deep");
     EXPECT_EQ(SizeOf(file), 4);
@@ -23,11 +23,11 @@ TEST_F(FolderCreate, FilesAndDirectoriesAreThoseOfTheFolder)
     MakeDirectory(L"\\dir\\new");
     MakeFile(L"\\dir\\new\\a.txt", "made here");
     LazyWrite();
-    EXPECT_EQ(Bytes("dir/new/a.txt"), "made here");
+    EXPECT_EQ(Host.Get("dir/new/a.txt"), "made here");
     EXPECT_EQ(OnDisk(L"\\dir\\new\\a.txt"), "made here");
     EXPECT_FALSE(IsOnDisk(L"\\dir"));
     // What comes from outside is there at the next open.
-    Put("later.txt", "later");
+    Host.Put("later.txt", "later");
     EXPECT_EQ(Attempt(L"\\later.txt", {.Disposition = FILE_OPEN}), STATUS_SUCCESS);
 }
 
@@ -57,13 +57,13 @@ TEST_F(FolderCreate, DispositionsSayWhatBecameOfTheFile)
             << each.Disposition;
         EXPECT_EQ(information, each.MissingInformation) << each.Disposition;
         EXPECT_EQ(Exists("file"), NT_SUCCESS(each.Missing));
-        Put("file", "some text");
+        Host.Put("file", "some text");
         information = 0;
         EXPECT_EQ(Attempt(L"\\file", {.Disposition = each.Disposition}, &information), each.Present)
             << each.Disposition;
         EXPECT_EQ(information, each.PresentInformation) << each.Disposition;
         LazyWrite();
-        EXPECT_EQ(Bytes("file"), each.Emptied ? "" : "some text");
+        EXPECT_EQ(Host.Get("file"), each.Emptied ? "" : "some text");
     }
 }
 
@@ -95,7 +95,7 @@ TEST_F(FolderCreate, WrongPathsFailAsTheyDoElsewhere)
 
 TEST_F(FolderCreate, NamesThatNoWindowsProgramCouldHoldAreReached)
 {
-    Put("10:30 \"notes\"?.", "colon");
+    Host.Put("10:30 \"notes\"?.", "colon");
     PFILE_OBJECT file = Open(L"\\10\xf03a"
                              L"30 \xf022notes\xf022\xf03f\xf02e",
                              {.Disposition = FILE_OPEN});
@@ -212,7 +212,7 @@ TEST_F(FolderCreate, ADirectoryPassesItsGroupOn)
 TEST_F(FolderCreate, SymbolicLinksAreNotFollowed)
 {
     std::filesystem::create_directory(Folder / "dir");
-    Put("dir/file", "x");
+    Host.Put("dir/file", "x");
     std::filesystem::create_symlink("dir", Folder / "alias");
     std::filesystem::create_symlink("/etc", Folder / "out");
     EXPECT_EQ(Attempt(L"\\alias", {.Disposition = FILE_OPEN}), STATUS_STOPPED_ON_SYMLINK);
@@ -235,7 +235,7 @@ TEST_F(FolderCreate, AFolderThatIsLeftOutIsNotThere)
 {
     std::filesystem::create_directories(Folder / "a/out/b");
     std::filesystem::create_directories(Folder / "a/outer");
-    Put("a/out/file", "served elsewhere");
+    Host.Put("a/out/file", "served elsewhere");
     Without = (Folder / "a/out").string();
     RemountReadOnly();
     const OpenHow reading = {.Disposition = FILE_OPEN, .Access = FILE_READ_DATA};
@@ -249,7 +249,7 @@ TEST_F(FolderCreate, AFolderThatIsLeftOutIsNotThere)
 TEST_F(FolderCreate, AReadOnlyVolumeFollowsLinksInsideOfPathsAndChangesNothing)
 {
     std::filesystem::create_directories(Folder / "usr/bin");
-    Put("usr/bin/tool", "tool");
+    Host.Put("usr/bin/tool", "tool");
     std::filesystem::create_symlink("usr/bin", Folder / "bin");
     std::filesystem::create_symlink("/usr/bin", Folder / "absolute");
     std::filesystem::create_symlink("../../..", Folder / "usr/bin/up");
@@ -294,7 +294,7 @@ TEST_F(FolderCreate, AReadOnlyVolumeFollowsLinksInsideOfPathsAndChangesNothing)
 
 TEST_F(FolderCreate, WhoMayNotHaveTheDataLearnsItAtTheOpen)
 {
-    Put("locked", "x");
+    Host.Put("locked", "x");
     ASSERT_EQ(chmod((Folder / "locked").c_str(), 0), 0);
     ASSERT_EQ(chmod(Folder.c_str(), 0755), 0);
     // Everything is allowed to root.
@@ -324,7 +324,7 @@ TEST_F(FolderCreate, AFileThatTookTheNameOfAnOpenOneIsAnotherFile)
     MakeFile(L"\\file", "first");
     PFILE_OBJECT first = Open(L"\\file", {.Disposition = FILE_OPEN});
     std::filesystem::rename(Folder / "file", Folder / "moved");
-    Put("file", "second");
+    Host.Put("file", "second");
     PFILE_OBJECT second = Open(L"\\file", {.Disposition = FILE_OPEN});
     EXPECT_NE(first->FsContext, second->FsContext);
     EXPECT_EQ(Read(first, 0, 10), "first");

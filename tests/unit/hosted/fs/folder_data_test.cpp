@@ -86,7 +86,7 @@ TEST_F(FolderData, AGrownFileWritesItsOldEndFirst)
     EXPECT_EQ(FlushFile(file), STATUS_SUCCESS);
     EXPECT_EQ(StoredSize("file"), 3 * CacheViewBytes + 5);
     CloseFile(file);
-    EXPECT_EQ(Bytes("file").substr(0, 6), std::string("short\0", 6));
+    EXPECT_EQ(Host.Get("file").substr(0, 6), std::string("short\0", 6));
 }
 
 TEST_F(FolderData, ASizeWithoutPagesToWriteIsThatOfTheStoredFileAtOnce)
@@ -192,7 +192,7 @@ TEST_F(FolderData, EveryChangeOfSizeLeavesTheBytesOfTheModel)
                 ASSERT_TRUE(Read(file, 0, CacheViewBytes + 100) == model) << from << " to " << to << " way " << way;
                 CloseFile(file);
                 LazyWrite();
-                ASSERT_TRUE(Bytes("file") == model) << from << " to " << to << " way " << way;
+                ASSERT_TRUE(Host.Get("file") == model) << from << " to " << to << " way " << way;
             }
         }
     }

@@ -33,14 +33,6 @@ protected:
         Mount();
     }
 
-    std::string Bytes(const std::string& path)
-    {
-        return host_.Get(path);
-    }
-    void Put(const std::string& path, const std::string& text)
-    {
-        host_.Put(path, text);
-    }
     bool Exists(const std::string& path)
     {
         return std::filesystem::exists(std::filesystem::symlink_status(Folder / path));
@@ -136,8 +128,8 @@ protected:
         return names;
     }
 
-    const TemporaryFolder host_;
-    const std::filesystem::path& Folder = host_.Path();
+    const TemporaryFolder Host;
+    const std::filesystem::path& Folder = Host.Path();
     bool ReadOnly = false;
     std::string Without;
 };

@@ -91,8 +91,8 @@ TEST_F(FolderQuery, DirectoriesAreListedWithWhatOpenFilesHave)
     MakeFile(L"\\dir\\One.txt", "1");
     PFILE_OBJECT open = Open(L"\\dir\\two.txt");
     Write(open, 0, "not on disk yet");
-    Put("dir/10:30", "x");
-    Put("dir/\xff\xfe", "no UTF-8");
+    Host.Put("dir/10:30", "x");
+    Host.Put("dir/\xff\xfe", "no UTF-8");
     EXPECT_EQ(List(L"\\dir"), (std::vector<std::string>{".", "..",
                                                         "10\xef\x80\xba"
                                                         "30",
@@ -117,7 +117,7 @@ TEST_F(FolderQuery, DirectoriesAreListedWithWhatOpenFilesHave)
     EXPECT_EQ(QueryDirectory(directory, FileNamesInformation, true, true, L"none", buffer, sizeof(buffer), nullptr),
               STATUS_NO_MORE_FILES);
     // A restart sees what came since.
-    Put("dir/none", "now");
+    Host.Put("dir/none", "now");
     EXPECT_EQ(QueryDirectory(directory, FileNamesInformation, true, true, L"none", buffer, sizeof(buffer), nullptr),
               STATUS_SUCCESS);
     CloseFile(directory);
@@ -128,7 +128,7 @@ TEST_F(FolderQuery, ANameIsFoundInItsOwnCaseFirst)
 {
     for (const char* name : {"PLAN", "Plan", "plan"})
     {
-        Put(name, "x");
+        Host.Put(name, "x");
     }
     EXPECT_EQ(List(L"\\", L"Plan"), std::vector<std::string>{"Plan"});
     EXPECT_EQ(List(L"\\", L"pLAN"), (std::vector<std::string>{"PLAN", "Plan", "plan"}));
