@@ -11,10 +11,10 @@
 #include <tarnveil/control.h>
 
 /* Answers arrive in the buffer although the driver reports 0 bytes. */
-static BOOL Send(HANDLE device, DWORD code, const void *input, DWORD inputBytes, void *output, DWORD outputBytes)
+static BOOL Send(HANDLE device, DWORD code, const void* input, DWORD inputBytes, void* output, DWORD outputBytes)
 {
     DWORD returned = 0;
-    BOOL sent = DeviceIoControl(device, code, (void *)input, inputBytes, output, outputBytes, &returned, NULL);
+    BOOL sent = DeviceIoControl(device, code, (void*)input, inputBytes, output, outputBytes, &returned, NULL);
     if (!sent)
     {
         fprintf(stderr, "request 0x%lX failed with error %lu\n", code, GetLastError());
@@ -30,7 +30,7 @@ static BOOL SetKey(HANDLE device)
     return Send(device, IOCTL_SET_CRYPTKEY, input, sizeof(input), NULL, 0);
 }
 
-static BOOL AddProgram(HANDLE device, const wchar_t *path)
+static BOOL AddProgram(HANDLE device, const wchar_t* path)
 {
     unsigned int id = 0;
     DWORD bytes = (DWORD)((wcslen(path) + 1) * sizeof(wchar_t));
@@ -42,11 +42,11 @@ static BOOL AddProgram(HANDLE device, const wchar_t *path)
     return TRUE;
 }
 
-static BOOL ProtectFile(HANDLE device, unsigned int processId, const wchar_t *path)
+static BOOL ProtectFile(HANDLE device, unsigned int processId, const wchar_t* path)
 {
     unsigned int id = 0;
     size_t pathBytes = (wcslen(path) + 1) * sizeof(wchar_t);
-    unsigned char *input = malloc(sizeof(processId) + pathBytes);
+    unsigned char* input = malloc(sizeof(processId) + pathBytes);
     if (input == NULL)
     {
         return FALSE;
@@ -73,22 +73,22 @@ static void ShowLog(HANDLE device, HANDLE event)
         {
             for (DWORD i = 0; i < returned / sizeof(records[0]); ++i)
             {
-                printf("0x%02X %ls (%u) %ls\n", records[i].Level, (const wchar_t *)records[i].ProcessName,
-                    records[i].ProcessId, (const wchar_t *)records[i].Message);
+                printf("0x%02X %ls (%u) %ls\n", records[i].Level, (const wchar_t*)records[i].ProcessName,
+                    records[i].ProcessId, (const wchar_t*)records[i].Message);
             }
         }
     }
 }
 
-int wmain(int count, wchar_t **values)
+int wmain(int count, wchar_t** values)
 {
     if (count != 4)
     {
         fprintf(stderr, "usage: agent_example PROGRAM PROTECTED_FILE PROCESS_ID\n");
         return 2;
     }
-    HANDLE device =
-        CreateFileW(L"\\\\.\\Tarnveil", GENERIC_READ | GENERIC_WRITE, 0, NULL, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, NULL);
+    HANDLE device = CreateFileW(
+        L"\\\\.\\Tarnveil", GENERIC_READ | GENERIC_WRITE, 0, NULL, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, NULL);
     if (device == INVALID_HANDLE_VALUE)
     {
         fprintf(stderr, "the driver is not there (error %lu)\n", GetLastError());

@@ -27,12 +27,12 @@ void AddFileCommands(CLI::App& program, Session& session);
 // A command that only holds others. The examples, with which its help ends, are one command line each without the
 // program's name.
 CLI::App* AddGroup(CLI::App& parent, const std::string& name, const std::string& description,
-                   std::initializer_list<std::string_view> examples);
+    std::initializer_list<std::string_view> examples);
 CLI::App* AddCommand(CLI::App& parent, const std::string& name, const std::string& description,
-                     std::initializer_list<std::string_view> examples);
+    std::initializer_list<std::string_view> examples);
 void AddJsonFlag(CLI::App& command, Session& session);
 
 // An argument or an option that takes a number (ParseNumber) up to `most`.
 CLI::Option* AddNumber(CLI::App& command, const std::string& name, std::uint64_t most,
-                       std::function<void(std::uint64_t)> take, const std::string& description);
+    std::function<void(std::uint64_t)> take, const std::string& description);
 }

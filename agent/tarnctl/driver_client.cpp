@@ -21,7 +21,11 @@ struct RequestCode
     std::uint32_t Code;
 };
 
-#define TARNCTL_REQUEST(Code) RequestCode{#Code, Code}
+#define TARNCTL_REQUEST(Code) \
+    RequestCode               \
+    {                         \
+        #Code, Code           \
+    }
 
 // Processes that may have come between the answer that named their count and the next attempt.
 constexpr std::size_t RoomForNewcomers = 64;
@@ -53,8 +57,8 @@ void AppendPath(Bytes& bytes, const std::string& path)
     Append(bytes, wide->c_str(), wide->size() + 1);
 }
 
-Reply Send(Transport& transport, const RequestCode& request, const Bytes& input = {},
-           std::span<std::uint8_t> output = {})
+Reply Send(
+    Transport& transport, const RequestCode& request, const Bytes& input = {}, std::span<std::uint8_t> output = {})
 {
     const Reply reply = transport.Send(request.Code, input, output);
     if (!IsSuccess(reply.Status))
@@ -172,8 +176,8 @@ std::vector<std::uint32_t> DriverClient::ProcessesUnderSandbox()
     std::vector<std::uint32_t> words(1 + RoomForNewcomers);
     for (int i = 0; i < PidListAttempts; ++i)
     {
-        const std::span<std::uint8_t> output(reinterpret_cast<std::uint8_t*>(words.data()),
-                                             words.size() * sizeof(words[0]));
+        const std::span<std::uint8_t> output(
+            reinterpret_cast<std::uint8_t*>(words.data()), words.size() * sizeof(words[0]));
         const Reply reply = transport_.Send(request.Code, {}, output);
         if (IsSuccess(reply.Status))
         {

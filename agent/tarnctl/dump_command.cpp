@@ -41,9 +41,9 @@ void Dump(Session& session)
 void AddDumpCommand(CLI::App& program, Session& session)
 {
     CLI::App* dump = AddCommand(program, "dump",
-                                "The driver's whole configuration, without the key, as it writes it to its debug "
-                                "mailslot",
-                                {"dump", "dump --json"});
+        "The driver's whole configuration, without the key, as it writes it to its debug "
+        "mailslot",
+        {"dump", "dump --json"});
     AddJsonFlag(*dump, session);
     dump->callback([&session] { session.Action = [&session] { Dump(session); }; });
 }

@@ -11,7 +11,7 @@ namespace tarnctl
 enum class ExitCode
 {
     Success = 0,
-    Refused = 1,      // by the driver
+    Refused = 1, // by the driver
     WrongUse = 2,
     NotReachable = 3, // the driver
     Trouble = 4       // on this side: a file, the mailslot, the output

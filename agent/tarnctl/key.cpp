@@ -58,8 +58,7 @@ Key::Key(std::span<const std::uint8_t> bytes) : length_(bytes.size())
     if (!IsKeyLength(length_))
     {
         throw Failure(ExitCode::WrongUse,
-                      "a key has 16, 24 or 32 bytes and one mask byte: 17, 25 or 33 bytes, not " +
-                          std::to_string(length_));
+            "a key has 16, 24 or 32 bytes and one mask byte: 17, 25 or 33 bytes, not " + std::to_string(length_));
     }
     std::ranges::copy(bytes, bytes_);
 }

@@ -59,12 +59,12 @@ void Print(Session& session, const LogRecord& record)
     const std::string level = LevelName(record.Level);
     session.Answer(level + std::string(6 - level.size(), ' ') + Printable(record.ProcessName) + " (" +
                        std::to_string(record.ProcessId) + "): " + Printable(record.Message),
-                   JsonObject()
-                       .Number("level", record.Level)
-                       .Text("levelName", level)
-                       .Number("pid", record.ProcessId)
-                       .Text("process", record.ProcessName)
-                       .Text("message", record.Message));
+        JsonObject()
+            .Number("level", record.Level)
+            .Text("levelName", level)
+            .Number("pid", record.ProcessId)
+            .Text("process", record.ProcessName)
+            .Text("message", record.Message));
 }
 
 // Prints what waits, at most so many; what is left to print afterwards.
@@ -137,32 +137,36 @@ std::vector<std::string> LevelOptions()
 void AddLogCommands(CLI::App& program, Session& session)
 {
     CLI::App* group = AddGroup(program, "log", "The driver's log records, which one agent at a time receives",
-                               {"log follow --levels denied", "log stop"});
+        {"log follow --levels denied", "log stop"});
 
     const auto options = std::make_shared<FollowOptions>();
-    CLI::App* follow = AddCommand(*group, "follow",
-                                  "Prints log records as they come, until interrupted; then ends the logging",
-                                  {"log follow", "log follow --levels denied,key", "log follow --json --count 100"});
+    CLI::App* follow =
+        AddCommand(*group, "follow", "Prints log records as they come, until interrupted; then ends the logging",
+            {"log follow", "log follow --levels denied,key", "log follow --json --count 100"});
     follow->add_option("--levels", options->Levels, "allowed, key, denied, trace, with commas between; all by default")
         ->delimiter(',')
         ->type_name("LEVELS")
         ->check(CLI::IsMember(LevelOptions()));
-    AddNumber(*follow, "--count", std::numeric_limits<std::uint64_t>::max(),
-              [options](std::uint64_t value) { options->Count = value; }, "End after so many records");
-    AddNumber(*follow, "--idle", 4000000, [options](std::uint64_t value) { options->IdleSeconds = value; },
-              "End when no record came for so many seconds");
+    AddNumber(
+        *follow, "--count", std::numeric_limits<std::uint64_t>::max(),
+        [options](std::uint64_t value) { options->Count = value; }, "End after so many records");
+    AddNumber(
+        *follow, "--idle", 4000000, [options](std::uint64_t value) { options->IdleSeconds = value; },
+        "End when no record came for so many seconds");
     AddJsonFlag(*follow, session);
     follow->callback([&session, options] { session.Action = [&session, options] { Follow(session, *options); }; });
 
     CLI::App* stop = AddCommand(*group, "stop",
-                                "Ends the logging and drops the records that wait, as after a follow that was killed",
-                                {"log stop"});
+        "Ends the logging and drops the records that wait, as after a follow that was killed", {"log stop"});
     AddJsonFlag(*stop, session);
-    stop->callback([&session] {
-        session.Action = [&session] {
-            session.Driver().StopLogging();
-            session.Answer("logging has ended", JsonObject().Truth("logging", false));
-        };
-    });
+    stop->callback(
+        [&session]
+        {
+            session.Action = [&session]
+            {
+                session.Driver().StopLogging();
+                session.Answer("logging has ended", JsonObject().Truth("logging", false));
+            };
+        });
 }
 }

@@ -1,7 +1,7 @@
 // The user's wish that the program end: Ctrl-C and its like.
 #pragma once
 
-#include "hosted/live/control/descriptor.h"
+#include "common/descriptor.h"
 
 #include <csignal>
 #include <iterator>
@@ -24,7 +24,7 @@ public:
 private:
     static constexpr int Signals[] = {SIGINT, SIGTERM, SIGHUP};
 
-    host::Descriptor readable_;
+    common::Descriptor readable_;
     struct sigaction previous_[std::size(Signals)] = {};
 };
 }

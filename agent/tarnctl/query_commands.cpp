@@ -23,16 +23,16 @@ std::string VolumesJson(const std::vector<VolumeDescription>& volumes)
     for (const VolumeDescription& volume : volumes)
     {
         array.Add(JsonObject()
-                      .Text("drive", volume.Drive)
-                      .Text("device", volume.Device)
-                      .Text("folder", volume.Folder)
-                      .Text("mountPoint", volume.MountPoint)
-                      .Line());
+                .Text("drive", volume.Drive)
+                .Text("device", volume.Device)
+                .Text("folder", volume.Folder)
+                .Text("mountPoint", volume.MountPoint)
+                .Line());
     }
     return array.Line();
 }
 
-std::string HostText(const HostDescription& host)
+std::string LiveText(const LiveDescription& host)
 {
     std::string text = "system: " + Printable(host.System) + "\ndriver image: " + Printable(host.Driver) + "\n";
     for (const VolumeDescription& volume : host.Volumes)
@@ -51,13 +51,13 @@ void AnswerStatus(Session& session)
     std::string text = "driver: reachable\n";
     JsonObject json;
     json.Truth("reachable", true);
-    if (const std::optional<HostDescription> host = session.Way().Describe())
+    if (const std::optional<LiveDescription> host = session.Way().Describe())
     {
-        text += HostText(*host);
+        text += LiveText(*host);
         json.Text("system", host->System).Text("driver", host->Driver).Raw("volumes", VolumesJson(host->Volumes));
     }
     session.Answer(text + "processes under the sandbox: " + std::to_string(ids.size()),
-                   json.Truth("anyUnderSandbox", any).Number("count", ids.size()).Raw("pids", Array(ids)));
+        json.Truth("anyUnderSandbox", any).Number("count", ids.size()).Raw("pids", Array(ids)));
 }
 }
 
@@ -65,42 +65,49 @@ void AddQueryCommands(CLI::App& program, Session& session)
 {
     const auto processId = std::make_shared<std::uint32_t>();
     CLI::App* under = AddCommand(program, "under-sandbox",
-                                 "Whether a process is under the sandbox or a parent: yes or no, exit code 0 for both",
-                                 {"under-sandbox 4312", "under-sandbox 4312 --json"});
-    AddNumber(*under, "PID", std::numeric_limits<std::uint32_t>::max(),
-              [processId](std::uint64_t value) { *processId = static_cast<std::uint32_t>(value); }, "The process")
+        "Whether a process is under the sandbox or a parent: yes or no, exit code 0 for both",
+        {"under-sandbox 4312", "under-sandbox 4312 --json"});
+    AddNumber(
+        *under, "PID", std::numeric_limits<std::uint32_t>::max(),
+        [processId](std::uint64_t value) { *processId = static_cast<std::uint32_t>(value); }, "The process")
         ->required();
     AddJsonFlag(*under, session);
-    under->callback([&session, processId] {
-        session.Action = [&session, processId] {
-            const bool answer = session.Driver().IsUnderSandbox(*processId);
-            session.Answer(answer ? "yes" : "no",
-                           JsonObject().Number("pid", *processId).Truth("underSandbox", answer));
-        };
-    });
+    under->callback(
+        [&session, processId]
+        {
+            session.Action = [&session, processId]
+            {
+                const bool answer = session.Driver().IsUnderSandbox(*processId);
+                session.Answer(
+                    answer ? "yes" : "no", JsonObject().Number("pid", *processId).Truth("underSandbox", answer));
+            };
+        });
 
-    CLI::App* pids = AddCommand(program, "pids", "The ids of the processes under the sandbox, one per line",
-                                {"pids", "pids --json"});
+    CLI::App* pids = AddCommand(
+        program, "pids", "The ids of the processes under the sandbox, one per line", {"pids", "pids --json"});
     AddJsonFlag(*pids, session);
-    pids->callback([&session] {
-        session.Action = [&session] {
-            const std::vector<std::uint32_t> ids = session.Driver().ProcessesUnderSandbox();
-            if (session.Json)
+    pids->callback(
+        [&session]
+        {
+            session.Action = [&session]
             {
-                session.Line(JsonObject().Raw("pids", Array(ids)).Line());
-                return;
-            }
-            for (const std::uint32_t id : ids)
-            {
-                session.Line(std::to_string(id));
-            }
-        };
-    });
+                const std::vector<std::uint32_t> ids = session.Driver().ProcessesUnderSandbox();
+                if (session.Json)
+                {
+                    session.Line(JsonObject().Raw("pids", Array(ids)).Line());
+                    return;
+                }
+                for (const std::uint32_t id : ids)
+                {
+                    session.Line(std::to_string(id));
+                }
+            };
+        });
 
     CLI::App* status = AddCommand(program, "status",
-                                  "Whether the driver answers, what it runs in unless that is this Windows, and how "
-                                  "many processes are under the sandbox; dump tells its whole configuration",
-                                  {"status", "status --json"});
+        "Whether the driver answers, what it runs in unless that is this Windows, and how "
+        "many processes are under the sandbox; dump tells its whole configuration",
+        {"status", "status --json"});
     AddJsonFlag(*status, session);
     status->callback([&session] { session.Action = [&session] { AnswerStatus(session); }; });
 }

@@ -55,10 +55,7 @@ public:
     }
 
 private:
-    std::uint64_t Left() const
-    {
-        return conversion_.Size ? *conversion_.Size - result_.Bytes : PieceBytes;
-    }
+    std::uint64_t Left() const { return conversion_.Size ? *conversion_.Size - result_.Bytes : PieceBytes; }
 
     void Put(std::size_t bytes)
     {

@@ -21,10 +21,12 @@ constexpr const char* ExitCodes = R"(Exit codes:
 // A key may stand anywhere on a command line that was not understood, so nothing of such a line is repeated.
 bool MayHoldKey(const std::vector<std::string>& arguments)
 {
-    return std::ranges::any_of(arguments, [](const std::string& argument) {
-        return argument == "key" || argument.starts_with("--hex") ||
-               std::ranges::count_if(argument, [](unsigned char unit) { return std::isxdigit(unit) != 0; }) >= 16;
-    });
+    return std::ranges::any_of(arguments,
+        [](const std::string& argument)
+        {
+            return argument == "key" || argument.starts_with("--hex") ||
+                   std::ranges::count_if(argument, [](unsigned char unit) { return std::isxdigit(unit) != 0; }) >= 16;
+        });
 }
 
 std::string Explanation(const CLI::ParseError& error, const std::vector<std::string>& arguments)
@@ -74,7 +76,7 @@ int Perform(Session& session)
 }
 
 CLI::App* AddCommand(CLI::App& parent, const std::string& name, const std::string& description,
-                     std::initializer_list<std::string_view> examples)
+    std::initializer_list<std::string_view> examples)
 {
     CLI::App* command = parent.add_subcommand(name, description);
     // On Windows a path may begin with a slash.
@@ -84,7 +86,7 @@ CLI::App* AddCommand(CLI::App& parent, const std::string& name, const std::strin
 }
 
 CLI::App* AddGroup(CLI::App& parent, const std::string& name, const std::string& description,
-                   std::initializer_list<std::string_view> examples)
+    std::initializer_list<std::string_view> examples)
 {
     CLI::App* group = AddCommand(parent, name, description, examples);
     group->require_subcommand(1);
@@ -97,12 +99,13 @@ void AddJsonFlag(CLI::App& command, Session& session)
 }
 
 CLI::Option* AddNumber(CLI::App& command, const std::string& name, std::uint64_t most,
-                       std::function<void(std::uint64_t)> take, const std::string& description)
+    std::function<void(std::uint64_t)> take, const std::string& description)
 {
     return command
         .add_option_function<std::string>(
             name,
-            [name, most, take = std::move(take)](const std::string& text) {
+            [name, most, take = std::move(take)](const std::string& text)
+            {
                 const std::optional<std::uint64_t> value = ParseNumber(text);
                 if (!value || *value > most)
                 {
@@ -118,7 +121,7 @@ namespace
 {
 // `socket`: what the option --socket sets; null: there is none.
 int Run(const std::vector<std::string>& arguments, const Connect& connect, std::string* socket, std::ostream& output,
-        std::ostream& error)
+    std::ostream& error)
 {
     Session session(connect, output, error);
     CLI::App program("Steers the Tarnveil driver, and recovers enciphered files without it.", "tarnctl");
@@ -126,14 +129,14 @@ int Run(const std::vector<std::string>& arguments, const Connect& connect, std::
     {
         program
             .add_option("--socket", *socket,
-                        "The control socket of the host that runs the driver, in place of TARNVEIL_SOCKET and of "
-                        "$XDG_RUNTIME_DIR/tarnhost/control (/tmp/tarnhost-UID/control)")
+                "The control socket of the host that runs the driver, in place of TARNVEIL_SOCKET and of "
+                "$XDG_RUNTIME_DIR/tarnhost/control (/tmp/tarnhost-UID/control)")
             ->type_name("PATH");
     }
     program.require_subcommand(1);
     program.allow_windows_style_options(false);
     program.footer(Examples({"key set --from-file C:\\Keys\\sandbox.key", "process add C:\\Apps\\Editor.exe",
-                             "pids --json", "recover --key-file sandbox.key D:\\Sandbox\\plan.txt plan.txt"}) +
+                       "pids --json", "recover --key-file sandbox.key D:\\Sandbox\\plan.txt plan.txt"}) +
                    "\n\n" + ExitCodes);
     AddStateCommands(program, session);
     AddSettingCommands(program, session);
@@ -165,8 +168,8 @@ int Run(const std::vector<std::string>& arguments, const Connect& connect, std::
     return Run(arguments, connect, nullptr, output, error);
 }
 
-int RunOverSocket(const std::vector<std::string>& arguments, const ConnectAt& connect, std::ostream& output,
-                  std::ostream& error)
+int RunOverSocket(
+    const std::vector<std::string>& arguments, const ConnectAt& connect, std::ostream& output, std::ostream& error)
 {
     std::string socket;
     return Run(arguments, [&] { return connect(socket); }, &socket, output, error);

@@ -13,6 +13,6 @@ namespace tarnctl
 int Run(const std::vector<std::string>& arguments, const Connect& connect, std::ostream& output, std::ostream& error);
 
 // The same where the way is chosen by the option --socket.
-int RunOverSocket(const std::vector<std::string>& arguments, const ConnectAt& connect, std::ostream& output,
-                  std::ostream& error);
+int RunOverSocket(
+    const std::vector<std::string>& arguments, const ConnectAt& connect, std::ostream& output, std::ostream& error);
 }

@@ -87,8 +87,7 @@ std::vector<std::uint8_t> SocketClient::Receive()
     std::uint8_t bytes[control_socket::HeaderBytes];
     Fill(bytes);
     const std::optional<control_socket::Header> header = control_socket::ParseHeader(bytes);
-    if (!header || (header->Kind & control_socket::AnswerBit) == 0 ||
-        header->BodyBytes > control_socket::MostBodyBytes)
+    if (!header || (header->Kind & control_socket::AnswerBit) == 0 || header->BodyBytes > control_socket::MostBodyBytes)
     {
         FailWithStrangeAnswer();
     }

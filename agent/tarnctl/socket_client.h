@@ -1,8 +1,8 @@
 // Messages to a host, and its answers, one at a time.
 #pragma once
 
-#include "hosted/live/control/descriptor.h"
-#include "hosted/live/control/protocol.h"
+#include "common/descriptor.h"
+#include "live/control/protocol.h"
 
 namespace tarnctl
 {
@@ -10,7 +10,7 @@ class SocketClient
 {
 public:
     // Takes a connected socket, which blocks.
-    explicit SocketClient(host::Descriptor socket) : socket_(std::move(socket)) {}
+    explicit SocketClient(common::Descriptor socket) : socket_(std::move(socket)) {}
 
     using Body = std::span<const std::uint8_t>;
 
@@ -29,7 +29,7 @@ private:
     bool SendAll(Body bytes);
     void Fill(std::span<std::uint8_t> bytes);
 
-    host::Descriptor socket_;
+    common::Descriptor socket_;
     std::uint32_t sent_ = 0;     // the number of the last request
     std::uint32_t received_ = 0; // and of the last one that was answered
 };

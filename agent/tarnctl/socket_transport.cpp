@@ -4,7 +4,7 @@
 #include "agent/tarnctl/posix_interruption.h"
 #include "agent/tarnctl/socket_client.h"
 #include "agent/tarnctl/status_names.h"
-#include "hosted/live/control/socket_path.h"
+#include "live/control/socket_path.h"
 
 #include <poll.h>
 #include <sys/socket.h>
@@ -27,9 +27,9 @@ using Bytes = std::vector<std::uint8_t>;
 
 [[noreturn]] void FailUnreachable(const std::string& path, const std::string& why)
 {
-    throw Failure(ExitCode::NotReachable,
-                  "driver not reachable at " + path + ": " + why +
-                      "; start tarnhost, or name its socket with --socket or " + control_socket::PathVariable);
+    throw Failure(ExitCode::NotReachable, "driver not reachable at " + path + ": " + why +
+                                              "; start tarnhost, or name its socket with --socket or " +
+                                              control_socket::PathVariable);
 }
 
 class SocketMailslot : public Mailslot
@@ -137,7 +137,7 @@ public:
         return woken == Woken::Signalled ? Wake::Signalled : Wake::TimedOut;
     }
 
-    std::optional<HostDescription> Describe() override { return description_; }
+    std::optional<LiveDescription> Describe() override { return description_; }
 
     std::unique_ptr<Mailslot> CreateDebugMailslot() override
     {
@@ -160,7 +160,7 @@ private:
     bool InterruptedBeforeAnswer() const;
 
     SocketClient client_;
-    HostDescription description_;
+    LiveDescription description_;
     std::optional<Interruption> interruption_;
 };
 
@@ -187,7 +187,8 @@ void SocketTransport::Greet()
     if (!IsSuccess(status))
     {
         throw Failure(ExitCode::NotReachable, "driver not reachable: the host runs, but its driver's control device "
-                                              "cannot be opened: " + StatusText(status));
+                                              "cannot be opened: " +
+                                                  StatusText(status));
     }
 }
 
@@ -205,7 +206,7 @@ bool SocketTransport::InterruptedBeforeAnswer() const
 }
 
 // Who listens there. Nothing of the user's goes to another's program.
-void CheckHost(const host::Descriptor& socket, const std::string& path)
+void CheckServer(const common::Descriptor& socket, const std::string& path)
 {
     ucred peer = {};
     socklen_t length = sizeof(peer);
@@ -233,12 +234,12 @@ std::unique_ptr<Transport> ConnectToSocket(const std::string& given)
         FailUnreachable(path, "the path is too long for a socket");
     }
     path.copy(address.sun_path, path.size());
-    host::Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    common::Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (!socket || connect(socket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0)
     {
         FailUnreachable(path, std::generic_category().message(errno));
     }
-    CheckHost(socket, path);
+    CheckServer(socket, path);
     return std::make_unique<SocketTransport>(SocketClient(std::move(socket)));
 }
 }

@@ -45,7 +45,7 @@ struct VolumeDescription
     std::string MountPoint; // where the host's programs see it; may be empty
 };
 
-struct HostDescription
+struct LiveDescription
 {
     std::string System; // "6.1"
     std::string Driver; // which image
@@ -67,7 +67,7 @@ public:
     virtual Wake WaitForLogEvent(std::optional<std::chrono::milliseconds> longest) = 0;
 
     // Nothing for the Windows that the program runs in.
-    virtual std::optional<HostDescription> Describe() { return std::nullopt; }
+    virtual std::optional<LiveDescription> Describe() { return std::nullopt; }
 
     // Throws Failure when it cannot be made, as when another program reads it.
     virtual std::unique_ptr<Mailslot> CreateDebugMailslot() = 0;

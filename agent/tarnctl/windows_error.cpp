@@ -11,7 +11,7 @@ void FailWithLastError(ExitCode code, const std::string& what)
     const DWORD error = GetLastError();
     wchar_t text[512];
     DWORD length = FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr, error, 0, text,
-                                  static_cast<DWORD>(std::size(text)), nullptr);
+        static_cast<DWORD>(std::size(text)), nullptr);
     while (length > 0 && (text[length - 1] <= L' ' || text[length - 1] == L'.'))
     {
         --length;

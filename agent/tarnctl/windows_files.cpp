@@ -27,7 +27,7 @@ std::wstring Wide(const std::string& path)
 FileIdentity IdentityOf(const BY_HANDLE_FILE_INFORMATION& information)
 {
     return {information.dwVolumeSerialNumber,
-            (std::uint64_t{information.nFileIndexHigh} << 32) | information.nFileIndexLow};
+        (std::uint64_t{information.nFileIndexHigh} << 32) | information.nFileIndexLow};
 }
 
 class WindowsInput : public InputFile
@@ -129,7 +129,7 @@ std::unique_ptr<InputFile> OpenInput(const std::string& path)
 {
     // A folder cannot be opened this way.
     HANDLE file = CreateFileW(Wide(path).c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_DELETE, nullptr,
-                              OPEN_EXISTING, FILE_FLAG_SEQUENTIAL_SCAN, nullptr);
+        OPEN_EXISTING, FILE_FLAG_SEQUENTIAL_SCAN, nullptr);
     if (file == INVALID_HANDLE_VALUE)
     {
         FailWithLastError(ExitCode::WrongUse, path + ": cannot be opened");
@@ -143,7 +143,7 @@ bool FindFile(const std::string& path, FileIdentity* identity)
 {
     // Backup semantics open folders too; no access is needed to look.
     HANDLE file = CreateFileW(Wide(path).c_str(), 0, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                              OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
+        OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
     if (file == INVALID_HANDLE_VALUE)
     {
         return false;
@@ -165,8 +165,8 @@ std::unique_ptr<OutputFile> CreateOutput(const std::string& path)
     {
         std::wstring temporary =
             Wide(path + ".tarnctl-" + std::to_string(GetCurrentProcessId()) + "-" + std::to_string(i));
-        HANDLE file = CreateFileW(temporary.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL,
-                                  nullptr);
+        HANDLE file =
+            CreateFileW(temporary.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr);
         if (file != INVALID_HANDLE_VALUE)
         {
             return std::make_unique<WindowsOutput>(path, std::move(temporary), file);

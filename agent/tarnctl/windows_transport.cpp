@@ -96,8 +96,7 @@ public:
         IO_STATUS_BLOCK result = {};
         // The system call itself: DeviceIoControl would turn the status into one of fewer error numbers. The device was
         // opened for synchronous requests, so the answer is there on return.
-        const NTSTATUS status = NtDeviceIoControlFile(
-            device_.Get(), nullptr, nullptr, nullptr, &result, code,
+        const NTSTATUS status = NtDeviceIoControlFile(device_.Get(), nullptr, nullptr, nullptr, &result, code,
             input.empty() ? nullptr : const_cast<std::uint8_t*>(input.data()), static_cast<ULONG>(input.size()),
             output.empty() ? nullptr : output.data(), static_cast<ULONG>(output.size()));
         return {static_cast<std::uint32_t>(status), static_cast<std::uint32_t>(result.Information)};
@@ -153,7 +152,7 @@ private:
 std::unique_ptr<Transport> ConnectToDevice()
 {
     Handle device(CreateFileW(DevicePath, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                              OPEN_EXISTING, 0, nullptr));
+        OPEN_EXISTING, 0, nullptr));
     if (!device)
     {
         FailWithLastError(ExitCode::NotReachable, "driver not reachable");

@@ -12,8 +12,8 @@ ApplicationProcess* FindApplication(BuiltInList* list, HANDLE processId) REQUIRE
 
 bool MatchesPattern(BuiltInList* list, PCUNICODE_STRING imagePath) REQUIRES_LOCK(list->Lock)
 {
-    return list->Settings.Find([imagePath](SettingInfo* entry)
-               { return MatchNamePattern(imagePath, &entry->Pattern); }) != nullptr;
+    return list->Settings.Find(
+               [imagePath](SettingInfo* entry) { return MatchNamePattern(imagePath, &entry->Pattern); }) != nullptr;
 }
 
 // Once per process. *inserted tells whether it was new.
@@ -35,8 +35,7 @@ NTSTATUS AppendApplication(BuiltInList* list, HANDLE processId, bool* inserted) 
 }
 
 // The prints name a path, so they are made without the lock, at PASSIVE_LEVEL.
-NTSTATUS ReportInsertion(
-    NTSTATUS status, bool inserted, PCSTR text, HANDLE processId, PCUNICODE_STRING imagePath)
+NTSTATUS ReportInsertion(NTSTATUS status, bool inserted, PCSTR text, HANDLE processId, PCUNICODE_STRING imagePath)
 {
     if (!NT_SUCCESS(status))
     {
@@ -95,8 +94,7 @@ void SetBuiltInSubFolder(BuiltInList* list, CountedString* subFolder)
 bool IsInBuiltInFolder(BuiltInList* list, PCUNICODE_STRING path)
 {
     bool inside = false;
-    WithLock(list->Lock,
-        [&, list]() REQUIRES_LOCK(list->Lock)
+    WithLock(list->Lock, [&, list]() REQUIRES_LOCK(list->Lock)
         { inside = MatchNamePattern(path, &list->Folder) || MatchNamePattern(path, &list->SubFolder); });
     return inside;
 }
@@ -122,8 +120,8 @@ NTSTATUS ForceInsertApplication(
 {
     NTSTATUS status = STATUS_SUCCESS;
     bool inserted = false;
-    WithLock(list->Lock,
-        [&, list]() REQUIRES_LOCK(list->Lock) { status = AppendApplication(list, processId, &inserted); });
+    WithLock(
+        list->Lock, [&, list]() REQUIRES_LOCK(list->Lock) { status = AppendApplication(list, processId, &inserted); });
     return ReportInsertion(status, inserted, texts.ForcedInsert, processId, imagePath);
 }
 
@@ -148,8 +146,8 @@ void RemoveApplication(BuiltInList* list, HANDLE processId, const BuiltInListTex
 NTSTATUS LookupApplication(BuiltInList* list, HANDLE processId)
 {
     bool found = false;
-    WithLock(list->Lock,
-        [&, list]() REQUIRES_LOCK(list->Lock) { found = FindApplication(list, processId) != nullptr; });
+    WithLock(
+        list->Lock, [&, list]() REQUIRES_LOCK(list->Lock) { found = FindApplication(list, processId) != nullptr; });
     return found ? STATUS_SUCCESS : STATUS_NOT_FOUND;
 }
 

@@ -98,8 +98,8 @@ NTSTATUS HBPLRegistProcess(const SYSTEM_PROCESS_INFORMATION* snapshot)
         PrintWithDriverName("[HBPL] HBPLRegistProcess error - %x\n", STATUS_INVALID_PARAMETER);
         return STATUS_INVALID_PARAMETER;
     }
-    ForEachRunningImage(snapshot,
-        [](HANDLE processId, PCUNICODE_STRING imagePath) { HBPLInsert(processId, imagePath); });
+    ForEachRunningImage(
+        snapshot, [](HANDLE processId, PCUNICODE_STRING imagePath) { HBPLInsert(processId, imagePath); });
     return STATUS_SUCCESS;
 }
 

@@ -16,9 +16,7 @@ constexpr ULONG LeastTypeBytes = (MagicIndex + 1) * sizeof(WCHAR);
 class ProductValue
 {
 public:
-    explicit ProductValue(PCWSTR name) : path_(CountedView(ProductKeyPath)), name_(CountedView(name))
-    {
-    }
+    explicit ProductValue(PCWSTR name) : path_(CountedView(ProductKeyPath)), name_(CountedView(name)) {}
 
     // Prints what fails and returns its status; a value that is there but cannot be read gives `unreadable` instead,
     // unless that is a success.
@@ -53,14 +51,8 @@ public:
         return status;
     }
 
-    const UNICODE_STRING& Path() const
-    {
-        return path_;
-    }
-    const UNICODE_STRING& Name() const
-    {
-        return name_;
-    }
+    const UNICODE_STRING& Path() const { return path_; }
+    const UNICODE_STRING& Name() const { return name_; }
 
     RegistryValue Value;
 

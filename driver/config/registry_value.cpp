@@ -10,8 +10,8 @@ constexpr ULONG MostTextCharacters = 0xfffe / sizeof(WCHAR);
 NTSTATUS OpenRegistryKey(PCUNICODE_STRING path, ACCESS_MASK access, KernelHandle* key)
 {
     OBJECT_ATTRIBUTES attributes;
-    InitializeObjectAttributes(&attributes, const_cast<PUNICODE_STRING>(path),
-        OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, nullptr, nullptr);
+    InitializeObjectAttributes(
+        &attributes, const_cast<PUNICODE_STRING>(path), OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, nullptr, nullptr);
     return ZwOpenKey(key->Address(), access, &attributes);
 }
 
@@ -25,8 +25,7 @@ NTSTATUS ProbeRegistryValue(HANDLE key, PCUNICODE_STRING name, PULONG size)
     // 20 bytes in all: the record up to its data, and room for 8 bytes of that.
     constexpr ULONG probeBytes = FIELD_OFFSET(KEY_VALUE_PARTIAL_INFORMATION, Data) + ProbeDataRoom;
     alignas(KEY_VALUE_PARTIAL_INFORMATION) UCHAR probe[probeBytes];
-    return ZwQueryValueKey(
-        key, const_cast<PUNICODE_STRING>(name), KeyValuePartialInformation, probe, probeBytes, size);
+    return ZwQueryValueKey(key, const_cast<PUNICODE_STRING>(name), KeyValuePartialInformation, probe, probeBytes, size);
 }
 
 RegistryValue AllocateRegistryValue(ULONG size)

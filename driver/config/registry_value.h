@@ -5,8 +5,7 @@
 #include "driver/util/pool.h"
 
 // The product's own key, which its installer writes.
-inline constexpr WCHAR ProductKeyPath[] =
-    L"\\Registry\\Machine\\SOFTWARE\\WOW6432Node\\Orvane Works\\Hollowbay";
+inline constexpr WCHAR ProductKeyPath[] = L"\\Registry\\Machine\\SOFTWARE\\WOW6432Node\\Orvane Works\\Hollowbay";
 
 // Opens a key with that access as a kernel handle.
 NTSTATUS OpenRegistryKey(PCUNICODE_STRING path, ACCESS_MASK access, KernelHandle* key);

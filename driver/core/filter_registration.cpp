@@ -14,10 +14,8 @@ constinit const FLT_CONTEXT_REGISTRATION Contexts[] = {
         nullptr},
     {FLT_CONTEXT_END, 0, nullptr, 0, 0, nullptr, nullptr, nullptr}};
 
-constinit const FLT_OPERATION_REGISTRATION Operations[] = {
-    {IRP_MJ_CREATE, 0, PreCreate, PostCreate, nullptr},
-    {IRP_MJ_WRITE, 0, PreWrite, PostWrite, nullptr},
-    {IRP_MJ_READ, 0, PreRead, PostRead, nullptr},
+constinit const FLT_OPERATION_REGISTRATION Operations[] = {{IRP_MJ_CREATE, 0, PreCreate, PostCreate, nullptr},
+    {IRP_MJ_WRITE, 0, PreWrite, PostWrite, nullptr}, {IRP_MJ_READ, 0, PreRead, PostRead, nullptr},
     {IRP_MJ_SET_INFORMATION, 0, PreSetInformation, PostSetInformation, nullptr},
     {IRP_MJ_OPERATION_END, 0, nullptr, nullptr, nullptr}};
 }

@@ -13,10 +13,7 @@ public:
 
     // Null for a request without input or with less than the offset; else terminated. Good as long as the request and
     // this object are.
-    PCWSTR Text() const
-    {
-        return text_;
-    }
+    PCWSTR Text() const { return text_; }
 
 private:
     bool IsTerminated(ULONG characters) const;

@@ -13,8 +13,8 @@ NTSTATUS StartLoggingRequest(Request& request)
     }
     TARNVEIL_START_LOGGING input;
     RtlCopyMemory(&input, request.SystemBuffer, sizeof(input));
-    DbgPrint("Tarnveil - IOCTL_START_LOGGING: Handle = %p Flags = 0x%08X\n",
-        reinterpret_cast<PVOID>(input.EventHandle), input.Flags);
+    DbgPrint("Tarnveil - IOCTL_START_LOGGING: Handle = %p Flags = 0x%08X\n", reinterpret_cast<PVOID>(input.EventHandle),
+        input.Flags);
     return StartLogging(&input);
 }
 

@@ -29,8 +29,8 @@ NTSTATUS IsUnderSandbox(Request& request)
     }
     HANDLE processId = ProcessIdHandle(number);
     ULONG settingId = 0;
-    bool under = FindMonitoredParent(processId, &settingId) ||
-                 FindMonitoredProcess(processId, MonitoredKindAny, &settingId);
+    bool under =
+        FindMonitoredParent(processId, &settingId) || FindMonitoredProcess(processId, MonitoredKindAny, &settingId);
     TracePrint(under ? "Tarnveil - IOCTL_IS_UNDER_SANDBOX :PID[%d]:TRUE\n"
                      : "Tarnveil - IOCTL_IS_UNDER_SANDBOX :PID[%d]:FALSE\n",
         number);
@@ -40,8 +40,8 @@ NTSTATUS IsUnderSandbox(Request& request)
 NTSTATUS IsExistUnderSandbox(Request& request)
 {
     bool empty = IsMonitoredProcessListEmpty();
-    TracePrint(empty ? "Tarnveil - IOCTL_IS_EXIST_UNDER_SANDBOX :FALSE\n"
-                     : "Tarnveil - IOCTL_IS_EXIST_UNDER_SANDBOX :TRUE\n");
+    TracePrint(
+        empty ? "Tarnveil - IOCTL_IS_EXIST_UNDER_SANDBOX :FALSE\n" : "Tarnveil - IOCTL_IS_EXIST_UNDER_SANDBOX :TRUE\n");
     return AnswerWord(request, empty ? 0 : 1);
 }
 

@@ -83,8 +83,7 @@ NTSTATUS AddFileProtection(Request& request)
     }
     return AddAndAnswer(
         request, sizeof(process), [process](PCWSTR path, PULONG id)
-        { return AddFileProtectionSetting(ProcessIdHandle(process), path, id); },
-        [process](PCWSTR path, ULONG id)
+        { return AddFileProtectionSetting(ProcessIdHandle(process), path, id); }, [process](PCWSTR path, ULONG id)
         { DbgPrint("Tarnveil - IOCTL_ADD_FILE_PROTECTION: pid =  %d path = '%ws', id(%d)\n", process, path, id); });
 }
 

@@ -4,8 +4,7 @@ namespace
 {
 typedef NTSTATUS(NTAPI* ProcessQueryRoutine)(
     HANDLE process, PROCESSINFOCLASS kind, PVOID buffer, ULONG length, PULONG required);
-typedef NTSTATUS(NTAPI* SystemQueryRoutine)(
-    SYSTEM_INFORMATION_CLASS kind, PVOID buffer, ULONG length, PULONG required);
+typedef NTSTATUS(NTAPI* SystemQueryRoutine)(SYSTEM_INFORMATION_CLASS kind, PVOID buffer, ULONG length, PULONG required);
 
 // Set once found; a second look-up stores the same pointer. Not part of the global state: they outlive its clearing.
 ProcessQueryRoutine ProcessQuery;
@@ -20,13 +19,11 @@ struct ProbeTexts
     PCSTR NoMemory;
 };
 
-constexpr ProbeTexts ProcessTexts = {
-    "[DlExtFunc] QueryInformationProcess : ProcessInformationLength is zero.\n",
+constexpr ProbeTexts ProcessTexts = {"[DlExtFunc] QueryInformationProcess : ProcessInformationLength is zero.\n",
     "[DlExtFunc] QueryInformationProcess failed : non-mismatch %08X\n",
     "[DlExtFunc] QueryInformationProcess : the size of buffer required is zero.\n",
     "[DlExtFunc] QueryInformationProcess : resource allocation error\n"};
-constexpr ProbeTexts SystemTexts = {
-    "[DlExtFunc] QuerySystemInformation : SystemInformationLength is zero.\n",
+constexpr ProbeTexts SystemTexts = {"[DlExtFunc] QuerySystemInformation : SystemInformationLength is zero.\n",
     "[DlExtFunc] QuerySystemInformation failed : non-mismatch %08X\n",
     "[DlExtFunc] QuerySystemInformation : the size of buffer required is zero.\n",
     "[DlExtFunc] QuerySystemInformation : resource allocation error\n"};

@@ -42,9 +42,9 @@ SandboxView CompareWithSandbox(PCUNICODE_STRING path)
             const UNICODE_STRING& folder = Global.SandboxPath;
             const UNICODE_STRING& prefix = Global.PrefixSandboxPath;
             // The two comparisons fold letters beyond ASCII differently; either makes it the folder.
-            view.Inside = (folder.Length != 0 &&
-                           (CompareNameNoCase(path, &folder) == 0 || IsEqualNameNoCase(path, &folder))) ||
-                          (prefix.Length != 0 && IsPrefixNameNoCase(&prefix, path));
+            view.Inside =
+                (folder.Length != 0 && (CompareNameNoCase(path, &folder) == 0 || IsEqualNameNoCase(path, &folder))) ||
+                (prefix.Length != 0 && IsPrefixNameNoCase(&prefix, path));
             view.KeyIsSet = LoadUnlocked(Global.KeyLength) != 0;
         });
     return view;

@@ -11,8 +11,7 @@ bool IsEndOfFileChange(PFLT_CALLBACK_DATA data)
 }
 }
 
-FLT_PREOP_CALLBACK_STATUS NTAPI PreSetInformation(
-    PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS objects, PVOID*)
+FLT_PREOP_CALLBACK_STATUS NTAPI PreSetInformation(PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS objects, PVOID*)
 {
     StreamContextReference stream;
     bool follow = KeGetCurrentIrql() <= APC_LEVEL && stream.Find(objects) && IsEndOfFileChange(data);

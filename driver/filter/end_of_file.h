@@ -7,5 +7,5 @@
 FLT_PREOP_CALLBACK_STATUS NTAPI PreSetInformation(
     PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS objects, PVOID* completionContext);
 // A successful change becomes the tracked size; a truncation lowers it.
-FLT_POSTOP_CALLBACK_STATUS NTAPI PostSetInformation(PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS objects,
-    PVOID completionContext, FLT_POST_OPERATION_FLAGS flags);
+FLT_POSTOP_CALLBACK_STATUS NTAPI PostSetInformation(
+    PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS objects, PVOID completionContext, FLT_POST_OPERATION_FLAGS flags);

@@ -15,8 +15,8 @@ bool MayBeEnciphered(PFLT_CALLBACK_DATA data)
 }
 
 // False when the read has to go on with the caller's own buffer.
-bool SwapReadBuffer(PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS objects, StreamContextReference& stream,
-    PVOID* completionContext)
+bool SwapReadBuffer(
+    PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS objects, StreamContextReference& stream, PVOID* completionContext)
 {
     auto& read = data->Iopb->Parameters.Read;
     PUCHAR callerData = CallerDataAddress(read.MdlAddress, read.ReadBuffer);

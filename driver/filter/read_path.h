@@ -7,5 +7,5 @@
 FLT_PREOP_CALLBACK_STATUS NTAPI PreRead(
     PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS objects, PVOID* completionContext);
 // Deciphers into the caller's memory at whatever IRQL the completion runs.
-FLT_POSTOP_CALLBACK_STATUS NTAPI PostRead(PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS objects,
-    PVOID completionContext, FLT_POST_OPERATION_FLAGS flags);
+FLT_POSTOP_CALLBACK_STATUS NTAPI PostRead(
+    PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS objects, PVOID completionContext, FLT_POST_OPERATION_FLAGS flags);

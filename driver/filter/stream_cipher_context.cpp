@@ -29,16 +29,16 @@ void FillContext(StreamCipherContext* context)
 void AttachContext(PCFLT_RELATED_OBJECTS objects)
 {
     PFLT_CONTEXT context = nullptr;
-    NTSTATUS status = FltAllocateContext(
-        objects->Filter, FLT_STREAM_CONTEXT, sizeof(StreamCipherContext), DefaultPoolType, &context);
+    NTSTATUS status =
+        FltAllocateContext(objects->Filter, FLT_STREAM_CONTEXT, sizeof(StreamCipherContext), DefaultPoolType, &context);
     if (!NT_SUCCESS(status))
     {
         return;
     }
     FillContext(static_cast<StreamCipherContext*>(context));
     PFLT_CONTEXT old = nullptr;
-    status = FltSetStreamContext(
-        objects->Instance, objects->FileObject, FLT_SET_CONTEXT_REPLACE_IF_EXISTS, context, &old);
+    status =
+        FltSetStreamContext(objects->Instance, objects->FileObject, FLT_SET_CONTEXT_REPLACE_IF_EXISTS, context, &old);
     if (NT_SUCCESS(status) && old != nullptr)
     {
         FltReleaseContext(old);
@@ -77,6 +77,4 @@ FLT_POSTOP_CALLBACK_STATUS NTAPI PostCreate(
     return FLT_POSTOP_FINISHED_PROCESSING;
 }
 
-void NTAPI CleanupStreamContext(PFLT_CONTEXT, FLT_CONTEXT_TYPE)
-{
-}
+void NTAPI CleanupStreamContext(PFLT_CONTEXT, FLT_CONTEXT_TYPE) {}

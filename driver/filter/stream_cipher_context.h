@@ -32,14 +32,8 @@ public:
 
     // False when the stream has none. IRQL up to APC_LEVEL.
     bool Find(PCFLT_RELATED_OBJECTS objects);
-    StreamCipherContext* Get() const
-    {
-        return context_;
-    }
-    StreamCipherContext* operator->() const
-    {
-        return context_;
-    }
+    StreamCipherContext* Get() const { return context_; }
+    StreamCipherContext* operator->() const { return context_; }
     StreamCipherContext* Detach()
     {
         StreamCipherContext* context = context_;
@@ -56,8 +50,8 @@ LONGLONG FileSystemSize(PFILE_OBJECT fileObject);
 
 // Attaches a fresh context after a permitted open; replaces the one that is there. Runs only when the pre-create
 // decision asked for it. All failures are silent: the stream then stays as it is. IRQL PASSIVE_LEVEL.
-FLT_POSTOP_CALLBACK_STATUS NTAPI PostCreate(PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS objects,
-    PVOID completionContext, FLT_POST_OPERATION_FLAGS flags);
+FLT_POSTOP_CALLBACK_STATUS NTAPI PostCreate(
+    PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS objects, PVOID completionContext, FLT_POST_OPERATION_FLAGS flags);
 
 // The context holds no pointers, so there is nothing to free.
 void NTAPI CleanupStreamContext(PFLT_CONTEXT context, FLT_CONTEXT_TYPE type);

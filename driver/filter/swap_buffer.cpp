@@ -13,8 +13,7 @@ PUCHAR CallerDataAddress(PMDL mdl, PVOID buffer)
         return static_cast<PUCHAR>(mdl->MappedSystemVa);
     }
     ULONG priority = NormalPagePriority | MdlMappingNoExecute | DefaultMdlProtection;
-    return static_cast<PUCHAR>(
-        MmMapLockedPagesSpecifyCache(mdl, KernelMode, MmCached, nullptr, FALSE, priority));
+    return static_cast<PUCHAR>(MmMapLockedPagesSpecifyCache(mdl, KernelMode, MmCached, nullptr, FALSE, priority));
 }
 
 SwapBuffer::~SwapBuffer()

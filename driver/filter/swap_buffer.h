@@ -33,19 +33,14 @@ PUCHAR CallerDataAddress(PMDL mdl, PVOID buffer);
 class SwapBuffer
 {
 public:
-    explicit SwapBuffer(PFLT_INSTANCE instance) : instance_(instance)
-    {
-    }
+    explicit SwapBuffer(PFLT_INSTANCE instance) : instance_(instance) {}
     SwapBuffer(const SwapBuffer&) = delete;
     SwapBuffer& operator=(const SwapBuffer&) = delete;
     ~SwapBuffer();
 
     // A buffer of that many bytes and an MDL over its first mdlBytes. IRQL up to APC_LEVEL.
     bool Allocate(ULONG bytes, ULONG mdlBytes);
-    PUCHAR Data() const
-    {
-        return static_cast<PUCHAR>(buffer_);
-    }
+    PUCHAR Data() const { return static_cast<PUCHAR>(buffer_); }
     void MoveTo(WriteSwapContext* swap);
 
 private:

@@ -73,8 +73,8 @@ WriteSpan SpanOfWrite(LONGLONG offset, ULONG length, LONGLONG size)
 }
 
 // A user-mode caller's buffer without an MDL may vanish at any moment.
-bool EncipherGuarded(PFLT_CALLBACK_DATA data, const AES_KEY& schedule, const CallerSpan& caller, ULONG bytes,
-    PUCHAR output)
+bool EncipherGuarded(
+    PFLT_CALLBACK_DATA data, const AES_KEY& schedule, const CallerSpan& caller, ULONG bytes, PUCHAR output)
 {
     UCHAR mask = LoadUnlocked(Global.XorByte);
     if (data->RequestorMode == KernelMode || data->Iopb->Parameters.Write.MdlAddress != nullptr)
@@ -86,8 +86,8 @@ bool EncipherGuarded(PFLT_CALLBACK_DATA data, const AES_KEY& schedule, const Cal
 }
 
 // False when the write has to go on with the caller's own buffer.
-bool SwapWriteBuffer(PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS objects, StreamCipherContext* stream,
-    PVOID* completionContext)
+bool SwapWriteBuffer(
+    PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS objects, StreamCipherContext* stream, PVOID* completionContext)
 {
     auto& write = data->Iopb->Parameters.Write;
     PUCHAR callerData = CallerDataAddress(write.MdlAddress, write.WriteBuffer);

@@ -7,5 +7,5 @@
 // Any failure lets the write go on unchanged, so a write without memory stores its span in the clear.
 FLT_PREOP_CALLBACK_STATUS NTAPI PreWrite(
     PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS objects, PVOID* completionContext);
-FLT_POSTOP_CALLBACK_STATUS NTAPI PostWrite(PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS objects,
-    PVOID completionContext, FLT_POST_OPERATION_FLAGS flags);
+FLT_POSTOP_CALLBACK_STATUS NTAPI PostWrite(
+    PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS objects, PVOID completionContext, FLT_POST_OPERATION_FLAGS flags);

@@ -147,8 +147,8 @@ NTSTATUS GetDebugLogFlags(PULONG flags)
     return STATUS_SUCCESS;
 }
 
-NTSTATUS __cdecl WriteDebugMailslot(ULONG level, ULONG flags, HANDLE mailslot, ULONG processId, ULONG threadId,
-    PCWSTR processName, PCWSTR format, ...)
+NTSTATUS __cdecl WriteDebugMailslot(
+    ULONG level, ULONG flags, HANDLE mailslot, ULONG processId, ULONG threadId, PCWSTR processName, PCWSTR format, ...)
 {
     if (KeGetCurrentIrql() > PASSIVE_LEVEL || (level & flags) == 0)
     {

@@ -16,5 +16,5 @@ NTSTATUS GetDebugLogFlags(PULONG flags);
 // its message with a line end. `processName` is terminated; null prints as such.
 // STATUS_INSUFFICIENT_RESOURCES without memory, STATUS_BUFFER_OVERFLOW when not even the header fits, else the
 // failure to write, which is printed.
-NTSTATUS __cdecl WriteDebugMailslot(ULONG level, ULONG flags, HANDLE mailslot, ULONG processId, ULONG threadId,
-    PCWSTR processName, PCWSTR format, ...);
+NTSTATUS __cdecl WriteDebugMailslot(
+    ULONG level, ULONG flags, HANDLE mailslot, ULONG processId, ULONG threadId, PCWSTR processName, PCWSTR format, ...);

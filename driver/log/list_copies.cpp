@@ -59,8 +59,8 @@ NTSTATUS DuplicateProcessNameList(LockedList<ProcessNameEntry>* list, ListCopy<N
         return STATUS_INVALID_PARAMETER;
     }
     NTSTATUS status = STATUS_SUCCESS;
-    WithLockBelowDispatch(list->Lock, [&, list]() REQUIRES_LOCK(list->Lock)
-        { status = CopyEntries(list->Entries, copy, FillName); });
+    WithLockBelowDispatch(
+        list->Lock, [&, list]() REQUIRES_LOCK(list->Lock) { status = CopyEntries(list->Entries, copy, FillName); });
     return status;
 }
 
@@ -71,8 +71,8 @@ NTSTATUS DuplicateMonProcList(LockedList<MonitoredProcessEntry>* list, ListCopy<
         return STATUS_INVALID_PARAMETER;
     }
     NTSTATUS status = STATUS_SUCCESS;
-    WithLockBelowDispatch(list->Lock, [&, list]() REQUIRES_LOCK(list->Lock)
-        { status = CopyEntries(list->Entries, copy, FillProcess); });
+    WithLockBelowDispatch(
+        list->Lock, [&, list]() REQUIRES_LOCK(list->Lock) { status = CopyEntries(list->Entries, copy, FillProcess); });
     return status;
 }
 

@@ -15,10 +15,7 @@ public:
     ListCopy() = default;
     ListCopy(const ListCopy&) = delete;
     ListCopy& operator=(const ListCopy&) = delete;
-    ~ListCopy()
-    {
-        Free();
-    }
+    ~ListCopy() { Free(); }
 
     // Zeroed slots; with none of them there is no block. False without memory.
     bool Allocate(ULONG count)
@@ -43,14 +40,8 @@ public:
         count_ = 0;
     }
 
-    ULONG Count() const
-    {
-        return count_;
-    }
-    Slot& operator[](ULONG index) const
-    {
-        return slots_[index];
-    }
+    ULONG Count() const { return count_; }
+    Slot& operator[](ULONG index) const { return slots_[index]; }
 
 private:
     PoolPointer<Slot> slots_;
@@ -62,10 +53,7 @@ struct NameSlot
     // Without a buffer for an entry without a name.
     UNICODE_STRING Name;
     ULONG SettingId;
-    void Free()
-    {
-        FreePool(Name.Buffer);
-    }
+    void Free() { FreePool(Name.Buffer); }
 };
 
 struct ProcessSlot
@@ -73,17 +61,13 @@ struct ProcessSlot
     HANDLE ProcessId;
     ULONG SettingId;
     ULONG Kind;
-    void Free()
-    {
-    }
+    void Free() {}
 };
 
 struct AllowedProcessSlot
 {
     HANDLE ProcessId;
-    void Free()
-    {
-    }
+    void Free() {}
 };
 
 // All: STATUS_INVALID_PARAMETER for a null argument, STATUS_INSUFFICIENT_RESOURCES without memory; the copy is then

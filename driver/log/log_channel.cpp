@@ -38,8 +38,8 @@ constexpr size_t MessageTextCharacters = TARNVEIL_LOG_MESSAGE_CHARACTERS - 1;
 NTSTATUS RegisterEvent(const TARNVEIL_START_LOGGING* input)
 {
     PVOID event = nullptr;
-    NTSTATUS status = ObReferenceObjectByHandle(reinterpret_cast<HANDLE>(input->EventHandle), READ_CONTROL,
-        *ExEventObjectType, UserMode, &event, nullptr);
+    NTSTATUS status = ObReferenceObjectByHandle(
+        reinterpret_cast<HANDLE>(input->EventHandle), READ_CONTROL, *ExEventObjectType, UserMode, &event, nullptr);
     if (!NT_SUCCESS(status))
     {
         DbgPrint("[Logging] StartLogging : ObReferenceObjectByHandle failed: %08X\n", status);
@@ -62,8 +62,7 @@ NTSTATUS RegisterEvent(const TARNVEIL_START_LOGGING* input)
 bool IsRegisteredAlready(const TARNVEIL_START_LOGGING* input)
 {
     bool same = false;
-    WithLock(Channel.Records.Lock,
-        [&]() REQUIRES_LOCK(Channel.Records.Lock)
+    WithLock(Channel.Records.Lock, [&]() REQUIRES_LOCK(Channel.Records.Lock)
         { same = Channel.EventHandle == input->EventHandle && Channel.Flags == input->Flags; });
     return same;
 }
@@ -210,8 +209,7 @@ BOOLEAN IsLogLevelEnabled(ULONG level)
     if (Channel.Initialized)
     {
         WithLockBelowDispatch(Channel.Records.Lock,
-            [&enabled, level]() REQUIRES_LOCK(Channel.Records.Lock)
-            { enabled = IsEnabled(level); });
+            [&enabled, level]() REQUIRES_LOCK(Channel.Records.Lock) { enabled = IsEnabled(level); });
     }
     return enabled;
 }

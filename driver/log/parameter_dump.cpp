@@ -20,9 +20,7 @@ constexpr ULONG LevelItem = 0x01;
 class Dump
 {
 public:
-    explicit Dump(ULONG flags) : flags_(flags)
-    {
-    }
+    explicit Dump(ULONG flags) : flags_(flags) {}
 
     NTSTATUS Open();
     NTSTATUS WriteAll();

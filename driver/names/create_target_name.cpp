@@ -49,8 +49,8 @@ NTSTATUS QueryNormalizedName(PFLT_CALLBACK_DATA data, PFLT_FILE_NAME_INFORMATION
     return query.Status;
 }
 
-NTSTATUS PathFromNameInfo(PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS objects,
-    PFLT_FILE_NAME_INFORMATION information, CountedString* path)
+NTSTATUS PathFromNameInfo(
+    PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS objects, PFLT_FILE_NAME_INFORMATION information, CountedString* path)
 {
     NTSTATUS status = FltParseFileNameInformation(information);
     if (!NT_SUCCESS(status))

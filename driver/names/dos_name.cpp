@@ -53,8 +53,7 @@ NTSTATUS GetNtNameFromDosName(PCUNICODE_STRING dosPath, CountedString* ntPath)
     linkBuffer[4] = dosPath->Buffer[0];
     UNICODE_STRING linkName = CountedView(linkBuffer);
     OBJECT_ATTRIBUTES attributes;
-    InitializeObjectAttributes(
-        &attributes, &linkName, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, nullptr, nullptr);
+    InitializeObjectAttributes(&attributes, &linkName, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, nullptr, nullptr);
 
     KernelHandle link;
     NTSTATUS status = ZwOpenSymbolicLinkObject(link.Address(), GENERIC_READ, &attributes);

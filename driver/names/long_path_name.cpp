@@ -49,8 +49,7 @@ NTSTATUS OpenDirectory(Expansion& expansion, const UNICODE_STRING& directory, PH
         FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT);
     if (!NT_SUCCESS(status))
     {
-        status = ZwOpenFile(
-            handle, FILE_LIST_DIRECTORY, &attributes, &ioStatus, share, FILE_SYNCHRONOUS_IO_NONALERT);
+        status = ZwOpenFile(handle, FILE_LIST_DIRECTORY, &attributes, &ioStatus, share, FILE_SYNCHRONOUS_IO_NONALERT);
     }
     return status;
 }
@@ -130,8 +129,8 @@ bool ExpandComponents(Expansion& expansion, const UNICODE_STRING& path)
 
 NTSTATUS Expand(PCUNICODE_STRING path, PCWSTR openPrefix, CountedString* longPath)
 {
-    Expansion expansion = {openPrefix, {}, PoolPointer<FILE_BOTH_DIR_INFORMATION>::Allocate(DirectoryBufferBytes),
-        longPath};
+    Expansion expansion = {
+        openPrefix, {}, PoolPointer<FILE_BOTH_DIR_INFORMATION>::Allocate(DirectoryBufferBytes), longPath};
     bool complete = expansion.Entry && expansion.OpenPath.Allocate(PathBufferBytes) &&
                     longPath->Allocate(PathBufferBytes) && ExpandComponents(expansion, *path);
     if (!complete)

@@ -76,8 +76,8 @@ NTSTATUS InsertLocked(CacheTable* table, ULONG hash, PCUNICODE_STRING key, PCUNI
         static_cast<CacheRecord*>(RtlInsertElementGenericTable(&table->Table, &record, sizeof(record), &isNew));
     if (inserted == nullptr)
     {
-        return Report("RtlInsertElementGenericTable fail NTSTATUS = 0x%08x path = %wZ\n",
-            STATUS_INSUFFICIENT_RESOURCES, key);
+        return Report(
+            "RtlInsertElementGenericTable fail NTSTATUS = 0x%08x path = %wZ\n", STATUS_INSUFFICIENT_RESOURCES, key);
     }
     if (!isNew || element == nullptr || element->Length == 0)
     {
@@ -136,8 +136,8 @@ NTSTATUS CTGetElementCount(CacheTable* table, PULONG count)
         DbgPrint("CTGetElementCount fail NTSTATUS = 0x%08x\n", STATUS_INVALID_PARAMETER);
         return STATUS_INVALID_PARAMETER;
     }
-    WithLockBelowDispatch(table->Lock,
-        [=]() REQUIRES_LOCK(table->Lock) { *count = RtlNumberGenericTableElements(&table->Table); });
+    WithLockBelowDispatch(
+        table->Lock, [=]() REQUIRES_LOCK(table->Lock) { *count = RtlNumberGenericTableElements(&table->Table); });
     return STATUS_SUCCESS;
 }
 

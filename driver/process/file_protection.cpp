@@ -99,8 +99,8 @@ void ReportRequest(const RemovedProcess& removed)
 {
     ULONG id = removed.Entry->SettingId;
     ULONG processId = ProcessIdNumber(removed.Entry->ProcessId);
-    TracePrint("Tarnveil - %ws %ws %ws id = %d pid = %d path = %wZ\n", SourceDeviceControl,
-        OperationDeleteProtection, OutcomeDeletedSetting, id, processId, removed.Path);
+    TracePrint("Tarnveil - %ws %ws %ws id = %d pid = %d path = %wZ\n", SourceDeviceControl, OperationDeleteProtection,
+        OutcomeDeletedSetting, id, processId, removed.Path);
     WriteLogRecord(LevelTrace, PsGetCurrentProcessId(), nullptr, L"%s %s %s id = %d pid = %d path = %wZ",
         SourceDeviceControl, OperationDeleteProtection, OutcomeDeletedSetting, id, processId, removed.Path);
 }
@@ -169,8 +169,8 @@ void DeleteFileProtectionSettings(HANDLE processId, ULONG id, bool byProcess)
         }
         return;
     }
-    while (TakeAllowedProcess(
-        [processId](AllowedProcessEntry* entry) { return entry->ProcessId == processId; }, &removed))
+    while (
+        TakeAllowedProcess([processId](AllowedProcessEntry* entry) { return entry->ProcessId == processId; }, &removed))
     {
         ReportExit(removed);
     }
@@ -247,8 +247,8 @@ NTSTATUS AddNewFileProtection(PCUNICODE_STRING path)
     }
     protection->Path = copy.Detach();
     protection->AllowedProcesses.Initialize();
-    WithLock(Protections.Lock,
-        [&]() REQUIRES_LOCK(Protections.Lock) { Protections.Entries.Append(protection.Detach()); });
+    WithLock(
+        Protections.Lock, [&]() REQUIRES_LOCK(Protections.Lock) { Protections.Entries.Append(protection.Detach()); });
     return STATUS_SUCCESS;
 }
 

@@ -61,8 +61,8 @@ PCWSTR DeletedProcess(const MonitoredProcessEntry* entry)
 
 void RecordExit(const MonitoredProcessEntry* entry, PCWSTR outcome)
 {
-    WriteLogRecord(LevelTrace, PsGetCurrentProcessId(), nullptr, L"%s %s id = %d pid = %d", SourceProcessExits,
-        outcome, entry->SettingId, ProcessIdNumber(entry->ProcessId));
+    WriteLogRecord(LevelTrace, PsGetCurrentProcessId(), nullptr, L"%s %s id = %d pid = %d", SourceProcessExits, outcome,
+        entry->SettingId, ProcessIdNumber(entry->ProcessId));
 }
 
 void RecordRequest(const MonitoredProcessEntry* entry, PCWSTR operation, PCWSTR outcome)
@@ -74,8 +74,8 @@ void RecordRequest(const MonitoredProcessEntry* entry, PCWSTR operation, PCWSTR 
 template <class Matches, class Record>
 void Remove(MonitoredList& list, Matches&& matches, Record&& record)
 {
-    RemoveEntries(list, matches, [](MonitoredProcessEntry*) {}, record,
-        [](MonitoredProcessEntry* entry) { FreePool(entry); });
+    RemoveEntries(
+        list, matches, [](MonitoredProcessEntry*) {}, record, [](MonitoredProcessEntry* entry) { FreePool(entry); });
 }
 
 typedef PCWSTR (*OutcomeOf)(const MonitoredProcessEntry* entry);

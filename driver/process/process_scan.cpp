@@ -58,13 +58,11 @@ struct ScanTarget
     ULONG SettingId;
 };
 
-void RecordRegistered(
-    PCWSTR operation, PCWSTR outcome, ULONG settingId, const SYSTEM_PROCESS_INFORMATION* record)
+void RecordRegistered(PCWSTR operation, PCWSTR outcome, ULONG settingId, const SYSTEM_PROCESS_INFORMATION* record)
 {
-    WriteLogRecord(LevelTrace, PsGetCurrentProcessId(), nullptr,
-        L"%s %s %s id = %d ppid = %d pid = %d name = %wZ", SourceDeviceControl, operation, outcome, settingId,
-        ProcessIdNumber(record->InheritedFromUniqueProcessId), ProcessIdNumber(record->UniqueProcessId),
-        &record->ImageName);
+    WriteLogRecord(LevelTrace, PsGetCurrentProcessId(), nullptr, L"%s %s %s id = %d ppid = %d pid = %d name = %wZ",
+        SourceDeviceControl, operation, outcome, settingId, ProcessIdNumber(record->InheritedFromUniqueProcessId),
+        ProcessIdNumber(record->UniqueProcessId), &record->ImageName);
 }
 
 void ScanProcess(const ImageScan& scan, const ScanTarget& target, const SYSTEM_PROCESS_INFORMATION* record)
@@ -100,8 +98,8 @@ void ScanProcess(const ImageScan& scan, const ScanTarget& target, const SYSTEM_P
     RecordRegistered(scan.Operation, scan.Outcome, target.SettingId, record);
 }
 
-NTSTATUS ScanByImage(const ImageScan& scan, const SYSTEM_PROCESS_INFORMATION* snapshot, PCUNICODE_STRING path,
-    ULONG settingId)
+NTSTATUS ScanByImage(
+    const ImageScan& scan, const SYSTEM_PROCESS_INFORMATION* snapshot, PCUNICODE_STRING path, ULONG settingId)
 {
     if (snapshot == nullptr || path == nullptr)
     {

@@ -17,10 +17,7 @@ public:
     }
 
     // Null before a snapshot was taken.
-    const SYSTEM_PROCESS_INFORMATION* First() const
-    {
-        return records_.Get();
-    }
+    const SYSTEM_PROCESS_INFORMATION* First() const { return records_.Get(); }
 
     template <class Matches>
     const SYSTEM_PROCESS_INFORMATION* Find(Matches&& matches) const

@@ -81,7 +81,6 @@ ULONG IssueId()
 NTSTATUS ReleaseId(ULONG id)
 {
     NTSTATUS status = STATUS_SUCCESS;
-    WithLock(Manager.Released.Lock,
-        [&]() REQUIRES_LOCK(Manager.Released.Lock) { status = KeepReleasedId(id); });
+    WithLock(Manager.Released.Lock, [&]() REQUIRES_LOCK(Manager.Released.Lock) { status = KeepReleasedId(id); });
     return status;
 }

@@ -137,8 +137,7 @@ void LinkNewEntry(const ProcessNameSettingList& list, ProcessNameEntry* entry, P
 {
     *id = IssueId();
     entry->SettingId = *id;
-    WithLock(list.Settings.Lock,
-        [&]() REQUIRES_LOCK(list.Settings.Lock) { list.Settings.Entries.Append(entry); });
+    WithLock(list.Settings.Lock, [&]() REQUIRES_LOCK(list.Settings.Lock) { list.Settings.Entries.Append(entry); });
     WriteLogRecord(LevelTrace, PsGetCurrentProcessId(), nullptr, SettingRecord, SourceDeviceControl, list.Label,
         OutcomeAddedSetting, *id, path);
 }

@@ -9,10 +9,7 @@ public:
     CountedString() = default;
     CountedString(const CountedString&) = delete;
     CountedString& operator=(const CountedString&) = delete;
-    ~CountedString()
-    {
-        Free();
-    }
+    ~CountedString() { Free(); }
 
     // Replaces the content by an empty string over a zero-filled buffer. False, and the string is without a
     // buffer, when there is no memory or no counted string can have that capacity.
@@ -27,15 +24,9 @@ public:
     // Hands the buffer to the caller.
     UNICODE_STRING Detach();
 
-    const UNICODE_STRING& Get() const
-    {
-        return string_;
-    }
+    const UNICODE_STRING& Get() const { return string_; }
     // For platform routines that write the content.
-    PUNICODE_STRING Address()
-    {
-        return &string_;
-    }
+    PUNICODE_STRING Address() { return &string_; }
 
 private:
     UNICODE_STRING string_ = {};

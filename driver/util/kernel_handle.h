@@ -17,15 +17,9 @@ public:
         }
     }
 
-    HANDLE Get() const
-    {
-        return handle_;
-    }
+    HANDLE Get() const { return handle_; }
     // For the routine that opens it; the owner must be empty.
-    PHANDLE Address()
-    {
-        return &handle_;
-    }
+    PHANDLE Address() { return &handle_; }
 
 private:
     HANDLE handle_ = nullptr;
@@ -46,14 +40,8 @@ public:
         }
     }
 
-    PEPROCESS Get() const
-    {
-        return process_;
-    }
-    PEPROCESS* Address()
-    {
-        return &process_;
-    }
+    PEPROCESS Get() const { return process_; }
+    PEPROCESS* Address() { return &process_; }
 
 private:
     PEPROCESS process_ = nullptr;

@@ -16,10 +16,7 @@ public:
         head_.Blink = &head_;
     }
 
-    bool IsEmpty() const
-    {
-        return head_.Flink == &head_;
-    }
+    bool IsEmpty() const { return head_.Flink == &head_; }
 
     void Append(Entry* entry)
     {
@@ -47,10 +44,7 @@ public:
     }
 
     // The oldest entry, or null.
-    Entry* First() const
-    {
-        return IsEmpty() ? nullptr : FromLinks(head_.Flink);
-    }
+    Entry* First() const { return IsEmpty() ? nullptr : FromLinks(head_.Flink); }
 
     // Calls visit(entry) from the oldest to the newest; the visited entry may be unlinked and freed.
     template <class Visit>
@@ -87,10 +81,7 @@ public:
     }
 
 private:
-    static Entry* FromLinks(LIST_ENTRY* links)
-    {
-        return CONTAINING_RECORD(links, Entry, Links);
-    }
+    static Entry* FromLinks(LIST_ENTRY* links) { return CONTAINING_RECORD(links, Entry, Links); }
 
     LIST_ENTRY head_;
 };

@@ -9,8 +9,8 @@
 // then release(entry), which frees it. Log records may block, so none is written under a lock; without memory for
 // the array an entry is released at once and goes unrecorded. IRQL PASSIVE_LEVEL (records), APC_LEVEL without.
 template <class Entry, class Matches, class Unlinked, class Record, class Release>
-inline void RemoveEntries(LockedList<Entry>& list, Matches&& matches, Unlinked&& unlinked, Record&& record,
-    Release&& release)
+inline void RemoveEntries(
+    LockedList<Entry>& list, Matches&& matches, Unlinked&& unlinked, Record&& record, Release&& release)
 {
     PoolPointer<Entry*> removed;
     ULONG removedCount = 0;

@@ -13,10 +13,7 @@ class LOCK_CAPABILITY("fast mutex") FastLock
 {
 public:
     // Any IRQL up to DISPATCH_LEVEL; once, before anybody can take the lock.
-    void Initialize()
-    {
-        ExInitializeFastMutex(&Mutex);
-    }
+    void Initialize() { ExInitializeFastMutex(&Mutex); }
 
     FAST_MUTEX Mutex;
 };

@@ -27,12 +27,8 @@ class PoolPointer
 {
 public:
     PoolPointer() = default;
-    explicit PoolPointer(T* memory) : memory_(memory)
-    {
-    }
-    PoolPointer(PoolPointer&& other) : memory_(other.Detach())
-    {
-    }
+    explicit PoolPointer(T* memory) : memory_(memory) {}
+    PoolPointer(PoolPointer&& other) : memory_(other.Detach()) {}
     PoolPointer& operator=(PoolPointer&& other)
     {
         T* taken = other.Detach();
@@ -42,32 +38,14 @@ public:
     }
     PoolPointer(const PoolPointer&) = delete;
     PoolPointer& operator=(const PoolPointer&) = delete;
-    ~PoolPointer()
-    {
-        FreePool(memory_);
-    }
+    ~PoolPointer() { FreePool(memory_); }
 
-    static PoolPointer Allocate(SIZE_T bytes = sizeof(T))
-    {
-        return PoolPointer(static_cast<T*>(AllocatePool(bytes)));
-    }
+    static PoolPointer Allocate(SIZE_T bytes = sizeof(T)) { return PoolPointer(static_cast<T*>(AllocatePool(bytes))); }
 
-    T* Get() const
-    {
-        return memory_;
-    }
-    T* operator->() const
-    {
-        return memory_;
-    }
-    T& operator[](SIZE_T index) const
-    {
-        return memory_[index];
-    }
-    explicit operator bool() const
-    {
-        return memory_ != nullptr;
-    }
+    T* Get() const { return memory_; }
+    T* operator->() const { return memory_; }
+    T& operator[](SIZE_T index) const { return memory_[index]; }
+    explicit operator bool() const { return memory_ != nullptr; }
     // Hands the block to the caller.
     T* Detach()
     {

@@ -7,7 +7,7 @@
 
 #include <functional>
 
-namespace host
+namespace hosted
 {
 class CacheMap;
 
@@ -72,8 +72,8 @@ NTSTATUS MappedWrite(CacheMap* map, LONGLONG offset, const void* buffer, ULONG l
 // no cache map lock held, by every cached operation.
 void TrimCache();
 // Writes the dirty pages of every settled stream, as the system's lazy writer does from time to time. Streams whose
-// pages cannot be written keep them. Streams with fewer dirty pages than `least` are left for later. Called with no lock
-// held.
+// pages cannot be written keep them. Streams with fewer dirty pages than `least` are left for later. Called with no
+// lock held.
 void LazyWrite(ULONG least = 1);
 // Gives up every dirty page that is left: for the end of a system whose store does not take them. The bytes lost.
 SIZE_T DiscardDirtyPages();

@@ -5,7 +5,7 @@
 
 #include <algorithm>
 
-namespace host
+namespace hosted
 {
 namespace
 {

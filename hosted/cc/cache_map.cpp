@@ -6,7 +6,7 @@
 
 #include <algorithm>
 
-namespace host
+namespace hosted
 {
 CacheMapGuard::~CacheMapGuard()
 {
@@ -145,8 +145,7 @@ NTSTATUS ForViews(CacheMap& map, LONGLONG offset, LONGLONG length, Use&& use)
 
 NTSTATUS FlushLocked(CacheMap& map, LONGLONG offset, LONGLONG length)
 {
-    return ForViews(
-        map, offset, length, [&](CacheView& view, uint64_t pages) { return WritePages(map, view, pages); });
+    return ForViews(map, offset, length, [&](CacheView& view, uint64_t pages) { return WritePages(map, view, pages); });
 }
 }
 

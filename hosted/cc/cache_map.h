@@ -15,7 +15,7 @@
 #include <thread>
 #include <vector>
 
-namespace host
+namespace hosted
 {
 constexpr ULONG ViewPages = CacheViewBytes / PAGE_SIZE;
 static_assert(ViewPages == 64, "the page flags of a view are the bits of one word");

@@ -3,7 +3,7 @@
 
 #include "hosted/io/file.h"
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -42,8 +42,8 @@ NTSTATUS FillPages(CacheMap& map, CacheView& view, ULONG first, ULONG last)
         UCHAR* memory = view.Memory + start * PAGE_SIZE;
         const ULONG length = count * PAGE_SIZE;
         IO_STATUS_BLOCK result = {};
-        NTSTATUS status = PagingRead(
-            map.Stream.PagingFileObject(), view.Start() + start * PAGE_SIZE, memory, length, &result);
+        NTSTATUS status =
+            PagingRead(map.Stream.PagingFileObject(), view.Start() + start * PAGE_SIZE, memory, length, &result);
         if (status == STATUS_END_OF_FILE)
         {
             result.Information = 0;

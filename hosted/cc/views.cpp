@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <unordered_map>
 
-namespace host
+namespace hosted
 {
 namespace
 {

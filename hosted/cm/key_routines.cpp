@@ -8,7 +8,7 @@
 #include <algorithm>
 #include <new>
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -177,7 +177,7 @@ WideView ValueNameOf(PUNICODE_STRING name)
 
 extern "C" NTSTATUS NTAPI ZwOpenKey(PHANDLE KeyHandle, ACCESS_MASK DesiredAccess, POBJECT_ATTRIBUTES ObjectAttributes)
 {
-    using namespace host;
+    using namespace hosted;
     RequireIrql(PASSIVE_LEVEL, "ZwOpenKey");
     if (InjectFailure("ZwOpenKey"))
     {
@@ -197,10 +197,9 @@ extern "C" NTSTATUS NTAPI ZwOpenKey(PHANDLE KeyHandle, ACCESS_MASK DesiredAccess
 }
 
 extern "C" NTSTATUS NTAPI ZwQueryValueKey(HANDLE KeyHandle, PUNICODE_STRING ValueName,
-    KEY_VALUE_INFORMATION_CLASS KeyValueInformationClass, PVOID KeyValueInformation, ULONG Length,
-    PULONG ResultLength)
+    KEY_VALUE_INFORMATION_CLASS KeyValueInformationClass, PVOID KeyValueInformation, ULONG Length, PULONG ResultLength)
 {
-    using namespace host;
+    using namespace hosted;
     RequireIrql(PASSIVE_LEVEL, "ZwQueryValueKey");
     if (ResultLength == nullptr)
     {
@@ -225,7 +224,7 @@ extern "C" NTSTATUS NTAPI ZwQueryValueKey(HANDLE KeyHandle, PUNICODE_STRING Valu
 extern "C" NTSTATUS NTAPI ZwSetValueKey(
     HANDLE KeyHandle, PUNICODE_STRING ValueName, ULONG, ULONG Type, PVOID Data, ULONG DataSize)
 {
-    using namespace host;
+    using namespace hosted;
     RequireIrql(PASSIVE_LEVEL, "ZwSetValueKey");
     if (InjectFailure("ZwSetValueKey"))
     {

@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
-namespace host
+namespace hosted
 {
 namespace
 {

@@ -4,7 +4,7 @@
 
 #include <algorithm>
 
-namespace host
+namespace hosted
 {
 namespace
 {

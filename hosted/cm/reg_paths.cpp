@@ -1,6 +1,6 @@
 #include "hosted/cm/reg_text.h"
 
-namespace host
+namespace hosted
 {
 namespace
 {

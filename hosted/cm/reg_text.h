@@ -3,7 +3,7 @@
 
 #include "hosted/cm/registry.h"
 
-namespace host
+namespace hosted
 {
 struct RegStep
 {

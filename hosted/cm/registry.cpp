@@ -2,7 +2,7 @@
 
 #include "hosted/ke/bug_check.h"
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -74,8 +74,7 @@ std::shared_ptr<RegistryKey> Registry::FindLocked(std::shared_ptr<RegistryKey> k
     return key;
 }
 
-std::shared_ptr<RegistryKey> Registry::FindKey(
-    const std::shared_ptr<RegistryKey>& relativeTo, WideView path) const
+std::shared_ptr<RegistryKey> Registry::FindKey(const std::shared_ptr<RegistryKey>& relativeTo, WideView path) const
 {
     std::lock_guard lock(lock_);
     if (relativeTo != nullptr)

@@ -11,7 +11,7 @@
 #include <span>
 #include <vector>
 
-namespace host
+namespace hosted
 {
 struct RegistryValue
 {

@@ -3,7 +3,7 @@
 
 #include "hosted/cm/registry.h"
 
-namespace host
+namespace hosted
 {
 // Guarded by the registry's lock, but for the name.
 struct RegistryKey

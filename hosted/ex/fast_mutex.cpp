@@ -18,7 +18,7 @@
 #define TSAN_NOTE(Call) ((void)0)
 #endif
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -43,8 +43,8 @@ struct ThreadMark
     {
         if (held.Count != 0)
         {
-            BugCheck("fast-mutex-thread-end", "a thread ends holding fast mutex %p",
-                     static_cast<void*>(held.Mutexes[0]));
+            BugCheck(
+                "fast-mutex-thread-end", "a thread ends holding fast mutex %p", static_cast<void*>(held.Mutexes[0]));
         }
     }
 };
@@ -88,12 +88,11 @@ void RequireOrder(PFAST_MUTEX mutex)
     {
         innermost.Mutexes.insert(mutex);
     }
-    bool allowed = held.Count == 1 && innermost.Mutexes.contains(mutex) &&
-                   !innermost.Mutexes.contains(held.Mutexes[0]);
+    bool allowed = held.Count == 1 && innermost.Mutexes.contains(mutex) && !innermost.Mutexes.contains(held.Mutexes[0]);
     if (!allowed)
     {
         BugCheck("fast-mutex-order", "fast mutex %p is taken inside %p", static_cast<void*>(mutex),
-                 static_cast<void*>(held.Mutexes[held.Count - 1]));
+            static_cast<void*>(held.Mutexes[held.Count - 1]));
     }
 }
 
@@ -175,7 +174,7 @@ bool HoldsFastMutexIn(const void* begin, SIZE_T bytes)
 
 extern "C" void FASTCALL ExAcquireFastMutex(PFAST_MUTEX FastMutex)
 {
-    using namespace host;
+    using namespace hosted;
     RequireIrql(APC_LEVEL, "ExAcquireFastMutex");
     RequireMutex(FastMutex, "ExAcquireFastMutex");
     std::atomic_ref owner(FastMutex->Owner);
@@ -194,13 +193,13 @@ extern "C" void FASTCALL ExAcquireFastMutex(PFAST_MUTEX FastMutex)
 
 extern "C" void FASTCALL ExReleaseFastMutex(PFAST_MUTEX FastMutex)
 {
-    using namespace host;
+    using namespace hosted;
     RequireMutex(FastMutex, "ExReleaseFastMutex");
     std::atomic_ref owner(FastMutex->Owner);
     if (owner.load(std::memory_order_relaxed) != &threadMark)
     {
         BugCheck("fast-mutex-not-owned", "fast mutex %p is released by a thread that does not hold it",
-                 static_cast<void*>(FastMutex));
+            static_cast<void*>(FastMutex));
     }
     if (CurrentIrql() != APC_LEVEL)
     {

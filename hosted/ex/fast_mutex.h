@@ -3,7 +3,7 @@
 
 #include <ntifs.h>
 
-namespace host
+namespace hosted
 {
 // How many the calling thread holds.
 int FastMutexesHeld();

@@ -10,7 +10,7 @@
 
 #include <cstring>
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -62,14 +62,14 @@ void RequirePoolIrql(POOL_TYPE type, const char* routine)
         BugCheck("pool-double-free", "%p was freed before", address);
     }
     BugCheck("pool-foreign-free", "no pool allocation starts at %p%s", address,
-             IsPoolAddress(address) ? ", but one contains it" : "");
+        IsPoolAddress(address) ? ", but one contains it" : "");
 }
 }
 }
 
 extern "C" PVOID NTAPI ExAllocatePoolWithTag(POOL_TYPE PoolType, SIZE_T NumberOfBytes, ULONG Tag)
 {
-    using namespace host;
+    using namespace hosted;
     POOL_TYPE type = BaseType(PoolType);
     RequirePoolIrql(type, "ExAllocatePoolWithTag");
     if (NumberOfBytes == 0)
@@ -99,7 +99,7 @@ extern "C" PVOID NTAPI ExAllocatePoolWithTag(POOL_TYPE PoolType, SIZE_T NumberOf
 
 extern "C" void NTAPI ExFreePoolWithTag(PVOID P, ULONG Tag)
 {
-    using namespace host;
+    using namespace hosted;
     PoolRecord record;
     if (!FindPoolRecord(P, &record))
     {
@@ -109,13 +109,13 @@ extern "C" void NTAPI ExFreePoolWithTag(PVOID P, ULONG Tag)
     // No tag means any: what the system allocates for its callers, a drive name for one, is freed without one.
     if (Tag != 0 && record.Tag != Tag)
     {
-        BugCheck("pool-wrong-tag", "%p has the tag %s and is freed with %s", P, TagText(record.Tag).Text,
-                 TagText(Tag).Text);
+        BugCheck(
+            "pool-wrong-tag", "%p has the tag %s and is freed with %s", P, TagText(record.Tag).Text, TagText(Tag).Text);
     }
     if (!PoolBlockIntact(record.Block))
     {
         BugCheck("pool-overrun", "bytes behind %p (%llu bytes, tag %s) were written", P, record.Block.Size,
-                 TagText(Tag).Text);
+            TagText(Tag).Text);
     }
     if (HoldsFastMutexIn(P, record.Block.Size))
     {

@@ -5,7 +5,7 @@
 
 #include <string>
 
-namespace host
+namespace hosted
 {
 size_t LivePoolAllocations();
 SIZE_T LivePoolBytes();

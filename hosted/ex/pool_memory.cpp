@@ -10,7 +10,7 @@
 #include <mutex>
 #include <sys/mman.h>
 
-namespace host
+namespace hosted
 {
 namespace
 {

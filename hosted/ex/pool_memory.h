@@ -3,7 +3,7 @@
 
 #include <ntifs.h>
 
-namespace host
+namespace hosted
 {
 inline constexpr UCHAR PoolFreshByte = 0xA5;
 inline constexpr UCHAR PoolFreedByte = 0xDD;
@@ -11,8 +11,8 @@ inline constexpr UCHAR PoolFreedByte = 0xDD;
 struct PoolBlock
 {
     UCHAR* Address;
-    SIZE_T Size;      // as asked for
-    UCHAR* Mapping;   // guarded blocks: whole pages, the last of them inaccessible; otherwise null
+    SIZE_T Size;    // as asked for
+    UCHAR* Mapping; // guarded blocks: whole pages, the last of them inaccessible; otherwise null
     SIZE_T MappedBytes;
 };
 

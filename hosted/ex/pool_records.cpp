@@ -16,7 +16,7 @@
 // Present in sanitizer builds, where it gives function, file and line.
 extern "C" __attribute__((weak)) void __sanitizer_symbolize_pc(void* pc, const char* format, char* out, size_t size);
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -62,7 +62,7 @@ std::string Describe(const PoolRecord& record)
 {
     char line[96];
     snprintf(line, sizeof(line), "  %llu bytes at %p, allocated by\n", record.Block.Size,
-             static_cast<void*>(record.Block.Address));
+        static_cast<void*>(record.Block.Address));
     std::string text = line;
     for (int i = OwnFrames; i < record.FrameCount; ++i)
     {

@@ -3,7 +3,7 @@
 
 #include "hosted/ex/pool_memory.h"
 
-namespace host
+namespace hosted
 {
 struct PoolRecord
 {

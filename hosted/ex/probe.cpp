@@ -4,7 +4,7 @@
 #include "hosted/ke/irql.h"
 #include "hosted/ke/user_access.h"
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -38,7 +38,7 @@ void SetAfterProbe(std::function<void()> hook)
 
 extern "C" void NTAPI ProbeForWrite(volatile void* Address, SIZE_T Length, ULONG Alignment)
 {
-    using namespace host;
+    using namespace hosted;
     RequireIrql(APC_LEVEL, "ProbeForWrite");
     if (!IsProbeAlignment(Alignment))
     {

@@ -3,7 +3,7 @@
 
 #include <functional>
 
-namespace host
+namespace hosted
 {
 // Runs after each ProbeForWrite of this host thread that found its buffer good: another thread of the program may take
 // the buffer away just then. An empty function removes it.

@@ -8,7 +8,7 @@
 #include <mutex>
 #include <set>
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -78,7 +78,7 @@ void ShowAllSystemRoutines()
 
 extern "C" PVOID NTAPI MmGetSystemRoutineAddress(PUNICODE_STRING SystemRoutineName)
 {
-    using namespace host;
+    using namespace hosted;
     RequireIrql(PASSIVE_LEVEL, "MmGetSystemRoutineAddress");
     if (SystemRoutineName == nullptr)
     {

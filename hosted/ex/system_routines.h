@@ -3,7 +3,7 @@
 
 #include "hosted/rtl/wide_string.h"
 
-namespace host
+namespace hosted
 {
 // The look-up no longer finds the name, as on a system that does not have the routine.
 void HideSystemRoutine(WideView name);

@@ -3,5 +3,5 @@
 
 extern "C" void NTAPI ExSystemTimeToLocalTime(PLARGE_INTEGER SystemTime, PLARGE_INTEGER LocalTime)
 {
-    LocalTime->QuadPart = SystemTime->QuadPart - host::Model().TimeZoneBias;
+    LocalTime->QuadPart = SystemTime->QuadPart - hosted::Model().TimeZoneBias;
 }

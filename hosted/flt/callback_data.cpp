@@ -3,7 +3,7 @@
 #include "hosted/ke/bug_check.h"
 #include "hosted/ke/irql.h"
 
-namespace host
+namespace hosted
 {
 ShownOperation& OperationOf(PFLT_CALLBACK_DATA data, const char* routine)
 {
@@ -20,7 +20,7 @@ ShownOperation& OperationOf(PFLT_CALLBACK_DATA data, const char* routine)
 }
 }
 
-using namespace host;
+using namespace hosted;
 
 extern "C" void NTAPI FltSetCallbackDataDirty(PFLT_CALLBACK_DATA Data)
 {

@@ -3,7 +3,7 @@
 
 #include "hosted/flt/filter_state.h"
 
-namespace host
+namespace hosted
 {
 // The callback data and what the filter manager knows about it. Lives for the time of one operation.
 struct ShownOperation

@@ -9,7 +9,7 @@
 #include <mutex>
 #include <unordered_map>
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -53,8 +53,8 @@ Context& Find(PFLT_CONTEXT context, const char* routine)
     const auto found = Contexts().Contexts.find(context);
     if (found == Contexts().Contexts.end())
     {
-        BugCheck("FLT_CONTEXT_NOT_ALIVE", "%s: %p is no context, or all its references were released", routine,
-                 context);
+        BugCheck(
+            "FLT_CONTEXT_NOT_ALIVE", "%s: %p is no context, or all its references were released", routine, context);
     }
     return found->second;
 }
@@ -80,8 +80,8 @@ void Release(PFLT_CONTEXT context, const char* routine)
         }
         if (record.Linked)
         {
-            BugCheck("FLT_CONTEXT_OVER_RELEASED", "%s: the stream's own reference of %p was released", routine,
-                     context);
+            BugCheck(
+                "FLT_CONTEXT_OVER_RELEASED", "%s: the stream's own reference of %p was released", routine, context);
         }
         last = record;
         Contexts().Contexts.erase(context);
@@ -109,16 +109,16 @@ void CutLinks(Wanted wanted, const char* why)
     {
         std::lock_guard guard(Contexts().Lock);
         std::erase_if(Contexts().Links,
-                      [&](const auto& link)
-                      {
-                          if (!wanted(link.first))
-                          {
-                              return false;
-                          }
-                          Find(link.second, why).Linked = false;
-                          cut.push_back(link.second);
-                          return true;
-                      });
+            [&](const auto& link)
+            {
+                if (!wanted(link.first))
+                {
+                    return false;
+                }
+                Find(link.second, why).Linked = false;
+                cut.push_back(link.second);
+                return true;
+            });
     }
     for (PFLT_CONTEXT context : cut)
     {
@@ -199,10 +199,10 @@ std::string DescribeContexts(PFLT_FILTER filter)
 }
 }
 
-using namespace host;
+using namespace hosted;
 
 extern "C" NTSTATUS NTAPI FltAllocateContext(PFLT_FILTER Filter, FLT_CONTEXT_TYPE ContextType, SIZE_T ContextSize,
-                                             POOL_TYPE PoolType, PFLT_CONTEXT* ReturnedContext)
+    POOL_TYPE PoolType, PFLT_CONTEXT* ReturnedContext)
 {
     RequireIrql(APC_LEVEL, "FltAllocateContext");
     RequireFilter(Filter, "FltAllocateContext");
@@ -228,8 +228,8 @@ extern "C" NTSTATUS NTAPI FltAllocateContext(PFLT_FILTER Filter, FLT_CONTEXT_TYP
     }
     {
         std::lock_guard guard(Contexts().Lock);
-        Contexts().Contexts[memory] = {Filter, ContextType, registration->PoolTag,
-                                       registration->ContextCleanupCallback};
+        Contexts().Contexts[memory] = {
+            Filter, ContextType, registration->PoolTag, registration->ContextCleanupCallback};
     }
     *ReturnedContext = memory;
     return STATUS_SUCCESS;
@@ -242,8 +242,7 @@ extern "C" void NTAPI FltReleaseContext(PFLT_CONTEXT Context)
 }
 
 extern "C" NTSTATUS NTAPI FltSetStreamContext(PFLT_INSTANCE Instance, PFILE_OBJECT FileObject,
-                                              FLT_SET_CONTEXT_OPERATION Operation, PFLT_CONTEXT NewContext,
-                                              PFLT_CONTEXT* OldContext)
+    FLT_SET_CONTEXT_OPERATION Operation, PFLT_CONTEXT NewContext, PFLT_CONTEXT* OldContext)
 {
     const char* routine = "FltSetStreamContext";
     RequireIrql(APC_LEVEL, routine);

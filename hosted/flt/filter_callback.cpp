@@ -4,7 +4,7 @@
 #include "hosted/ke/bug_check.h"
 #include "hosted/ke/irql.h"
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -27,12 +27,12 @@ void CallbackRules::Check() const
     if (FastMutexesHeld() != mutexes_)
     {
         BugCheck("FLT_CALLBACK_MUTEX", "the %s callback began with %d fast mutexes held and returned with %d", what_,
-                 mutexes_, FastMutexesHeld());
+            mutexes_, FastMutexesHeld());
     }
     if (CurrentIrql() != irql_)
     {
         BugCheck("FLT_CALLBACK_IRQL", "the %s callback was called at IRQL %d and returned at %d", what_, irql_,
-                 CurrentIrql());
+            CurrentIrql());
     }
 }
 

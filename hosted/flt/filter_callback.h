@@ -3,7 +3,7 @@
 
 #include <ntifs.h>
 
-namespace host
+namespace hosted
 {
 // Made before a callback is called, checked after it returned: the same IRQL, no fast mutex more or less.
 class CallbackRules

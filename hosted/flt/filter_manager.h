@@ -4,14 +4,14 @@
 #include "hosted/io/volume.h"
 #include "hosted/ps/process.h"
 
-namespace host
+namespace hosted
 {
 struct FilterRequest
 {
     Volume* Target;
-    ULONG DataFlags;       // FLTFL_CALLBACK_DATA_IRP_OPERATION or ..._FAST_IO_OPERATION
+    ULONG DataFlags; // FLTFL_CALLBACK_DATA_IRP_OPERATION or ..._FAST_IO_OPERATION
     KPROCESSOR_MODE Mode;
-    Thread* Requestor;     // null: the calling thread
+    Thread* Requestor; // null: the calling thread
     FLT_IO_PARAMETER_BLOCK Parameters;
 };
 

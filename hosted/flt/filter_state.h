@@ -13,7 +13,7 @@ struct _FLT_INSTANCE
 {
     ULONG Signature;
     PFLT_FILTER Filter;
-    host::Volume* Volume;
+    hosted::Volume* Volume;
     // Guarded by the filter manager's lock.
     ULONG Running = 0; // operations on their way through this instance
     bool Closing = false;
@@ -29,10 +29,10 @@ struct _FLT_FILTER
     // Guarded by the filter manager's lock.
     bool Filtering = false;
     bool Closing = false;
-    std::map<host::Volume*, std::unique_ptr<_FLT_INSTANCE>> Instances;
+    std::map<hosted::Volume*, std::unique_ptr<_FLT_INSTANCE>> Instances;
 };
 
-namespace host
+namespace hosted
 {
 inline PFLT_VOLUME AsFltVolume(Volume* volume)
 {
@@ -59,10 +59,7 @@ public:
     InstanceInUse& operator=(const InstanceInUse&) = delete;
 
     // Null when the volume has none, or it is going away.
-    PFLT_INSTANCE Instance() const
-    {
-        return instance_;
-    }
+    PFLT_INSTANCE Instance() const { return instance_; }
 
 private:
     PFLT_INSTANCE instance_ = nullptr;

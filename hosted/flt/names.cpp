@@ -9,7 +9,7 @@
 #include <mutex>
 #include <unordered_map>
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -178,7 +178,7 @@ bool RequireAlive(PFLT_FILE_NAME_INFORMATION information, const char* routine)
     if (found == LiveNames().Alive.end())
     {
         BugCheck("FLT_NAME_NOT_ALIVE", "%s: %p is no file name information, or was released", routine,
-                 static_cast<void*>(information));
+            static_cast<void*>(information));
     }
     return found->second;
 }
@@ -192,10 +192,10 @@ std::string DescribeNames()
 }
 }
 
-using namespace host;
+using namespace hosted;
 
-extern "C" NTSTATUS NTAPI FltGetFileNameInformation(PFLT_CALLBACK_DATA CallbackData, FLT_FILE_NAME_OPTIONS NameOptions,
-                                                    PFLT_FILE_NAME_INFORMATION* FileNameInformation)
+extern "C" NTSTATUS NTAPI FltGetFileNameInformation(
+    PFLT_CALLBACK_DATA CallbackData, FLT_FILE_NAME_OPTIONS NameOptions, PFLT_FILE_NAME_INFORMATION* FileNameInformation)
 {
     RequireIrql(APC_LEVEL, "FltGetFileNameInformation");
     const ShownOperation& shown = OperationOf(CallbackData, "FltGetFileNameInformation");

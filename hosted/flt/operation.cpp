@@ -10,7 +10,7 @@
 #include <algorithm>
 #include <optional>
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -48,7 +48,7 @@ NTSTATUS Dispatch(Volume* volume, const FLT_IO_PARAMETER_BLOCK& parameters, IO_S
     if (result != status->Status || CurrentIrql() != before)
     {
         BugCheck("FILE_SYSTEM_RESULT", "returned 0x%08x at IRQL %d, stored 0x%08x, was called at IRQL %d",
-                 static_cast<unsigned>(result), CurrentIrql(), static_cast<unsigned>(status->Status), before);
+            static_cast<unsigned>(result), CurrentIrql(), static_cast<unsigned>(status->Status), before);
     }
     return result;
 }
@@ -83,7 +83,7 @@ void CheckDecision(const Decision& decision, const ShownOperation& shown, const 
     if (!legal)
     {
         BugCheck("FLT_PREOP_STATUS", "pre-operation status %d is not allowed for %s of major function 0x%x",
-                 static_cast<int>(decision.Status), fast ? "fast I/O" : "a request", shown.Block.MajorFunction);
+            static_cast<int>(decision.Status), fast ? "fast I/O" : "a request", shown.Block.MajorFunction);
     }
     if (decision.Context != nullptr && !withCallback)
     {
@@ -132,7 +132,7 @@ KIRQL CompletionIrql(const FLT_IO_PARAMETER_BLOCK& block, FLT_PREOP_CALLBACK_STA
 }
 
 void CallPost(ShownOperation& shown, const FLT_RELATED_OBJECTS& related, const FLT_OPERATION_REGISTRATION& callbacks,
-              const Decision& decision)
+    const Decision& decision)
 {
     const NTSTATUS before = shown.Data.IoStatus.Status;
     FLT_POSTOP_CALLBACK_STATUS result;
@@ -159,10 +159,8 @@ NTSTATUS SendFiltered(FilterRequest& request, PFLT_INSTANCE instance, IO_STATUS_
     Thread* requestor = request.Requestor != nullptr ? request.Requestor : CurrentThread();
     FLT_IO_PARAMETER_BLOCK callers = request.Parameters;
     callers.TargetInstance = instance;
-    ShownOperation shown{ShownSignature,
-                         instance,
-                         callers,
-                         {request.DataFlags, AsThread(requestor), &shown.Block, {}, nullptr, {}, request.Mode}};
+    ShownOperation shown{ShownSignature, instance, callers,
+        {request.DataFlags, AsThread(requestor), &shown.Block, {}, nullptr, {}, request.Mode}};
 
     Decision decision;
     if (callbacks.PreOperation != nullptr)

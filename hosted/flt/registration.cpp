@@ -11,7 +11,7 @@
 #include <mutex>
 #include <utility>
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -51,9 +51,8 @@ NTSTATUS CopyContexts(const FLT_CONTEXT_REGISTRATION* entry, _FLT_FILTER* filter
 {
     for (; entry != nullptr && entry->ContextType != FLT_CONTEXT_END; ++entry)
     {
-        const bool repeated =
-            std::any_of(filter->Contexts.begin(), filter->Contexts.end(),
-                        [entry](const auto& other) { return other.ContextType == entry->ContextType; });
+        const bool repeated = std::any_of(filter->Contexts.begin(), filter->Contexts.end(),
+            [entry](const auto& other) { return other.ContextType == entry->ContextType; });
         if (entry->ContextType != FLT_STREAM_CONTEXT || entry->Size == 0 || repeated)
         {
             return STATUS_FLT_INVALID_CONTEXT_REGISTRATION;
@@ -83,8 +82,8 @@ NTSTATUS CopyOperations(const FLT_OPERATION_REGISTRATION* entry, _FLT_FILTER* fi
         }
         if (entry->Flags != 0)
         {
-            BugCheck("NOT_MODELLED", "FltRegisterFilter: an operation that skips kinds of I/O (flags 0x%x)",
-                     entry->Flags);
+            BugCheck(
+                "NOT_MODELLED", "FltRegisterFilter: an operation that skips kinds of I/O (flags 0x%x)", entry->Flags);
         }
         slot = *entry;
     }
@@ -313,10 +312,10 @@ std::string DescribeLiveFilterObjects()
 }
 }
 
-using namespace host;
+using namespace hosted;
 
-extern "C" NTSTATUS NTAPI FltRegisterFilter(PDRIVER_OBJECT Driver, const FLT_REGISTRATION* Registration,
-                                            PFLT_FILTER* RetFilter)
+extern "C" NTSTATUS NTAPI FltRegisterFilter(
+    PDRIVER_OBJECT Driver, const FLT_REGISTRATION* Registration, PFLT_FILTER* RetFilter)
 {
     RequireIrql(APC_LEVEL, "FltRegisterFilter");
     if (InjectFailure("FltRegisterFilter"))

@@ -10,7 +10,7 @@
 #include <mutex>
 #include <unordered_map>
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -53,14 +53,14 @@ void CheckCanary(PUCHAR buffer, const AlignedBuffer& record)
         if (*byte != CanaryByte)
         {
             BugCheck("ALIGNED_POOL_OVERRUN", "byte %zu behind an aligned buffer of %llu bytes was overwritten",
-                     static_cast<size_t>(byte - buffer - record.Bytes), record.Bytes);
+                static_cast<size_t>(byte - buffer - record.Bytes), record.Bytes);
         }
     }
 }
 }
 }
 
-using namespace host;
+using namespace hosted;
 
 extern "C" NTSTATUS NTAPI FltIsDirectory(PFILE_OBJECT FileObject, PFLT_INSTANCE Instance, PBOOLEAN IsDirectory)
 {
@@ -110,8 +110,8 @@ extern "C" NTSTATUS NTAPI FltGetVolumeName(PFLT_VOLUME Volume, PUNICODE_STRING V
     return STATUS_SUCCESS;
 }
 
-extern "C" PVOID NTAPI FltAllocatePoolAlignedWithTag(PFLT_INSTANCE Instance, POOL_TYPE PoolType, SIZE_T NumberOfBytes,
-                                                     ULONG Tag)
+extern "C" PVOID NTAPI FltAllocatePoolAlignedWithTag(
+    PFLT_INSTANCE Instance, POOL_TYPE PoolType, SIZE_T NumberOfBytes, ULONG Tag)
 {
     RequireIrql(DISPATCH_LEVEL, "FltAllocatePoolAlignedWithTag");
     RequireInstance(Instance, "FltAllocatePoolAlignedWithTag");
@@ -151,8 +151,8 @@ extern "C" void NTAPI FltFreePoolAlignedWithTag(PFLT_INSTANCE Instance, PVOID Bu
     }
     if (record.Block == nullptr || record.Tag != Tag || record.Owner != Instance->Volume)
     {
-        BugCheck("ALIGNED_POOL_FREE", "%p was not allocated with this instance and this tag, or was freed before",
-                 Buffer);
+        BugCheck(
+            "ALIGNED_POOL_FREE", "%p was not allocated with this instance and this tag, or was freed before", Buffer);
     }
     CheckCanary(static_cast<PUCHAR>(Buffer), record);
     ExFreePoolWithTag(record.Block, Tag);

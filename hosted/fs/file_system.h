@@ -5,7 +5,7 @@
 #include "hosted/fs/store.h"
 #include "hosted/io/volume.h"
 
-namespace host
+namespace hosted
 {
 struct FileSystemOptions
 {

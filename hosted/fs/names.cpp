@@ -1,6 +1,6 @@
 #include "hosted/fs/names.h"
 
-namespace host
+namespace hosted
 {
 namespace
 {

@@ -6,7 +6,7 @@
 #include <functional>
 #include <vector>
 
-namespace host
+namespace hosted
 {
 struct ParsedPath
 {

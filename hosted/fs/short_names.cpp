@@ -1,7 +1,7 @@
 // Names for programs that know no others: eight characters, a full stop, three characters.
 #include "hosted/fs/names.h"
 
-namespace host
+namespace hosted
 {
 namespace
 {

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-namespace host
+namespace hosted
 {
 constexpr ULONGLONG RootFileId = 0x0005000000000005;
 constexpr ULONGLONG FirstFileId = 0x0001000000000024;

@@ -3,7 +3,7 @@
 
 #include <ntifs.h>
 
-namespace host
+namespace hosted
 {
 NTSTATUS GuardedCall(void (*body)(void* context), void* context);
 bool InGuardedCall();
@@ -18,7 +18,7 @@ inline NTSTATUS TryAccess(Body&& body)
 {
     auto* address = &body;
     const NTSTATUS status =
-        host::GuardedCall([](void* context) { (**static_cast<decltype(address)*>(context))(); }, &address);
+        hosted::GuardedCall([](void* context) { (**static_cast<decltype(address)*>(context))(); }, &address);
     return status == STATUS_GUARD_PAGE_VIOLATION ? STATUS_ACCESS_VIOLATION : status;
 }
 
@@ -29,7 +29,7 @@ inline void WithTermination(Body&& body, Cleanup&& cleanup)
 {
     // Nothing unwinds but guarded access. The fault is caught here, while the frame that cleanup() refers to still
     // stands, and raised again for whoever is further out.
-    if (!host::InGuardedCall())
+    if (!hosted::InGuardedCall())
     {
         body();
         cleanup();
@@ -39,6 +39,6 @@ inline void WithTermination(Body&& body, Cleanup&& cleanup)
     cleanup();
     if (!NT_SUCCESS(status))
     {
-        host::RaiseStatus(status);
+        hosted::RaiseStatus(status);
     }
 }

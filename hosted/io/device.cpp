@@ -8,7 +8,7 @@
 
 #include <mutex>
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -154,7 +154,7 @@ NTSTATUS SendDeviceClose(PDEVICE_OBJECT device, PFILE_OBJECT file)
 }
 
 NTSTATUS SendDeviceWrite(PDEVICE_OBJECT device, PFILE_OBJECT file, void* buffer, ULONG length, LONGLONG offset,
-                         KPROCESSOR_MODE mode, ULONG_PTR* written)
+    KPROCESSOR_MODE mode, ULONG_PTR* written)
 {
     RequireIrql(PASSIVE_LEVEL, "write to a device");
     if (FlagOn(device->Flags, DO_BUFFERED_IO) && length != 0)
@@ -176,30 +176,30 @@ NTSTATUS SendDeviceWrite(PDEVICE_OBJECT device, PFILE_OBJECT file, void* buffer,
 }
 
 extern "C" NTSTATUS NTAPI IoCreateDevice(PDRIVER_OBJECT DriverObject, ULONG DeviceExtensionSize,
-                                         PUNICODE_STRING DeviceName, DEVICE_TYPE DeviceType,
-                                         ULONG DeviceCharacteristics, BOOLEAN Exclusive, PDEVICE_OBJECT* DeviceObject)
+    PUNICODE_STRING DeviceName, DEVICE_TYPE DeviceType, ULONG DeviceCharacteristics, BOOLEAN Exclusive,
+    PDEVICE_OBJECT* DeviceObject)
 {
-    host::RequireIrql(APC_LEVEL, "IoCreateDevice");
-    if (host::InjectFailure("IoCreateDevice"))
+    hosted::RequireIrql(APC_LEVEL, "IoCreateDevice");
+    if (hosted::InjectFailure("IoCreateDevice"))
     {
         return STATUS_INSUFFICIENT_RESOURCES;
     }
-    PDEVICE_OBJECT device = host::MakeDevice(DriverObject, DeviceExtensionSize, DeviceType, DeviceCharacteristics);
+    PDEVICE_OBJECT device = hosted::MakeDevice(DriverObject, DeviceExtensionSize, DeviceType, DeviceCharacteristics);
     if (Exclusive)
     {
-        SetFlag(device->Flags, host::ExclusiveFlag);
+        SetFlag(device->Flags, hosted::ExclusiveFlag);
     }
     if (DeviceName != nullptr && DeviceName->Length != 0)
     {
-        const NTSTATUS status = host::InsertName(host::View(*DeviceName), device);
+        const NTSTATUS status = hosted::InsertName(hosted::View(*DeviceName), device);
         if (!NT_SUCCESS(status))
         {
-            host::Release(device);
+            hosted::Release(device);
             return status;
         }
-        host::NotesOf(device).Name = host::View(*DeviceName);
+        hosted::NotesOf(device).Name = hosted::View(*DeviceName);
     }
-    const std::lock_guard lock(host::deviceMutex);
+    const std::lock_guard lock(hosted::deviceMutex);
     device->NextDevice = DriverObject->DeviceObject;
     DriverObject->DeviceObject = device;
     *DeviceObject = device;
@@ -208,15 +208,15 @@ extern "C" NTSTATUS NTAPI IoCreateDevice(PDRIVER_OBJECT DriverObject, ULONG Devi
 
 extern "C" void NTAPI IoDeleteDevice(PDEVICE_OBJECT DeviceObject)
 {
-    host::RequireIrql(APC_LEVEL, "IoDeleteDevice");
-    host::WideString name;
+    hosted::RequireIrql(APC_LEVEL, "IoDeleteDevice");
+    hosted::WideString name;
     bool unused;
     {
-        const std::lock_guard lock(host::deviceMutex);
-        host::DeviceNotes& notes = host::NotesOf(DeviceObject);
-        if (notes.DeletePending || !host::Unlink(DeviceObject))
+        const std::lock_guard lock(hosted::deviceMutex);
+        hosted::DeviceNotes& notes = hosted::NotesOf(DeviceObject);
+        if (notes.DeletePending || !hosted::Unlink(DeviceObject))
         {
-            host::BugCheck("DEVICE_DELETED_TWICE", "device %p", static_cast<void*>(DeviceObject));
+            hosted::BugCheck("DEVICE_DELETED_TWICE", "device %p", static_cast<void*>(DeviceObject));
         }
         notes.DeletePending = true;
         name = notes.Name;
@@ -224,10 +224,10 @@ extern "C" void NTAPI IoDeleteDevice(PDEVICE_OBJECT DeviceObject)
     }
     if (!name.empty())
     {
-        host::RemoveName(name);
+        hosted::RemoveName(name);
     }
     if (unused)
     {
-        host::Release(DeviceObject);
+        hosted::Release(DeviceObject);
     }
 }

@@ -3,7 +3,7 @@
 
 #include "hosted/ob/object.h"
 
-namespace host
+namespace hosted
 {
 // The three steps of an open file object's life, sent to the device's driver as user-mode requests and awaited.
 // A create counts as an open of the device when it succeeds; the close gives that back, and completes a deletion
@@ -16,5 +16,5 @@ NTSTATUS SendDeviceClose(PDEVICE_OBJECT device, PFILE_OBJECT file);
 // One write of `length` bytes. STATUS_INVALID_DEVICE_REQUEST from a driver that takes none. The buffer reaches the
 // driver as it is; bug check for a device that wants it buffered. IRQL: PASSIVE_LEVEL.
 NTSTATUS SendDeviceWrite(PDEVICE_OBJECT device, PFILE_OBJECT file, void* buffer, ULONG length, LONGLONG offset,
-                         KPROCESSOR_MODE mode, ULONG_PTR* written);
+    KPROCESSOR_MODE mode, ULONG_PTR* written);
 }

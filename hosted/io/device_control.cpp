@@ -8,7 +8,7 @@
 
 #include <algorithm>
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -29,16 +29,18 @@ NTSTATUS ProbeRange(const void* address, ULONG length, bool write)
     {
         return STATUS_ACCESS_VIOLATION;
     }
-    return TryAccess([first, last, write] {
-        for (auto* at = first; at <= last; at = static_cast<volatile UCHAR*>(PAGE_ALIGN(at)) + PAGE_SIZE)
+    return TryAccess(
+        [first, last, write]
         {
-            const UCHAR byte = *at;
-            if (write)
+            for (auto* at = first; at <= last; at = static_cast<volatile UCHAR*>(PAGE_ALIGN(at)) + PAGE_SIZE)
             {
-                *at = byte;
+                const UCHAR byte = *at;
+                if (write)
+                {
+                    *at = byte;
+                }
             }
-        }
-    });
+        });
 }
 
 NTSTATUS ProbeBuffers(DeviceControlRequest& request)

@@ -5,13 +5,13 @@
 
 #include <functional>
 
-namespace host
+namespace hosted
 {
 struct DeviceControlRequest
 {
     ULONG Code = 0;
     const void* Input = nullptr;
-    ULONG InputLength = 0;  // bytes
+    ULONG InputLength = 0; // bytes
     void* Output = nullptr;
     ULONG OutputLength = 0; // bytes
     KPROCESSOR_MODE Mode = UserMode;

@@ -8,7 +8,7 @@
 #include <iterator>
 #include <new>
 
-namespace host
+namespace hosted
 {
 namespace
 {

@@ -3,7 +3,7 @@
 
 #include "hosted/ob/object.h"
 
-namespace host
+namespace hosted
 {
 extern const ObjectType DriverType;
 

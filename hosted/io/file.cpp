@@ -8,7 +8,7 @@
 
 #include <algorithm>
 
-namespace host
+namespace hosted
 {
 namespace
 {

@@ -3,23 +3,23 @@
 
 #include "hosted/io/volume.h"
 
-namespace host
+namespace hosted
 {
 struct OpenRequest
 {
-    WideString Path;                      // NT path ("\??\C:\a", "\Device\HarddiskVolume1\a"), or relative to Root
-    PFILE_OBJECT Root = nullptr;          // related file object
-    ULONGLONG FileId = 0;                 // with FILE_OPEN_BY_FILE_ID, in place of a name below Path's volume
+    WideString Path;             // NT path ("\??\C:\a", "\Device\HarddiskVolume1\a"), or relative to Root
+    PFILE_OBJECT Root = nullptr; // related file object
+    ULONGLONG FileId = 0;        // with FILE_OPEN_BY_FILE_ID, in place of a name below Path's volume
     ACCESS_MASK DesiredAccess = FILE_READ_DATA | SYNCHRONIZE;
     ULONG ShareAccess = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
     ULONG Disposition = FILE_OPEN;
     ULONG Options = FILE_SYNCHRONOUS_IO_NONALERT;
     ULONG FileAttributes = FILE_ATTRIBUTE_NORMAL;
-    UCHAR StackFlags = 0;                 // SL_OPEN_PAGING_FILE
+    UCHAR StackFlags = 0; // SL_OPEN_PAGING_FILE
     KPROCESSOR_MODE Mode = UserMode;
-    const void* Ea = nullptr;             // extended attributes of what is created, as its file system takes them
-    ULONG EaLength = 0;                   // bytes
-    ULONG FileObjectFlags = 0;            // FO_MAILSLOT, FO_NAMED_PIPE, ...: set before the create is sent
+    const void* Ea = nullptr;  // extended attributes of what is created, as its file system takes them
+    ULONG EaLength = 0;        // bytes
+    ULONG FileObjectFlags = 0; // FO_MAILSLOT, FO_NAMED_PIPE, ...: set before the create is sent
 };
 
 // A path that leads to a device without a volume opens the device itself; the rest of the path is the file's name.

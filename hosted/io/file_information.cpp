@@ -8,7 +8,7 @@
 #include <cstring>
 #include <memory>
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -130,7 +130,7 @@ NTSTATUS QueryInformation(PFILE_OBJECT file, FILE_INFORMATION_CLASS kind, void* 
 }
 
 NTSTATUS QueryDirectory(PFILE_OBJECT file, FILE_INFORMATION_CLASS kind, bool single, bool restart, WideView pattern,
-                        void* buffer, ULONG length, ULONG_PTR* used)
+    void* buffer, ULONG length, ULONG_PTR* used)
 {
     RequireIrql(PASSIVE_LEVEL, "QueryDirectory");
     if (used != nullptr)

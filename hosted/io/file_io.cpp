@@ -5,7 +5,7 @@
 #include "hosted/ke/bug_check.h"
 #include "hosted/ke/irql.h"
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -46,8 +46,8 @@ NTSTATUS CheckAlignment(const Volume& volume, LONGLONG offset, ULONG length)
     return aligned ? STATUS_SUCCESS : STATUS_INVALID_PARAMETER;
 }
 
-NTSTATUS Transfer(PFILE_OBJECT file, UCHAR majorFunction, LONGLONG offset, void* buffer, ULONG length,
-                  IO_STATUS_BLOCK* status)
+NTSTATUS Transfer(
+    PFILE_OBJECT file, UCHAR majorFunction, LONGLONG offset, void* buffer, ULONG length, IO_STATUS_BLOCK* status)
 {
     RequireIrql(PASSIVE_LEVEL, "reading or writing a file");
     const bool write = majorFunction == IRP_MJ_WRITE;
@@ -84,8 +84,8 @@ NTSTATUS Transfer(PFILE_OBJECT file, UCHAR majorFunction, LONGLONG offset, void*
     return SendFileRequest(request, status);
 }
 
-NTSTATUS Page(PFILE_OBJECT file, UCHAR majorFunction, LONGLONG offset, void* pages, ULONG length,
-              IO_STATUS_BLOCK* status)
+NTSTATUS Page(
+    PFILE_OBJECT file, UCHAR majorFunction, LONGLONG offset, void* pages, ULONG length, IO_STATUS_BLOCK* status)
 {
     RequireIrql(APC_LEVEL, "paging I/O");
     if (BYTE_OFFSET(pages) != 0 || BYTE_OFFSET(offset) != 0 || BYTE_OFFSET(length) != 0 || length == 0 || offset < 0)

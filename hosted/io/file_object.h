@@ -8,7 +8,7 @@
 
 #include <atomic>
 
-namespace host
+namespace hosted
 {
 // What a create's Parameters.Create.SecurityContext points to, laid out as on Windows.
 struct CreateSecurity

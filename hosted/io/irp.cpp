@@ -11,7 +11,7 @@
 #include <map>
 #include <mutex>
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -47,23 +47,23 @@ void CheckReturn(NTSTATUS returned, const Completion& completion, UCHAR majorFun
     if (CurrentIrql() != PASSIVE_LEVEL)
     {
         BugCheck("IRQL_UNEXPECTED_VALUE", "the dispatch routine of 0x%02x returned at level %u", majorFunction,
-                 CurrentIrql());
+            CurrentIrql());
     }
     const std::lock_guard lock(irpMutex);
     if (!pending && !completion.Done)
     {
         BugCheck("IRP_NOT_COMPLETED", "the dispatch routine of 0x%02x returned 0x%08x without completing",
-                 majorFunction, static_cast<unsigned>(returned));
+            majorFunction, static_cast<unsigned>(returned));
     }
     if (completion.Done && pending != completion.MarkedPending)
     {
         BugCheck("IRP_PENDING_MISMATCH", "the dispatch routine of 0x%02x returned 0x%08x for a request %s pending",
-                 majorFunction, static_cast<unsigned>(returned), completion.MarkedPending ? "marked" : "not marked");
+            majorFunction, static_cast<unsigned>(returned), completion.MarkedPending ? "marked" : "not marked");
     }
     if (!pending && completion.Status.Status != returned)
     {
         BugCheck("IRP_STATUS_MISMATCH", "the dispatch routine of 0x%02x returned 0x%08x and completed with 0x%08x",
-                 majorFunction, static_cast<unsigned>(returned), static_cast<unsigned>(completion.Status.Status));
+            majorFunction, static_cast<unsigned>(returned), static_cast<unsigned>(completion.Status.Status));
     }
 }
 
@@ -77,8 +77,8 @@ NTSTATUS CopyOut(const Completion& completion, ULONG outputLength)
     }
     if (count > outputLength)
     {
-        BugCheck("BUFFERED_INFORMATION_TOO_LARGE", "%llu bytes reported for an output buffer of %u", count,
-                 outputLength);
+        BugCheck(
+            "BUFFERED_INFORMATION_TOO_LARGE", "%llu bytes reported for an output buffer of %u", count, outputLength);
     }
     const NTSTATUS status = GuardedCopy(completion.UserBuffer, completion.SystemBuffer, count);
     return NT_SUCCESS(status) ? completion.Status.Status : status;
@@ -154,25 +154,25 @@ SIZE_T PendingIrps()
 // The packet is freed here and now, so that a driver which touches it afterwards is caught.
 extern "C" void FASTCALL IofCompleteRequest(PIRP Irp, CCHAR)
 {
-    host::RequireIrql(DISPATCH_LEVEL, "IofCompleteRequest");
-    const std::lock_guard lock(host::irpMutex);
-    const auto found = host::sent.find(Irp);
-    if (found == host::sent.end())
+    hosted::RequireIrql(DISPATCH_LEVEL, "IofCompleteRequest");
+    const std::lock_guard lock(hosted::irpMutex);
+    const auto found = hosted::sent.find(Irp);
+    if (found == hosted::sent.end())
     {
-        host::BugCheck("MULTIPLE_IRP_COMPLETE_REQUESTS", "packet %p is not under way", static_cast<void*>(Irp));
+        hosted::BugCheck("MULTIPLE_IRP_COMPLETE_REQUESTS", "packet %p is not under way", static_cast<void*>(Irp));
     }
     if (Irp->IoStatus.Status == STATUS_PENDING)
     {
-        host::BugCheck("IRP_COMPLETED_AS_PENDING", "packet %p", static_cast<void*>(Irp));
+        hosted::BugCheck("IRP_COMPLETED_AS_PENDING", "packet %p", static_cast<void*>(Irp));
     }
-    host::Completion& completion = *found->second;
-    host::sent.erase(found);
-    completion.MarkedPending = FlagOn(IoGetCurrentIrpStackLocation(Irp)->Control, host::PendingReturned) != 0;
+    hosted::Completion& completion = *found->second;
+    hosted::sent.erase(found);
+    completion.MarkedPending = FlagOn(IoGetCurrentIrpStackLocation(Irp)->Control, hosted::PendingReturned) != 0;
     completion.Status = Irp->IoStatus;
     completion.Flags = Irp->Flags;
     completion.SystemBuffer = Irp->AssociatedIrp.SystemBuffer;
     completion.UserBuffer = Irp->UserBuffer;
-    ExFreePoolWithTag(Irp, host::IrpTag);
+    ExFreePoolWithTag(Irp, hosted::IrpTag);
     completion.Done = true;
-    host::completed.notify_all();
+    hosted::completed.notify_all();
 }

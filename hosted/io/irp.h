@@ -3,7 +3,7 @@
 
 #include <ntifs.h>
 
-namespace host
+namespace hosted
 {
 // Non-paged pool for the I/O manager itself: watched like every other allocation, never failing by injection. Freed
 // with ExFreePoolWithTag.

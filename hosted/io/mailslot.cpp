@@ -9,7 +9,7 @@
 #include <mutex>
 #include <new>
 
-namespace host
+namespace hosted
 {
 struct MailslotReader::Body
 {
@@ -96,10 +96,7 @@ struct MailslotDriver
         return Complete(irp, status, NT_SUCCESS(status) ? bytes : 0);
     }
 
-    static NTSTATUS NTAPI DispatchCleanup(PDEVICE_OBJECT, PIRP irp)
-    {
-        return Complete(irp, STATUS_SUCCESS);
-    }
+    static NTSTATUS NTAPI DispatchCleanup(PDEVICE_OBJECT, PIRP irp) { return Complete(irp, STATUS_SUCCESS); }
 
     static NTSTATUS NTAPI DispatchClose(PDEVICE_OBJECT, PIRP irp)
     {

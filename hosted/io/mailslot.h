@@ -7,7 +7,7 @@
 #include <optional>
 #include <vector>
 
-namespace host
+namespace hosted
 {
 // Puts "\Device\Mailslot" into the name space, with what serves it. Bug check when it is there already.
 void StartMailslots();

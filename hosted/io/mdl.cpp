@@ -11,7 +11,7 @@
 #include <mutex>
 #include <unordered_set>
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -72,7 +72,7 @@ void RequireLive(const MDL* mdl, const char* routine)
     if (!IsLiveMdl(mdl))
     {
         BugCheck("MDL_NOT_ALIVE", "%s: %p is no memory descriptor list, or was freed", routine,
-                 static_cast<const void*>(mdl));
+            static_cast<const void*>(mdl));
     }
 }
 
@@ -140,8 +140,8 @@ void* MdlSystemAddress(PMDL mdl)
     {
         if (!(mdl->MdlFlags & MDL_PAGES_LOCKED))
         {
-            BugCheck("MDL_NOT_BUILT", "the pages of %p are neither locked nor of non-paged pool",
-                     static_cast<void*>(mdl));
+            BugCheck(
+                "MDL_NOT_BUILT", "the pages of %p are neither locked nor of non-paged pool", static_cast<void*>(mdl));
         }
         Map(mdl);
     }
@@ -168,10 +168,10 @@ std::string DescribeLiveMdls()
 }
 }
 
-using namespace host;
+using namespace hosted;
 
-extern "C" PMDL NTAPI IoAllocateMdl(PVOID VirtualAddress, ULONG Length, BOOLEAN SecondaryBuffer,
-                                    BOOLEAN /*ChargeQuota*/, PIRP Irp)
+extern "C" PMDL NTAPI IoAllocateMdl(
+    PVOID VirtualAddress, ULONG Length, BOOLEAN SecondaryBuffer, BOOLEAN /*ChargeQuota*/, PIRP Irp)
 {
     RequireIrql(DISPATCH_LEVEL, "IoAllocateMdl");
     if (SecondaryBuffer && Irp == nullptr)
@@ -210,13 +210,13 @@ extern "C" void NTAPI MmBuildMdlForNonPagedPool(PMDL MemoryDescriptorList)
     if (mdl->MdlFlags & Built)
     {
         BugCheck("MDL_BUILT_TWICE", "MmBuildMdlForNonPagedPool: %p has flags 0x%x", static_cast<void*>(mdl),
-                 static_cast<unsigned>(mdl->MdlFlags));
+            static_cast<unsigned>(mdl->MdlFlags));
     }
     const auto* first = static_cast<const UCHAR*>(MmGetMdlVirtualAddress(mdl));
     if (!IsPoolAddress(first) || (mdl->ByteCount != 0 && !IsPoolAddress(first + mdl->ByteCount - 1)))
     {
         BugCheck("MDL_NOT_OVER_POOL", "MmBuildMdlForNonPagedPool: %u bytes at %p are not inside a pool allocation",
-                 mdl->ByteCount, MmGetMdlVirtualAddress(mdl));
+            mdl->ByteCount, MmGetMdlVirtualAddress(mdl));
     }
     FillPageArray(mdl);
     mdl->Process = nullptr;
@@ -225,8 +225,7 @@ extern "C" void NTAPI MmBuildMdlForNonPagedPool(PMDL MemoryDescriptorList)
 }
 
 extern "C" PVOID NTAPI MmMapLockedPagesSpecifyCache(PMDL MemoryDescriptorList, KPROCESSOR_MODE AccessMode,
-                                                    MEMORY_CACHING_TYPE CacheType, PVOID RequestedAddress,
-                                                    ULONG BugCheckOnFailure, ULONG /*Priority*/)
+    MEMORY_CACHING_TYPE CacheType, PVOID RequestedAddress, ULONG BugCheckOnFailure, ULONG /*Priority*/)
 {
     const char* routine = "MmMapLockedPagesSpecifyCache";
     RequireIrql(DISPATCH_LEVEL, routine);

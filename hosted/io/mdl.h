@@ -5,7 +5,7 @@
 
 #include <string>
 
-namespace host
+namespace hosted
 {
 // What the pages are locked for: the device fills them (a read request) or takes their contents (a write).
 enum class LockPurpose

@@ -4,7 +4,7 @@
 
 #include <ntifs.h>
 
-namespace host
+namespace hosted
 {
 // FileDispositionInformationEx. With PosixSemantics the name goes at once, and opens of the file live on without it.
 struct DispositionEx

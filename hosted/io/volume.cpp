@@ -11,7 +11,7 @@
 #include <mutex>
 #include <shared_mutex>
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -175,7 +175,7 @@ void CountOpenFile(Volume* volume, int change)
 }
 }
 
-using namespace host;
+using namespace hosted;
 
 extern "C" NTSTATUS NTAPI IoVolumeDeviceToDosName(PVOID VolumeDeviceObject, PUNICODE_STRING DosName)
 {

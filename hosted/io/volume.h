@@ -7,7 +7,7 @@
 
 #include <memory>
 
-namespace host
+namespace hosted
 {
 // A file system as the layers above see it (implemented by fs/). Operations arrive below the filters.
 class FileSystem
@@ -39,9 +39,9 @@ public:
 
 struct Volume
 {
-    WideString DeviceName;  // "\Device\HarddiskVolume1"
-    WideString DosName;     // "C:", empty when it has no drive letter
-    DEVICE_TYPE DeviceKind; // FILE_DEVICE_DISK_FILE_SYSTEM, ..._NETWORK_..., ..._CD_ROM_...
+    WideString DeviceName;           // "\Device\HarddiskVolume1"
+    WideString DosName;              // "C:", empty when it has no drive letter
+    DEVICE_TYPE DeviceKind;          // FILE_DEVICE_DISK_FILE_SYSTEM, ..._NETWORK_..., ..._CD_ROM_...
     PDEVICE_OBJECT Disk;             // named DeviceName; Vpb->RealDevice
     PDEVICE_OBJECT FileSystemDevice; // Vpb->DeviceObject
     PVPB Vpb;                        // null for a network volume

@@ -3,7 +3,7 @@
 
 #include "hosted/io/volume.h"
 
-namespace host
+namespace hosted
 {
 // Every file object of a volume counts from its making to its deletion (+1, -1).
 void CountOpenFile(Volume* volume, int change);

@@ -7,7 +7,7 @@
 #include "hosted/ke/irql.h"
 #include "hosted/ob/handle_table.h"
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -30,8 +30,8 @@ NTSTATUS Complete(PIO_STATUS_BLOCK block, NTSTATUS status, ULONG_PTR information
 // Where a write goes that names no place, or one of the two that stand for a place.
 NTSTATUS ChooseOffset(PFILE_OBJECT file, const LARGE_INTEGER* wanted, LONGLONG* offset)
 {
-    const bool atPosition = wanted == nullptr || (wanted->HighPart == -1 &&
-                                                  wanted->LowPart == FILE_USE_FILE_POINTER_POSITION);
+    const bool atPosition =
+        wanted == nullptr || (wanted->HighPart == -1 && wanted->LowPart == FILE_USE_FILE_POINTER_POSITION);
     if (!atPosition)
     {
         *offset = wanted->QuadPart;
@@ -66,10 +66,10 @@ NTSTATUS WriteAt(PFILE_OBJECT file, LONGLONG offset, void* buffer, ULONG length,
 }
 }
 
-using namespace host;
+using namespace hosted;
 
 extern "C" NTSTATUS NTAPI ZwOpenFile(PHANDLE FileHandle, ACCESS_MASK DesiredAccess, POBJECT_ATTRIBUTES ObjectAttributes,
-                                     PIO_STATUS_BLOCK IoStatusBlock, ULONG ShareAccess, ULONG OpenOptions)
+    PIO_STATUS_BLOCK IoStatusBlock, ULONG ShareAccess, ULONG OpenOptions)
 {
     RequireIrql(PASSIVE_LEVEL, "ZwOpenFile");
     if (ObjectAttributes->Length != sizeof(OBJECT_ATTRIBUTES) || ObjectAttributes->ObjectName == nullptr)
@@ -113,8 +113,7 @@ extern "C" NTSTATUS NTAPI ZwOpenFile(PHANDLE FileHandle, ACCESS_MASK DesiredAcce
 }
 
 extern "C" NTSTATUS NTAPI ZwWriteFile(HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine, PVOID /*ApcContext*/,
-                                      PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer, ULONG Length,
-                                      PLARGE_INTEGER ByteOffset, PULONG Key)
+    PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer, ULONG Length, PLARGE_INTEGER ByteOffset, PULONG Key)
 {
     RequireIrql(PASSIVE_LEVEL, "ZwWriteFile");
     if (Event != nullptr || ApcRoutine != nullptr || Key != nullptr)
@@ -144,10 +143,9 @@ extern "C" NTSTATUS NTAPI ZwWriteFile(HANDLE FileHandle, HANDLE Event, PIO_APC_R
 }
 
 extern "C" NTSTATUS NTAPI ZwQueryDirectoryFile(HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine,
-                                               PVOID /*ApcContext*/, PIO_STATUS_BLOCK IoStatusBlock,
-                                               PVOID FileInformation, ULONG Length,
-                                               FILE_INFORMATION_CLASS FileInformationClass, BOOLEAN ReturnSingleEntry,
-                                               PUNICODE_STRING FileName, BOOLEAN RestartScan)
+    PVOID /*ApcContext*/, PIO_STATUS_BLOCK IoStatusBlock, PVOID FileInformation, ULONG Length,
+    FILE_INFORMATION_CLASS FileInformationClass, BOOLEAN ReturnSingleEntry, PUNICODE_STRING FileName,
+    BOOLEAN RestartScan)
 {
     RequireIrql(PASSIVE_LEVEL, "ZwQueryDirectoryFile");
     if (Event != nullptr || ApcRoutine != nullptr)
@@ -165,8 +163,8 @@ extern "C" NTSTATUS NTAPI ZwQueryDirectoryFile(HANDLE FileHandle, HANDLE Event, 
     if (!InjectFailure("ZwQueryDirectoryFile"))
     {
         const WideView pattern = FileName != nullptr ? View(*FileName) : WideView();
-        status = QueryDirectory(file, FileInformationClass, ReturnSingleEntry, RestartScan, pattern, FileInformation,
-                                Length, &used);
+        status = QueryDirectory(
+            file, FileInformationClass, ReturnSingleEntry, RestartScan, pattern, FileInformation, Length, &used);
         if (!NT_ERROR(status))
         {
             Complete(IoStatusBlock, status, used);

@@ -9,7 +9,7 @@
 // Present in coverage builds, where what a run did up to its bug check would otherwise go uncounted.
 extern "C" __attribute__((weak)) int __llvm_profile_write_file(void);
 
-namespace host
+namespace hosted
 {
 void BugCheck(const char* rule, const char* format, ...)
 {

@@ -1,7 +1,7 @@
 // The end of a run that broke a rule of the platform.
 #pragma once
 
-namespace host
+namespace hosted
 {
 // Writes the rule and the formatted detail (printf conventions) to standard error and aborts the process, as a
 // bug check stops the system. May be called at any IRQL, with any lock held.

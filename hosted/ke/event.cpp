@@ -13,7 +13,7 @@
 #include <utility>
 #include <vector>
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -58,8 +58,8 @@ bool WaitForEvent(PKEVENT event, unsigned timeoutMilliseconds)
     RequireEvent(event, "WaitForEvent");
     Bucket& bucket = BucketOf(event);
     std::unique_lock lock(bucket.Lock);
-    bool signalled = bucket.Changed.wait_for(lock, std::chrono::milliseconds(timeoutMilliseconds),
-                                             [event] { return event->Header.SignalState != 0; });
+    bool signalled = bucket.Changed.wait_for(
+        lock, std::chrono::milliseconds(timeoutMilliseconds), [event] { return event->Header.SignalState != 0; });
     if (signalled && event->Header.Type == SynchronizationEvent)
     {
         event->Header.SignalState = 0;
@@ -94,13 +94,13 @@ extern "C" void NTAPI KeInitializeEvent(PRKEVENT Event, EVENT_TYPE Type, BOOLEAN
 {
     if (Type != NotificationEvent && Type != SynchronizationEvent)
     {
-        host::BugCheck("event-type", "KeInitializeEvent was asked for type %d", static_cast<int>(Type));
+        hosted::BugCheck("event-type", "KeInitializeEvent was asked for type %d", static_cast<int>(Type));
     }
-    std::lock_guard lock(host::BucketOf(Event).Lock);
+    std::lock_guard lock(hosted::BucketOf(Event).Lock);
     DISPATCHER_HEADER& header = Event->Header;
     header.Type = static_cast<UCHAR>(Type);
     header.Signalling = 0;
-    header.Size = host::EventWords;
+    header.Size = hosted::EventWords;
     header.Inserted = 0;
     header.SignalState = State ? 1 : 0;
     header.WaitListHead.Flink = &header.WaitListHead;
@@ -109,18 +109,18 @@ extern "C" void NTAPI KeInitializeEvent(PRKEVENT Event, EVENT_TYPE Type, BOOLEAN
 
 extern "C" LONG NTAPI KeSetEvent(PRKEVENT Event, KPRIORITY Increment, BOOLEAN Wait)
 {
-    host::RequireIrql(DISPATCH_LEVEL, "KeSetEvent");
-    host::RequireEvent(Event, "KeSetEvent");
+    hosted::RequireIrql(DISPATCH_LEVEL, "KeSetEvent");
+    hosted::RequireEvent(Event, "KeSetEvent");
     if (Increment < 0)
     {
-        host::BugCheck("event-increment", "KeSetEvent with the priority increment %d", Increment);
+        hosted::BugCheck("event-increment", "KeSetEvent with the priority increment %d", Increment);
     }
     // With Wait set the caller keeps the dispatcher locked until the wait that has to follow.
     if (Wait)
     {
-        host::BugCheck("event-wait", "KeSetEvent with Wait set is not modelled");
+        hosted::BugCheck("event-wait", "KeSetEvent with Wait set is not modelled");
     }
-    host::Bucket& bucket = host::BucketOf(Event);
+    hosted::Bucket& bucket = hosted::BucketOf(Event);
     std::lock_guard lock(bucket.Lock);
     LONG previous = Event->Header.SignalState;
     Event->Header.SignalState = 1;
@@ -139,15 +139,15 @@ extern "C" LONG NTAPI KeSetEvent(PRKEVENT Event, KPRIORITY Increment, BOOLEAN Wa
 extern "C" NTSTATUS NTAPI KeWaitForSingleObject(
     PVOID Object, KWAIT_REASON, KPROCESSOR_MODE WaitMode, BOOLEAN Alertable, PLARGE_INTEGER Timeout)
 {
-    host::RequireIrql(APC_LEVEL, "KeWaitForSingleObject");
+    hosted::RequireIrql(APC_LEVEL, "KeWaitForSingleObject");
     const auto event = static_cast<PKEVENT>(Object);
-    host::RequireEvent(event, "KeWaitForSingleObject");
+    hosted::RequireEvent(event, "KeWaitForSingleObject");
     if (WaitMode != KernelMode || Alertable || Timeout != nullptr)
     {
-        host::BugCheck("NOT_MODELLED", "a wait in user mode, alertable or with a timeout");
+        hosted::BugCheck("NOT_MODELLED", "a wait in user mode, alertable or with a timeout");
     }
     constexpr unsigned AWhile = 1000;
-    while (!host::WaitForEvent(event, AWhile))
+    while (!hosted::WaitForEvent(event, AWhile))
     {
     }
     return STATUS_SUCCESS;

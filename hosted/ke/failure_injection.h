@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <string>
 
-namespace host
+namespace hosted
 {
 // Asked first by every exported routine that can fail. True: fail in the usual way. Counts the call.
 bool InjectFailure(const char* routine);

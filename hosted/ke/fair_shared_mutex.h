@@ -4,7 +4,7 @@
 #include <mutex>
 #include <shared_mutex>
 
-namespace host
+namespace hosted
 {
 // Nobody is passed by those who come later, so that one who wants to be alone gets his turn however many share. For
 // std::lock_guard, std::unique_lock and std::shared_lock. Not recursive, not even for those who share.

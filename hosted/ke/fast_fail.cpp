@@ -4,5 +4,5 @@
 
 extern "C" void NTAPI KeBugCheckOnFastFail(unsigned int Code)
 {
-    host::BugCheck("fast-fail", "code %u%s", Code, Code == FAST_FAIL_CORRUPT_LIST_ENTRY ? " (list corruption)" : "");
+    hosted::BugCheck("fast-fail", "code %u%s", Code, Code == FAST_FAIL_CORRUPT_LIST_ENTRY ? " (list corruption)" : "");
 }

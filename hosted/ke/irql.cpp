@@ -6,7 +6,7 @@
 #include <deque>
 #include <utility>
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -91,5 +91,5 @@ RaisedIrql::~RaisedIrql()
 
 extern "C" KIRQL NTAPI KeGetCurrentIrql(void)
 {
-    return host::CurrentIrql();
+    return hosted::CurrentIrql();
 }

@@ -4,7 +4,7 @@
 
 #include <mutex>
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -25,10 +25,8 @@ struct alignas(PAGE_SIZE) Page
 static_assert(sizeof(Page) == PAGE_SIZE);
 static_assert(offsetof(Page, SystemTime) == SharedSystemTimeOffset);
 
-constinit Page page = {
-    {},
-    {static_cast<ULONG>(InitialSystemTime), static_cast<LONG>(InitialSystemTime >> 32),
-     static_cast<LONG>(InitialSystemTime >> 32)}};
+constinit Page page = {{}, {static_cast<ULONG>(InitialSystemTime), static_cast<LONG>(InitialSystemTime >> 32),
+                               static_cast<LONG>(InitialSystemTime >> 32)}};
 std::mutex writers;
 }
 
@@ -62,5 +60,5 @@ void WriteSharedSystemTime(LONGLONG time)
 
 extern "C" void NTAPI KeQuerySystemTime(PLARGE_INTEGER CurrentTime)
 {
-    CurrentTime->QuadPart = host::ReadSharedSystemTime();
+    CurrentTime->QuadPart = hosted::ReadSharedSystemTime();
 }

@@ -5,7 +5,7 @@
 #include "hosted/ke/irql.h"
 #include "hosted/ke/system_model.h"
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -41,7 +41,7 @@ SIZE_T BytesLeft(ULONG_PTR frame)
 
 extern "C" void NTAPI IoGetStackLimits(PULONG_PTR LowLimit, PULONG_PTR HighLimit)
 {
-    using namespace host;
+    using namespace hosted;
     if (LowLimit == nullptr || HighLimit == nullptr)
     {
         BugCheck("null-pointer", "IoGetStackLimits without a place for both limits");
@@ -59,7 +59,7 @@ extern "C" void NTAPI IoGetStackLimits(PULONG_PTR LowLimit, PULONG_PTR HighLimit
 
 extern "C" NTSTATUS NTAPI KeExpandKernelStackAndCallout(PEXPAND_STACK_CALLOUT Callout, PVOID Parameter, SIZE_T Size)
 {
-    using namespace host;
+    using namespace hosted;
     RequireIrql(DISPATCH_LEVEL, "KeExpandKernelStackAndCallout");
     if (InjectFailure("KeExpandKernelStackAndCallout"))
     {

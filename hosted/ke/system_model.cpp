@@ -1,6 +1,6 @@
 #include "hosted/ke/system_model.h"
 
-namespace host
+namespace hosted
 {
 namespace
 {

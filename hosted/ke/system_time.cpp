@@ -4,7 +4,7 @@
 
 #include <mutex>
 
-namespace host
+namespace hosted
 {
 namespace
 {

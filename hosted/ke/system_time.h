@@ -3,7 +3,7 @@
 
 #include <ntifs.h>
 
-namespace host
+namespace hosted
 {
 // Where the clock stands after ResetSystemTime and at first: 2024-01-01 00:00:00 UTC.
 inline constexpr LONGLONG InitialSystemTime = 133485408000000000;

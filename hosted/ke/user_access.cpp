@@ -10,7 +10,7 @@
 #include <csignal>
 #include <mutex>
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -107,24 +107,28 @@ void OnFault(int signal, siginfo_t* information, void* context)
 void InstallHandler()
 {
     static std::once_flag once;
-    std::call_once(once, [] {
-        struct sigaction action = {};
-        action.sa_sigaction = OnFault;
-        // Not blocked while it runs: it may leave by a jump. On the alternative stack, if there is one, so that a
-        // stack overflow still reaches the sanitizer's handler.
-        action.sa_flags = SA_SIGINFO | SA_NODEFER | SA_ONSTACK;
-        sigemptyset(&action.sa_mask);
-        sigaction(SIGSEGV, &action, &previousSegv);
-        sigaction(SIGBUS, &action, &previousBus);
-    });
+    std::call_once(once,
+        []
+        {
+            struct sigaction action = {};
+            action.sa_sigaction = OnFault;
+            // Not blocked while it runs: it may leave by a jump. On the alternative stack, if there is one, so that a
+            // stack overflow still reaches the sanitizer's handler.
+            action.sa_flags = SA_SIGINFO | SA_NODEFER | SA_ONSTACK;
+            sigemptyset(&action.sa_mask);
+            sigaction(SIGSEGV, &action, &previousSegv);
+            sigaction(SIGBUS, &action, &previousBus);
+        });
 }
 
 void RequireNothingHeld(KIRQL level, int mutexes)
 {
     if (CurrentIrql() != level || FastMutexesHeld() != mutexes)
     {
-        BugCheck("guarded-access-holds", "a fault left guarded access at level %u with %d fast mutexes (entered at "
-                 "%u with %d)", CurrentIrql(), FastMutexesHeld(), level, mutexes);
+        BugCheck("guarded-access-holds",
+            "a fault left guarded access at level %u with %d fast mutexes (entered at "
+            "%u with %d)",
+            CurrentIrql(), FastMutexesHeld(), level, mutexes);
     }
 }
 }

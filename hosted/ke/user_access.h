@@ -3,7 +3,7 @@
 
 #include <ntifs.h>
 
-namespace host
+namespace hosted
 {
 // Page-granular memory of a simulated program. Addresses inside a live region are user addresses, and so is the
 // first 64 KiB of the address space; everything else belongs to the kernel.

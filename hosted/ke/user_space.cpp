@@ -10,7 +10,7 @@
 #include <mutex>
 #include <sys/mman.h>
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -34,8 +34,8 @@ struct Space
 
     Space()
     {
-        void* base = mmap(nullptr, SpacePages * PAGE_SIZE, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE,
-                          -1, 0);
+        void* base =
+            mmap(nullptr, SpacePages * PAGE_SIZE, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
         if (base == MAP_FAILED)
         {
             BugCheck("user-space", "no address space: %s", strerror(errno));
@@ -150,8 +150,8 @@ void ReleaseUserPages(UCHAR* base, SIZE_T bytes)
     SIZE_T pages = bytes / PAGE_SIZE + 1;
     MarkPages(PageOf(base), pages, Dead);
     // A fresh mapping over the old one gives the memory back and makes the next use of these pages zero-filled.
-    void* mapped = mmap(base, pages * PAGE_SIZE, PROT_NONE,
-                        MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_FIXED, -1, 0);
+    void* mapped =
+        mmap(base, pages * PAGE_SIZE, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_FIXED, -1, 0);
     if (mapped != base)
     {
         BugCheck("user-space", "pages cannot be given back: %s", strerror(errno));

@@ -3,7 +3,7 @@
 
 #include <ntifs.h>
 
-namespace host
+namespace hosted
 {
 // Zero-filled, readable and writable, followed by an inaccessible page that belongs to the region. `bytes` is a
 // whole number of pages. Bug check when the range is used up.

@@ -11,7 +11,7 @@ extern "C" void __asan_handle_no_return() __attribute__((weak));
 struct KeptRegisters
 {
     ULONGLONG Rbx, Rbp, Rsi, Rdi, R12, R13, R14, R15;
-    host::Xmm Vector6To15[10];
+    hosted::Xmm Vector6To15[10];
 };
 
 // From the stubs. `slot` is where the return address stands.
@@ -20,10 +20,10 @@ extern "C" NTAPI void HostedCallOut(ULONGLONG* slot, const KeptRegisters* kept);
 extern "C" NTAPI ULONGLONG HostedCallReturn(ULONGLONG rsp);
 extern "C" void HostedCallOutStub();
 extern "C" void HostedCallReturnStub();
-extern "C" void HostedContinue(const host::ProcessorContext* context, ULONGLONG* stack);
+extern "C" void HostedContinue(const hosted::ProcessorContext* context, ULONGLONG* stack);
 
-// The stub is entered by a jump, with the routine in r11 and the caller's frame untouched: arguments in rcx, rdx, r8, r9,
-// xmm0 to xmm3 and on the stack, whose layout the routine must find as the caller made it.
+// The stub is entered by a jump, with the routine in r11 and the caller's frame untouched: arguments in rcx, rdx, r8,
+// r9, xmm0 to xmm3 and on the stack, whose layout the routine must find as the caller made it.
 __asm__(R"(
     .text
     .globl HostedCallOutStub
@@ -121,7 +121,7 @@ HostedContinue:
     ret
 )");
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -139,8 +139,7 @@ UCHAR* Emit(UCHAR* at, std::initializer_list<UCHAR> opcode, const void* operand)
 }
 
 CallOutTable::CallOutTable()
-    : code_(static_cast<UCHAR*>(
-          mmap(nullptr, CodeBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0)))
+    : code_(static_cast<UCHAR*>(mmap(nullptr, CodeBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0)))
 {
     if (code_ == MAP_FAILED)
     {
@@ -204,21 +203,21 @@ void ContinueAt(const ProcessorContext& context)
 
 extern "C" NTAPI void HostedCallOut(ULONGLONG* slot, const KeptRegisters* kept)
 {
-    host::CallOut call;
+    hosted::CallOut call;
     call.Rip = *slot;
     call.Rsp = reinterpret_cast<ULONGLONG>(slot + 1);
     std::memcpy(&call.Rbx, kept, sizeof(*kept));
-    host::callOuts.push_back(call);
+    hosted::callOuts.push_back(call);
     *slot = reinterpret_cast<ULONGLONG>(HostedCallReturnStub);
 }
 
 extern "C" NTAPI ULONGLONG HostedCallReturn(ULONGLONG rsp)
 {
-    if (host::callOuts.empty() || host::callOuts.back().Rsp != rsp)
+    if (hosted::callOuts.empty() || hosted::callOuts.back().Rsp != rsp)
     {
-        host::BugCheck("call-out-order", "a routine returned to an image that did not call it");
+        hosted::BugCheck("call-out-order", "a routine returned to an image that did not call it");
     }
-    const ULONGLONG rip = host::callOuts.back().Rip;
-    host::callOuts.pop_back();
+    const ULONGLONG rip = hosted::callOuts.back().Rip;
+    hosted::callOuts.pop_back();
     return rip;
 }

@@ -6,7 +6,7 @@
 
 #include <vector>
 
-namespace host
+namespace hosted
 {
 // The image's registers as they are right behind a call that is under way.
 struct CallOut

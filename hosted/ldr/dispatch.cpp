@@ -5,7 +5,7 @@
 #include "hosted/ldr/loaded_image.h"
 #include "hosted/ldr/unwind.h"
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -59,8 +59,7 @@ bool Step(ULONG wanted, ProcessorContext* context, DispatcherContext* frame)
         UnwindLeaf(context);
         return true;
     }
-    const UnwoundFrame unwound =
-        UnwindFrame(wanted, frame->ImageBase, frame->ControlPc, frame->Function, context);
+    const UnwoundFrame unwound = UnwindFrame(wanted, frame->ImageBase, frame->ControlPc, frame->Function, context);
     frame->EstablisherFrame = unwound.EstablisherFrame;
     frame->Handler = unwound.Handler;
     frame->HandlerData = unwound.HandlerData;
@@ -219,7 +218,7 @@ bool IsHandlerRoutine(const char* name)
 
 extern "C" int NTAPI KernelCSpecificHandler(PVOID record, PVOID frame, PVOID context, PVOID dispatcher)
 {
-    using namespace host;
+    using namespace hosted;
     const auto at = static_cast<DispatcherContext*>(dispatcher);
     const auto exception = static_cast<ExceptionRecord*>(record);
     if ((exception->Flags & ExceptionUnwinding) == 0)

@@ -3,7 +3,7 @@
 
 #include "hosted/ldr/exception.h"
 
-namespace host
+namespace hosted
 {
 // Searches the image's frames from these registers outwards for a handler, up to where the image was called from the
 // hosted kernel. Continues in the handler when there is one, after the termination handlers on the way have run, and

@@ -5,7 +5,7 @@
 
 #include <cstddef>
 
-namespace host
+namespace hosted
 {
 struct alignas(16) Xmm
 {
@@ -16,7 +16,22 @@ struct alignas(16) Xmm
 // Integer registers in the order of their numbers in instructions.
 enum IntegerRegister : unsigned
 {
-    Rax, Rcx, Rdx, Rbx, Rsp, Rbp, Rsi, Rdi, R8, R9, R10, R11, R12, R13, R14, R15,
+    Rax,
+    Rcx,
+    Rdx,
+    Rbx,
+    Rsp,
+    Rbp,
+    Rsi,
+    Rdi,
+    R8,
+    R9,
+    R10,
+    R11,
+    R12,
+    R13,
+    R14,
+    R15,
     IntegerRegisters
 };
 constexpr unsigned XmmRegisters = 16;

@@ -2,7 +2,7 @@
 
 #include <fltkernel.h>
 
-namespace host
+namespace hosted
 {
 namespace
 {

@@ -10,13 +10,13 @@
 #include <cstring>
 #include <ucontext.h>
 
-namespace host
+namespace hosted
 {
 namespace
 {
 // Registers of a signal frame in the order of their numbers in instructions.
-constexpr int SignalRegisters[IntegerRegisters] = {REG_RAX, REG_RCX, REG_RDX, REG_RBX, REG_RSP, REG_RBP, REG_RSI, REG_RDI,
-                                                   REG_R8, REG_R9, REG_R10, REG_R11, REG_R12, REG_R13, REG_R14, REG_R15};
+constexpr int SignalRegisters[IntegerRegisters] = {REG_RAX, REG_RCX, REG_RDX, REG_RBX, REG_RSP, REG_RBP, REG_RSI,
+    REG_RDI, REG_R8, REG_R9, REG_R10, REG_R11, REG_R12, REG_R13, REG_R14, REG_R15};
 
 ProcessorContext FromSignal(const ucontext_t* signal)
 {
@@ -72,8 +72,8 @@ bool ServeSharedData(ucontext_t* signal)
         const auto value = static_cast<ULONGLONG>(signal->uc_mcontext.gregs[index]);
         if (value - SharedUserDataAddress < PAGE_SIZE)
         {
-            signal->uc_mcontext.gregs[index] = static_cast<greg_t>(
-                value - SharedUserDataAddress + reinterpret_cast<ULONGLONG>(SharedUserDataPage()));
+            signal->uc_mcontext.gregs[index] =
+                static_cast<greg_t>(value - SharedUserDataAddress + reinterpret_cast<ULONGLONG>(SharedUserDataPage()));
             return true;
         }
     }

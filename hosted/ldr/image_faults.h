@@ -3,7 +3,7 @@
 
 #include <ntifs.h>
 
-namespace host
+namespace hosted
 {
 // From now on faults inside loaded images are served (privileged instructions, the shared user data page), turned into
 // exceptions for the image's handlers (user addresses), or reported. Again and again without effect.

@@ -46,7 +46,7 @@ const Named Routines[] = {
 };
 }
 
-namespace host
+namespace hosted
 {
 void* ImageRoutine(const char* name)
 {

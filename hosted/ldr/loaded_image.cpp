@@ -13,7 +13,7 @@
 #include <strings.h>
 #include <sys/mman.h>
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -36,9 +36,8 @@ const ExportedRoutine& FindExport(const ImageImport& import)
 {
     size_t count = 0;
     const ExportedRoutine* routines = ExportedRoutines(&count);
-    const auto found = std::find_if(routines, routines + count, [&import](const ExportedRoutine& routine) {
-        return strcasecmp(routine.Module, import.Module.c_str()) == 0 && routine.Name == import.Name;
-    });
+    const auto found = std::find_if(routines, routines + count, [&import](const ExportedRoutine& routine)
+        { return strcasecmp(routine.Module, import.Module.c_str()) == 0 && routine.Name == import.Name; });
     if (found == routines + count)
     {
         throw BadImage("the import " + import.Name + " from " + import.Module + " is unknown here");

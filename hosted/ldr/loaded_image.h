@@ -8,7 +8,7 @@
 
 #include <filesystem>
 
-namespace host
+namespace hosted
 {
 class LoadedImage
 {

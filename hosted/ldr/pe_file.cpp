@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -109,7 +109,7 @@ Headers FindHeaders(const Reader& file)
 
 // A table of the image; absent ones have no bytes.
 void ReadDirectory(const Reader& file, const Headers& headers, std::uint32_t index, std::uint32_t imageSize,
-                   std::uint32_t* address, std::uint32_t* bytes)
+    std::uint32_t* address, std::uint32_t* bytes)
 {
     if (index >= file.At<std::uint32_t>(headers.Optional + 108))
     {

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-namespace host
+namespace hosted
 {
 // An image that cannot be loaded; what() says why.
 class BadImage : public std::runtime_error

@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <cstring>
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -104,10 +104,12 @@ void Undo(const Code& code, const USHORT* operands, const UnwindInfo* info, ULON
         integer[code.Detail] = Load(frame + Word32(operands));
         break;
     case SaveXmm:
-        std::memcpy(&context->Vector[code.Detail], reinterpret_cast<const void*>(frame + operands[0] * 16u), sizeof(Xmm));
+        std::memcpy(
+            &context->Vector[code.Detail], reinterpret_cast<const void*>(frame + operands[0] * 16u), sizeof(Xmm));
         break;
     case SaveXmmFar:
-        std::memcpy(&context->Vector[code.Detail], reinterpret_cast<const void*>(frame + Word32(operands)), sizeof(Xmm));
+        std::memcpy(
+            &context->Vector[code.Detail], reinterpret_cast<const void*>(frame + Word32(operands)), sizeof(Xmm));
         break;
     default:
         // A machine frame: drivers have no interrupt entries.
@@ -204,12 +206,12 @@ void UnwindLeaf(ProcessorContext* context)
 }
 }
 
-extern "C" host::LanguageHandler NTAPI KernelVirtualUnwind(ULONG HandlerType, ULONGLONG ImageBase, ULONGLONG ControlPc,
-    const host::FunctionEntry* FunctionEntry, host::ProcessorContext* ContextRecord, PVOID* HandlerData,
-    PULONGLONG EstablisherFrame, PVOID)
+extern "C" hosted::LanguageHandler NTAPI KernelVirtualUnwind(ULONG HandlerType, ULONGLONG ImageBase,
+    ULONGLONG ControlPc, const hosted::FunctionEntry* FunctionEntry, hosted::ProcessorContext* ContextRecord,
+    PVOID* HandlerData, PULONGLONG EstablisherFrame, PVOID)
 {
-    const host::UnwoundFrame frame =
-        host::UnwindFrame(HandlerType, ImageBase, ControlPc, FunctionEntry, ContextRecord);
+    const hosted::UnwoundFrame frame =
+        hosted::UnwindFrame(HandlerType, ImageBase, ControlPc, FunctionEntry, ContextRecord);
     *HandlerData = frame.HandlerData;
     *EstablisherFrame = frame.EstablisherFrame;
     return frame.Handler;

@@ -3,7 +3,7 @@
 
 #include "hosted/ldr/exception.h"
 
-namespace host
+namespace hosted
 {
 // The entry that covers an address of the image at `base`, or null: the address belongs to no function with a frame.
 const FunctionEntry* FindFunction(const UCHAR* base, ULONG unwindTable, ULONG unwindBytes, ULONGLONG address);
@@ -28,6 +28,6 @@ void UnwindLeaf(ProcessorContext* context);
 }
 
 // What compiled code that has handlers of its own imports.
-extern "C" host::LanguageHandler NTAPI KernelVirtualUnwind(ULONG HandlerType, ULONGLONG ImageBase, ULONGLONG ControlPc,
-    const host::FunctionEntry* FunctionEntry, host::ProcessorContext* ContextRecord, PVOID* HandlerData,
-    PULONGLONG EstablisherFrame, PVOID ContextPointers);
+extern "C" hosted::LanguageHandler NTAPI KernelVirtualUnwind(ULONG HandlerType, ULONGLONG ImageBase,
+    ULONGLONG ControlPc, const hosted::FunctionEntry* FunctionEntry, hosted::ProcessorContext* ContextRecord,
+    PVOID* HandlerData, PULONGLONG EstablisherFrame, PVOID ContextPointers);

@@ -15,7 +15,7 @@
 
 #include <atomic>
 
-namespace host
+namespace hosted
 {
 namespace
 {

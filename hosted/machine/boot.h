@@ -3,7 +3,7 @@
 
 #include "hosted/ke/system_model.h"
 
-namespace host
+namespace hosted
 {
 // Bug check when another machine is up.
 void ResetKernel(const SystemModel& model);

@@ -7,7 +7,7 @@
 #include <cstring>
 #include <ostream>
 
-namespace host
+namespace hosted
 {
 namespace
 {

@@ -9,7 +9,7 @@
 #include <optional>
 #include <vector>
 
-namespace host
+namespace hosted
 {
 // What a request came to. Output is what the caller's buffer holds afterwards, whatever the byte count says.
 struct ControlResult
@@ -22,7 +22,7 @@ struct ControlResult
 enum class OutputBuffer
 {
     Ordinary,
-    Exact,      // ends at an inaccessible page
+    Exact, // ends at an inaccessible page
     ReadOnly,
     NoAccess,
     Null,
@@ -63,8 +63,8 @@ inline ControlAnswer Added(ULONG id)
 struct PidListAnswer
 {
     NTSTATUS Status = STATUS_SUCCESS;
-    ULONG Count = 0;         // as the driver wrote it
-    std::vector<ULONG> Ids;  // those that fit; empty unless the request succeeded
+    ULONG Count = 0;        // as the driver wrote it
+    std::vector<ULONG> Ids; // those that fit; empty unless the request succeeded
 };
 
 struct LogAnswer
@@ -82,8 +82,8 @@ class ControlClient
 {
 public:
     // `outputSize` in bytes.
-    ControlResult DeviceControl(ULONG code, std::string_view input = {}, ULONG outputSize = 0,
-                                const ControlOptions& options = {}) const;
+    ControlResult DeviceControl(
+        ULONG code, std::string_view input = {}, ULONG outputSize = 0, const ControlOptions& options = {}) const;
 
     NTSTATUS SetCryptKey(std::string_view key, UCHAR mask) const;
     ControlAnswer AddParentProcess(WideView pattern) const;

@@ -2,7 +2,7 @@
 
 #include "hosted/io/file.h"
 
-namespace host
+namespace hosted
 {
 NTSTATUS OpenControlDevice(PFILE_OBJECT* file)
 {

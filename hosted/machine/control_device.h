@@ -3,7 +3,7 @@
 
 #include "hosted/rtl/wide_string.h"
 
-namespace host
+namespace hosted
 {
 // The link that the driver makes.
 inline constexpr WideView ControlDevicePath = L"\\??\\Tarnveil";

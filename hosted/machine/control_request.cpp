@@ -7,7 +7,7 @@
 
 #include <algorithm>
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -72,8 +72,8 @@ private:
 };
 }
 
-ControlResult ControlClient::DeviceControl(ULONG code, std::string_view input, ULONG outputSize,
-                                           const ControlOptions& options) const
+ControlResult ControlClient::DeviceControl(
+    ULONG code, std::string_view input, ULONG outputSize, const ControlOptions& options) const
 {
     const AttachedProcess attached(RunningProcess(*state_));
     ControlResult result;
@@ -96,7 +96,7 @@ ControlResult ControlClient::DeviceControl(ULONG code, std::string_view input, U
         request.Probe = options.Probe;
         request.BeforeDispatch = [&output] { output.LoseMidway(); };
         IO_STATUS_BLOCK status{};
-        result.Status = host::DeviceControl(device, request, &status);
+        result.Status = hosted::DeviceControl(device, request, &status);
         result.Information = status.Information;
         result.Output = output.Content();
     }

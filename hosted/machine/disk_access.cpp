@@ -8,7 +8,7 @@
 #include <mutex>
 #include <vector>
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -71,8 +71,7 @@ NTSTATUS MakeFolders(Volume& volume, WideView path)
     for (size_t end = path.find(L'\\', 1); end != WideView::npos; end = path.find(L'\\', end + 1))
     {
         // An access that every share mode allows: programs may have the folder open, and others make it just now.
-        const DirectFile folder(
-            volume, path.substr(0, end), FILE_READ_ATTRIBUTES, FILE_OPEN_IF, FILE_DIRECTORY_FILE);
+        const DirectFile folder(volume, path.substr(0, end), FILE_READ_ATTRIBUTES, FILE_OPEN_IF, FILE_DIRECTORY_FILE);
         if (!NT_SUCCESS(folder.Status()))
         {
             return folder.Status();

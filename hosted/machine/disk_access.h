@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-namespace host
+namespace hosted
 {
 // The volume that a path ("C:\a\b", an NT path) leads to and the path below it. Null when it leads to none.
 Volume* FindVolume(WideView path, WideString* remainder);

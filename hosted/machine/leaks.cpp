@@ -7,7 +7,7 @@
 #include "hosted/ob/handle_table.h"
 #include "hosted/ps/process_notify.h"
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -31,8 +31,8 @@ void Compare(std::string* text, const char* kind, size_t before, size_t now)
 
 Inventory TakeInventory()
 {
-    return {LivePoolAllocations(),       DescribeLiveObjects(),       KernelHandles().Count(), DescribeLiveMdls(),
-            DescribeLiveFilterObjects(), RegisteredNotifyRoutines(), PendingIrps()};
+    return {LivePoolAllocations(), DescribeLiveObjects(), KernelHandles().Count(), DescribeLiveMdls(),
+        DescribeLiveFilterObjects(), RegisteredNotifyRoutines(), PendingIrps()};
 }
 
 std::string DescribeLeaks(const Inventory& before)

@@ -5,7 +5,7 @@
 
 #include <string>
 
-namespace host
+namespace hosted
 {
 struct Inventory
 {

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <ostream>
 
-namespace host
+namespace hosted
 {
 static_assert(sizeof(TARNVEIL_LOG_RECORD) == TARNVEIL_LOG_RECORD_BYTES);
 

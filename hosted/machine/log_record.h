@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-namespace host
+namespace hosted
 {
 // Texts in UTF-8, up to their NUL.
 struct LogRecord

@@ -20,7 +20,7 @@
 #include <ranges>
 #include <utility>
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -90,7 +90,7 @@ NTSTATUS Machine::UnloadDriver()
 
 NTSTATUS Machine::UnloadWithoutFilter()
 {
-    return UnloadBy(host::UnloadWithoutFilter);
+    return UnloadBy(hosted::UnloadWithoutFilter);
 }
 
 NTSTATUS Machine::UnloadBy(NTSTATUS (*unload)())
@@ -123,7 +123,7 @@ void Machine::AbandonDriver()
     // Where a filter was registered, its own unload does the most.
     if (!NT_SUCCESS(UnloadFilter()))
     {
-        host::UnloadWithoutFilter();
+        hosted::UnloadWithoutFilter();
     }
     ResetNotifyRoutines();
     RemoveSymbolicLink(ControlDevicePath);
@@ -162,12 +162,14 @@ Program Machine::StartProcess(const ProcessParameters& parameters)
 
 void Machine::ExitAtLookup(const Program& program)
 {
-    SetBeforeProcessLookup([program, id = program.Id()](HANDLE asked) {
-        if (asked == id)
+    SetBeforeProcessLookup(
+        [program, id = program.Id()](HANDLE asked)
         {
-            program.Exit();
-        }
-    });
+            if (asked == id)
+            {
+                program.Exit();
+            }
+        });
 }
 
 std::string Machine::Disk(WideView path) const
@@ -246,12 +248,12 @@ void Machine::SetTime(LONGLONG time)
 
 std::vector<std::string> Machine::DebugPrints() const
 {
-    return host::DebugPrints();
+    return hosted::DebugPrints();
 }
 
 void Machine::ClearDebugPrints()
 {
-    host::ClearDebugPrints();
+    hosted::ClearDebugPrints();
 }
 
 void Machine::Shutdown()

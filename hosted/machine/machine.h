@@ -9,7 +9,7 @@
 #include "hosted/machine/machine_volume.h"
 #include "hosted/machine/program.h"
 
-namespace host
+namespace hosted
 {
 // One at a time. Boots in the constructor; the destructor shuts down and reports what was left behind (see
 // SetLeakHandler).
@@ -75,7 +75,7 @@ public:
     void SetTime(LONGLONG time);
 
     // Empty at boot but for the driver's service key.
-    host::Registry& Registry() const { return SystemRegistry(); }
+    hosted::Registry& Registry() const { return SystemRegistry(); }
     std::vector<std::string> DebugPrints() const;
     void ClearDebugPrints();
 

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-namespace host
+namespace hosted
 {
 struct VolumeOptions
 {

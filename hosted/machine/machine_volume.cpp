@@ -1,9 +1,9 @@
 #include "hosted/machine/machine_volume.h"
 
 #include "hosted/cc/cache.h"
-#include "hosted/fs/folder_file_system.h"
+#include "hosted/fs/folder/folder_file_system.h"
 
-namespace host
+namespace hosted
 {
 MachineVolume::MachineVolume(VolumeOptions options)
     : options_(std::move(options)), disk_(options_.Directory.empty() ? CreateMemoryDisk() : nullptr)

@@ -5,7 +5,7 @@
 #include "hosted/io/volume.h"
 #include "hosted/machine/machine_options.h"
 
-namespace host
+namespace hosted
 {
 class MachineVolume
 {

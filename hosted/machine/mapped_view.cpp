@@ -6,17 +6,14 @@
 
 #include <atomic>
 
-namespace host
+namespace hosted
 {
 struct MappedView::State final : ProgramResource
 {
     std::shared_ptr<ProgramState> Owner;
     std::atomic<PFILE_OBJECT> File{nullptr}; // referenced
 
-    ~State() override
-    {
-        State::Close();
-    }
+    ~State() override { State::Close(); }
 
     void Close() override
     {

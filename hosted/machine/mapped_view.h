@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-namespace host
+namespace hosted
 {
 struct ProgramState;
 

@@ -5,7 +5,7 @@
 
 extern "C" NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING RegistryPath);
 
-namespace host::Image
+namespace hosted::Image
 {
 inline DRIVER_INITIALIZE* const Native = &DriverEntry;
 }

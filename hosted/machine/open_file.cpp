@@ -5,7 +5,7 @@
 #include <cstring>
 #include <mutex>
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -39,8 +39,8 @@ DirectoryEntry DecodeEntry(const char* at)
     constexpr size_t fixed = offsetof(FILE_BOTH_DIR_INFORMATION, FileName);
     std::memcpy(static_cast<void*>(&entry), at, fixed);
     return {NarrowBytes(at + fixed, entry.FileNameLength),
-            NarrowBytes(reinterpret_cast<const char*>(entry.ShortName), static_cast<UCHAR>(entry.ShortNameLength)),
-            entry.EndOfFile.QuadPart, entry.FileAttributes};
+        NarrowBytes(reinterpret_cast<const char*>(entry.ShortName), static_cast<UCHAR>(entry.ShortNameLength)),
+        entry.EndOfFile.QuadPart, entry.FileAttributes};
 }
 
 void DecodeEntries(const std::string& bytes, std::vector<DirectoryEntry>* entries)
@@ -62,10 +62,7 @@ struct OpenFileState final : ProgramResource
     std::shared_ptr<ProgramState> Owner;
     std::atomic<PFILE_OBJECT> Object{nullptr};
 
-    ~OpenFileState() override
-    {
-        OpenFileState::Close();
-    }
+    ~OpenFileState() override { OpenFileState::Close(); }
 
     void Close() override
     {
@@ -78,8 +75,7 @@ struct OpenFileState final : ProgramResource
     }
 };
 
-ProgramFile::ProgramFile(std::shared_ptr<ProgramState> owner, NTSTATUS status, ULONG_PTR information,
-                         PFILE_OBJECT file)
+ProgramFile::ProgramFile(std::shared_ptr<ProgramState> owner, NTSTATUS status, ULONG_PTR information, PFILE_OBJECT file)
     : state_(std::make_shared<OpenFileState>()), status_(status), information_(information)
 {
     state_->Owner = std::move(owner);
@@ -148,31 +144,35 @@ NTSTATUS ProgramFile::Run(Operation&& operation)
 
 NTSTATUS ProgramFile::Write(std::string_view bytes, LONGLONG offset)
 {
-    return Run([&](PFILE_OBJECT file, ULONG_PTR& written) {
-        UserBuffer buffer(state_->Owner->Buffers, bytes.size(), 0);
-        buffer.Set(bytes);
-        IO_STATUS_BLOCK status{};
-        const NTSTATUS result =
-            WriteFile(file, offset, buffer.Address(), static_cast<ULONG>(bytes.size()), &status);
-        written = status.Information;
-        return result;
-    });
+    return Run(
+        [&](PFILE_OBJECT file, ULONG_PTR& written)
+        {
+            UserBuffer buffer(state_->Owner->Buffers, bytes.size(), 0);
+            buffer.Set(bytes);
+            IO_STATUS_BLOCK status{};
+            const NTSTATUS result =
+                WriteFile(file, offset, buffer.Address(), static_cast<ULONG>(bytes.size()), &status);
+            written = status.Information;
+            return result;
+        });
 }
 
 std::string ProgramFile::Read(LONGLONG offset, ULONG length)
 {
     std::string bytes;
-    Run([&](PFILE_OBJECT file, ULONG_PTR& read) {
-        UserBuffer buffer(state_->Owner->Buffers, length, UnreadByte);
-        IO_STATUS_BLOCK status{};
-        const NTSTATUS result = ReadFile(file, offset, buffer.Address(), length, &status);
-        read = status.Information;
-        if (!NT_ERROR(result))
+    Run(
+        [&](PFILE_OBJECT file, ULONG_PTR& read)
         {
-            bytes = buffer.Content(read);
-        }
-        return result;
-    });
+            UserBuffer buffer(state_->Owner->Buffers, length, UnreadByte);
+            IO_STATUS_BLOCK status{};
+            const NTSTATUS result = ReadFile(file, offset, buffer.Address(), length, &status);
+            read = status.Information;
+            if (!NT_ERROR(result))
+            {
+                bytes = buffer.Content(read);
+            }
+            return result;
+        });
     return bytes;
 }
 
@@ -202,7 +202,7 @@ NTSTATUS ProgramFile::Flush()
 
 NTSTATUS ProgramFile::SetEndOfFile(LONGLONG size)
 {
-    return Run([size](PFILE_OBJECT file, ULONG_PTR&) { return host::SetEndOfFile(file, size); });
+    return Run([size](PFILE_OBJECT file, ULONG_PTR&) { return hosted::SetEndOfFile(file, size); });
 }
 
 LONGLONG ProgramFile::Size()
@@ -214,9 +214,8 @@ LONGLONG ProgramFile::Size()
 ULONGLONG ProgramFile::FileId()
 {
     const std::string answer = QueryInformation(FileInternalInformation, sizeof(FILE_INTERNAL_INFORMATION));
-    return NT_SUCCESS(Status())
-               ? static_cast<ULONGLONG>(Decode<FILE_INTERNAL_INFORMATION>(answer).IndexNumber.QuadPart)
-               : 0;
+    return NT_SUCCESS(Status()) ? static_cast<ULONGLONG>(Decode<FILE_INTERNAL_INFORMATION>(answer).IndexNumber.QuadPart)
+                                : 0;
 }
 
 NTSTATUS ProgramFile::Rename(WideView newPath, bool replace)
@@ -241,25 +240,29 @@ NTSTATUS ProgramFile::Delete(bool really)
 
 NTSTATUS ProgramFile::SetInformation(FILE_INFORMATION_CLASS kind, std::string_view bytes)
 {
-    return Run([&](PFILE_OBJECT file, ULONG_PTR&) {
-        UserBuffer buffer(state_->Owner->Buffers, bytes.size(), 0);
-        buffer.Set(bytes);
-        return host::SetInformation(file, kind, buffer.Address(), static_cast<ULONG>(bytes.size()));
-    });
+    return Run(
+        [&](PFILE_OBJECT file, ULONG_PTR&)
+        {
+            UserBuffer buffer(state_->Owner->Buffers, bytes.size(), 0);
+            buffer.Set(bytes);
+            return hosted::SetInformation(file, kind, buffer.Address(), static_cast<ULONG>(bytes.size()));
+        });
 }
 
 std::string ProgramFile::QueryInformation(FILE_INFORMATION_CLASS kind, ULONG length)
 {
     std::string bytes;
-    Run([&](PFILE_OBJECT file, ULONG_PTR& used) {
-        UserBuffer buffer(state_->Owner->Buffers, length, UnreadByte);
-        const NTSTATUS status = host::QueryInformation(file, kind, buffer.Address(), length, &used);
-        if (!NT_ERROR(status))
+    Run(
+        [&](PFILE_OBJECT file, ULONG_PTR& used)
         {
-            bytes = buffer.Content(used);
-        }
-        return status;
-    });
+            UserBuffer buffer(state_->Owner->Buffers, length, UnreadByte);
+            const NTSTATUS status = hosted::QueryInformation(file, kind, buffer.Address(), length, &used);
+            if (!NT_ERROR(status))
+            {
+                bytes = buffer.Content(used);
+            }
+            return status;
+        });
     return bytes;
 }
 
@@ -268,10 +271,11 @@ std::vector<DirectoryEntry> ProgramFile::List(WideView pattern)
     constexpr ULONG length = 4096;
     std::vector<DirectoryEntry> entries;
     bool restart = true;
-    const auto next = [&](PFILE_OBJECT file, ULONG_PTR& used) {
+    const auto next = [&](PFILE_OBJECT file, ULONG_PTR& used)
+    {
         UserBuffer buffer(state_->Owner->Buffers, length, UnreadByte);
-        const NTSTATUS status = QueryDirectory(file, FileBothDirectoryInformation, false, restart, pattern,
-                                               buffer.Address(), length, &used);
+        const NTSTATUS status = QueryDirectory(
+            file, FileBothDirectoryInformation, false, restart, pattern, buffer.Address(), length, &used);
         if (NT_SUCCESS(status) && used != 0)
         {
             DecodeEntries(buffer.Content(used), &entries);

@@ -10,7 +10,7 @@
 #include <string_view>
 #include <vector>
 
-namespace host
+namespace hosted
 {
 struct ProgramState;
 struct OpenFileState;

@@ -4,7 +4,7 @@
 #include "hosted/machine/program_state.h"
 #include "hosted/ps/process_create.h"
 
-namespace host
+namespace hosted
 {
 Program Program::Launch(const ProcessParameters& parameters)
 {

@@ -6,7 +6,7 @@
 #include "hosted/machine/open_file.h"
 #include "hosted/ps/process.h"
 
-namespace host
+namespace hosted
 {
 struct ProcessParameters;
 
@@ -49,7 +49,7 @@ public:
     ProgramFile CreateDirectory(WideView path) const;
     // `name` without a leading backslash, below an open directory (or ":stream" of an open file).
     ProgramFile OpenRelative(const ProgramFile& root, WideView name, ULONG disposition = FILE_OPEN,
-                             ACCESS_MASK access = ReadWriteAccess) const;
+        ACCESS_MASK access = ReadWriteAccess) const;
     // On the volume of that drive, "C:".
     ProgramFile OpenById(WideView drive, ULONGLONG fileId, ACCESS_MASK access = ReadWriteAccess) const;
     // Exactly this request; its path is an NT path.

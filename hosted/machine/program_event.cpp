@@ -6,7 +6,7 @@
 
 #include <atomic>
 
-namespace host
+namespace hosted
 {
 struct ProgramEvent::State
 {

@@ -5,7 +5,7 @@
 
 #include <memory>
 
-namespace host
+namespace hosted
 {
 struct ProgramState;
 

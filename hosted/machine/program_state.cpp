@@ -5,7 +5,7 @@
 
 #include <utility>
 
-namespace host
+namespace hosted
 {
 namespace
 {

@@ -6,7 +6,7 @@
 
 #include <list>
 
-namespace host
+namespace hosted
 {
 // Something that a program has and the system takes away when it exits.
 class ProgramResource

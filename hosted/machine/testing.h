@@ -5,9 +5,10 @@
 
 #include <gtest/gtest.h>
 
-namespace host
+namespace hosted
 {
-inline const bool LeaksFailTests = [] {
+inline const bool LeaksFailTests = []
+{
     SetLeakHandler([](const std::string& leaks) { ADD_FAILURE() << "left behind:\n" << leaks; });
     return true;
 }();

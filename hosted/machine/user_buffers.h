@@ -10,7 +10,7 @@
 #include <string_view>
 #include <vector>
 
-namespace host
+namespace hosted
 {
 class UserBuffers;
 

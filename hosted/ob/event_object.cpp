@@ -2,12 +2,12 @@
 
 namespace
 {
-POBJECT_TYPE eventObjectType = reinterpret_cast<POBJECT_TYPE>(const_cast<host::ObjectType*>(&host::EventType));
+POBJECT_TYPE eventObjectType = reinterpret_cast<POBJECT_TYPE>(const_cast<hosted::ObjectType*>(&hosted::EventType));
 }
 
 extern "C" POBJECT_TYPE* ExEventObjectType = &eventObjectType;
 
-namespace host
+namespace hosted
 {
 HANDLE CreateEventHandle(HandleTable& table, EVENT_TYPE type, PKEVENT* event)
 {

@@ -3,7 +3,7 @@
 
 #include "hosted/ob/handle_table.h"
 
-namespace host
+namespace hosted
 {
 // A new event, not signalled, with a handle of all access in that table, which owns the only reference. *event
 // receives the event itself, good as long as someone holds a reference; may be null.

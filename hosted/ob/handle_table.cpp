@@ -3,7 +3,7 @@
 #include "hosted/ke/bug_check.h"
 #include "hosted/ob/object_counts.h"
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -23,9 +23,7 @@ bool IsKernelHandle(HANDLE handle)
 }
 }
 
-HandleTable::HandleTable(bool kernel) : kernel_(kernel)
-{
-}
+HandleTable::HandleTable(bool kernel) : kernel_(kernel) {}
 
 HandleTable::~HandleTable()
 {

@@ -6,7 +6,7 @@
 #include <map>
 #include <mutex>
 
-namespace host
+namespace hosted
 {
 class HandleTable
 {

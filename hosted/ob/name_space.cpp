@@ -3,7 +3,7 @@
 #include <map>
 #include <mutex>
 
-namespace host
+namespace hosted
 {
 namespace
 {

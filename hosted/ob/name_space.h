@@ -3,7 +3,7 @@
 
 #include "hosted/ob/object.h"
 
-namespace host
+namespace hosted
 {
 // Path without symbolic links in it, e.g. "\Device\Tarnveil". Takes a reference; removal drops it.
 // STATUS_OBJECT_NAME_COLLISION when taken, STATUS_OBJECT_PATH_SYNTAX_BAD when no absolute path,

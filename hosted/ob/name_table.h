@@ -3,7 +3,7 @@
 
 #include "hosted/ob/name_space.h"
 
-namespace host
+namespace hosted
 {
 // Body of a SymbolicLinkType object.
 struct SymbolicLink

@@ -12,7 +12,7 @@
 #include <shared_mutex>
 #include <unordered_set>
 
-namespace host
+namespace hosted
 {
 const ObjectType EventType = {"Event", nullptr, nullptr};
 const ObjectType DeviceType = {"Device", nullptr, nullptr};

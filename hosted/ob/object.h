@@ -3,7 +3,7 @@
 
 #include "hosted/rtl/wide_string.h"
 
-namespace host
+namespace hosted
 {
 // Behaviour of one object type. Both routines may be null; they run without any lock of the object manager held.
 struct ObjectType

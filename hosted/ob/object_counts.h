@@ -3,7 +3,7 @@
 
 #include "hosted/ob/object.h"
 
-namespace host
+namespace hosted
 {
 void AddHandleCount(void* body);
 // Runs the type's LastHandleClosed when the count falls to zero. The caller still holds a reference.

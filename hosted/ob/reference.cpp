@@ -5,7 +5,7 @@
 #include "hosted/ob/handle_table.h"
 #include "hosted/ps/process.h"
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -43,7 +43,7 @@ const ObjectType* FromExported(POBJECT_TYPE type)
 extern "C" NTSTATUS NTAPI ObReferenceObjectByHandle(HANDLE Handle, ACCESS_MASK DesiredAccess, POBJECT_TYPE ObjectType,
     KPROCESSOR_MODE AccessMode, PVOID* Object, POBJECT_HANDLE_INFORMATION HandleInformation)
 {
-    using namespace host;
+    using namespace hosted;
     RequireIrql(PASSIVE_LEVEL, "ObReferenceObjectByHandle");
     if (ObjectType == nullptr && AccessMode == UserMode)
     {
@@ -77,7 +77,7 @@ extern "C" NTSTATUS NTAPI ObReferenceObjectByHandle(HANDLE Handle, ACCESS_MASK D
 extern "C" NTSTATUS NTAPI ObOpenObjectByPointer(PVOID Object, ULONG HandleAttributes, PACCESS_STATE PassedAccessState,
     ACCESS_MASK DesiredAccess, POBJECT_TYPE ObjectType, KPROCESSOR_MODE AccessMode, PHANDLE Handle)
 {
-    using namespace host;
+    using namespace hosted;
     RequireIrql(PASSIVE_LEVEL, "ObOpenObjectByPointer");
     if (PassedAccessState != nullptr)
     {
@@ -99,13 +99,13 @@ extern "C" NTSTATUS NTAPI ObOpenObjectByPointer(PVOID Object, ULONG HandleAttrib
 
 extern "C" LONG_PTR FASTCALL ObfDereferenceObject(PVOID Object)
 {
-    host::RequireIrql(DISPATCH_LEVEL, "ObfDereferenceObject");
-    return host::DereferenceObject(Object);
+    hosted::RequireIrql(DISPATCH_LEVEL, "ObfDereferenceObject");
+    return hosted::DereferenceObject(Object);
 }
 
 extern "C" NTSTATUS NTAPI ZwClose(HANDLE Handle)
 {
-    using namespace host;
+    using namespace hosted;
     RequireIrql(PASSIVE_LEVEL, "ZwClose");
     if (PseudoHandleBody(Handle) != nullptr)
     {

@@ -5,7 +5,7 @@
 #include "hosted/ob/handle_table.h"
 #include "hosted/ob/name_table.h"
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -40,7 +40,7 @@ NTSTATUS OpenLink(const OBJECT_ATTRIBUTES& attributes, SymbolicLink** link)
 extern "C" NTSTATUS NTAPI ZwOpenSymbolicLinkObject(
     PHANDLE LinkHandle, ACCESS_MASK DesiredAccess, POBJECT_ATTRIBUTES ObjectAttributes)
 {
-    using namespace host;
+    using namespace hosted;
     RequireIrql(PASSIVE_LEVEL, "ZwOpenSymbolicLinkObject");
     if (InjectFailure("ZwOpenSymbolicLinkObject"))
     {
@@ -60,7 +60,7 @@ extern "C" NTSTATUS NTAPI ZwOpenSymbolicLinkObject(
 extern "C" NTSTATUS NTAPI ZwQuerySymbolicLinkObject(
     HANDLE LinkHandle, PUNICODE_STRING LinkTarget, PULONG ReturnedLength)
 {
-    using namespace host;
+    using namespace hosted;
     RequireIrql(PASSIVE_LEVEL, "ZwQuerySymbolicLinkObject");
     if (InjectFailure("ZwQuerySymbolicLinkObject"))
     {
@@ -94,7 +94,7 @@ extern "C" NTSTATUS NTAPI ZwQuerySymbolicLinkObject(
 
 extern "C" NTSTATUS NTAPI IoCreateSymbolicLink(PUNICODE_STRING SymbolicLinkName, PUNICODE_STRING DeviceName)
 {
-    using namespace host;
+    using namespace hosted;
     RequireIrql(PASSIVE_LEVEL, "IoCreateSymbolicLink");
     if (InjectFailure("IoCreateSymbolicLink"))
     {
@@ -106,6 +106,6 @@ extern "C" NTSTATUS NTAPI IoCreateSymbolicLink(PUNICODE_STRING SymbolicLinkName,
 // Fails only for a name that does not exist, so no failure is ever put in.
 extern "C" NTSTATUS NTAPI IoDeleteSymbolicLink(PUNICODE_STRING SymbolicLinkName)
 {
-    host::RequireIrql(PASSIVE_LEVEL, "IoDeleteSymbolicLink");
-    return host::RemoveSymbolicLink(host::View(*SymbolicLinkName));
+    hosted::RequireIrql(PASSIVE_LEVEL, "IoDeleteSymbolicLink");
+    return hosted::RemoveSymbolicLink(hosted::View(*SymbolicLinkName));
 }

@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <set>
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -119,10 +119,10 @@ void ForgetSystemThreads()
 
 extern "C" HANDLE NTAPI PsGetCurrentProcessId(void)
 {
-    return host::CurrentProcess()->Id;
+    return hosted::CurrentProcess()->Id;
 }
 
 extern "C" HANDLE NTAPI PsGetCurrentThreadId(void)
 {
-    return host::CurrentThread()->Id;
+    return hosted::CurrentThread()->Id;
 }

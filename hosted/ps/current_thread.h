@@ -3,7 +3,7 @@
 
 #include "hosted/ps/process.h"
 
-namespace host
+namespace hosted
 {
 // Gives back the system thread of every host thread; each makes a new one when it next needs it. Bug check when the
 // calling host thread plays a process.

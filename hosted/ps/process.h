@@ -3,7 +3,7 @@
 
 #include "hosted/ob/handle_table.h"
 
-namespace host
+namespace hosted
 {
 struct Process
 {
@@ -41,8 +41,20 @@ private:
     Thread* thread_;
 };
 
-inline PETHREAD AsThread(Thread* thread) { return reinterpret_cast<PETHREAD>(thread); }
-inline Thread* FromThread(PETHREAD thread) { return reinterpret_cast<Thread*>(thread); }
-inline PEPROCESS AsProcess(Process* process) { return reinterpret_cast<PEPROCESS>(process); }
-inline Process* FromProcess(PEPROCESS process) { return reinterpret_cast<Process*>(process); }
+inline PETHREAD AsThread(Thread* thread)
+{
+    return reinterpret_cast<PETHREAD>(thread);
+}
+inline Thread* FromThread(PETHREAD thread)
+{
+    return reinterpret_cast<Thread*>(thread);
+}
+inline PEPROCESS AsProcess(Process* process)
+{
+    return reinterpret_cast<PEPROCESS>(process);
+}
+inline Process* FromProcess(PEPROCESS process)
+{
+    return reinterpret_cast<Process*>(process);
+}
 }

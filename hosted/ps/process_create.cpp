@@ -6,7 +6,7 @@
 #include "hosted/ps/process_notify.h"
 #include "hosted/ps/process_table.h"
 
-namespace host
+namespace hosted
 {
 namespace
 {

@@ -5,15 +5,15 @@
 
 #include <functional>
 
-namespace host
+namespace hosted
 {
 struct ProcessParameters
 {
-    WideString ImagePath;       // NT path as the creator gives it, e.g. "\??\C:\Apps\Editor.exe"
-    WideString CommandLine;     // empty: the image path in quotes
-    HANDLE ParentId = nullptr;  // null: the creator; another process when the creator chose one
-    HANDLE Id = nullptr;        // null: the next one; else this one, which no running process may have
-    bool NameAvailable = true;  // PS_CREATE_NOTIFY_INFO.FileOpenNameAvailable
+    WideString ImagePath;      // NT path as the creator gives it, e.g. "\??\C:\Apps\Editor.exe"
+    WideString CommandLine;    // empty: the image path in quotes
+    HANDLE ParentId = nullptr; // null: the creator; another process when the creator chose one
+    HANDLE Id = nullptr;       // null: the next one; else this one, which no running process may have
+    bool NameAvailable = true; // PS_CREATE_NOTIFY_INFO.FileOpenNameAvailable
 };
 
 // Opens the image in the calling process's context (filters see that), tells the registered routines on the calling
@@ -25,10 +25,10 @@ NTSTATUS CreateProcess(const ProcessParameters& parameters, Process** process);
 // A program of the host system that runs already.
 struct AdoptedProcess
 {
-    HANDLE Id;             // which no running process may have
+    HANDLE Id; // which no running process may have
     HANDLE ParentId;
-    LONGLONG CreateTime;   // 100 ns units
-    WideString ImagePath;  // NT device path, e.g. "\Device\HarddiskVolume1\usr\bin\vim"; it may lie on no volume
+    LONGLONG CreateTime;  // 100 ns units
+    WideString ImagePath; // NT device path, e.g. "\Device\HarddiskVolume1\usr\bin\vim"; it may lie on no volume
 };
 
 // Makes it a running process and tells the registered routines, on the calling thread and as a child of the process

@@ -6,17 +6,17 @@
 
 extern "C" NTSTATUS NTAPI PsLookupProcessByProcessId(HANDLE ProcessId, PEPROCESS* Process)
 {
-    host::RequireIrql(APC_LEVEL, "PsLookupProcessByProcessId");
-    if (host::InjectFailure("PsLookupProcessByProcessId"))
+    hosted::RequireIrql(APC_LEVEL, "PsLookupProcessByProcessId");
+    if (hosted::InjectFailure("PsLookupProcessByProcessId"))
     {
         return STATUS_INVALID_PARAMETER;
     }
-    host::CallBeforeProcessLookup(ProcessId);
-    host::Process* found = host::FindProcess(ProcessId);
+    hosted::CallBeforeProcessLookup(ProcessId);
+    hosted::Process* found = hosted::FindProcess(ProcessId);
     if (found == nullptr)
     {
         return STATUS_INVALID_PARAMETER;
     }
-    *Process = host::AsProcess(found);
+    *Process = hosted::AsProcess(found);
     return STATUS_SUCCESS;
 }

@@ -9,7 +9,7 @@
 #include <memory>
 #include <vector>
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -145,10 +145,10 @@ void ResetNotifyRoutines()
 extern "C" NTSTATUS NTAPI PsSetCreateProcessNotifyRoutineEx(
     PCREATE_PROCESS_NOTIFY_ROUTINE_EX NotifyRoutine, BOOLEAN Remove)
 {
-    host::RequireIrql(PASSIVE_LEVEL, "PsSetCreateProcessNotifyRoutineEx");
-    if (host::InjectFailure("PsSetCreateProcessNotifyRoutineEx"))
+    hosted::RequireIrql(PASSIVE_LEVEL, "PsSetCreateProcessNotifyRoutineEx");
+    if (hosted::InjectFailure("PsSetCreateProcessNotifyRoutineEx"))
     {
         return Remove ? STATUS_PROCEDURE_NOT_FOUND : STATUS_INVALID_PARAMETER;
     }
-    return Remove ? host::Unregister(NotifyRoutine) : host::Register(NotifyRoutine);
+    return Remove ? hosted::Unregister(NotifyRoutine) : hosted::Register(NotifyRoutine);
 }

@@ -3,7 +3,7 @@
 
 #include "hosted/ps/process.h"
 
-namespace host
+namespace hosted
 {
 // Calls every registered routine, in order of registration, on the calling thread at PASSIVE_LEVEL. A routine that
 // returns at another level is a bug check.

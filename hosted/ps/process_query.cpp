@@ -4,7 +4,7 @@
 #include "hosted/ps/process_table.h"
 #include "hosted/ps/query_hooks.h"
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -57,15 +57,14 @@ NTSTATUS AnswerImageName(const WideString& name, void* buffer, ULONG length, ULO
 }
 
 extern "C" NTSTATUS NTAPI ZwQueryInformationProcess(HANDLE ProcessHandle, PROCESSINFOCLASS ProcessInformationClass,
-                                                    PVOID ProcessInformation, ULONG ProcessInformationLength,
-                                                    PULONG ReturnLength)
+    PVOID ProcessInformation, ULONG ProcessInformationLength, PULONG ReturnLength)
 {
-    host::RequireIrql(PASSIVE_LEVEL, "ZwQueryInformationProcess");
-    if (host::InjectFailure("ZwQueryInformationProcess"))
+    hosted::RequireIrql(PASSIVE_LEVEL, "ZwQueryInformationProcess");
+    if (hosted::InjectFailure("ZwQueryInformationProcess"))
     {
         return STATUS_INSUFFICIENT_RESOURCES;
     }
-    const auto answer = host::AskProcessQueryHook(ProcessInformationClass, ProcessInformationLength);
+    const auto answer = hosted::AskProcessQueryHook(ProcessInformationClass, ProcessInformationLength);
     if (answer.has_value())
     {
         if (ReturnLength != nullptr)
@@ -78,13 +77,13 @@ extern "C" NTSTATUS NTAPI ZwQueryInformationProcess(HANDLE ProcessHandle, PROCES
     {
         return STATUS_INVALID_INFO_CLASS;
     }
-    host::Process* process = nullptr;
-    NTSTATUS status = host::ReferenceProcess(ProcessHandle, &process);
+    hosted::Process* process = nullptr;
+    NTSTATUS status = hosted::ReferenceProcess(ProcessHandle, &process);
     if (NT_SUCCESS(status))
     {
         status =
-            host::AnswerImageName(process->ImageNtPath, ProcessInformation, ProcessInformationLength, ReturnLength);
-        host::DereferenceObject(process);
+            hosted::AnswerImageName(process->ImageNtPath, ProcessInformation, ProcessInformationLength, ReturnLength);
+        hosted::DereferenceObject(process);
     }
     return status;
 }

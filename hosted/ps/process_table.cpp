@@ -10,7 +10,7 @@
 #include <new>
 #include <unordered_map>
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -73,10 +73,10 @@ Process* CreateProcessObject(HANDLE id, HANDLE parentId, WideView imageNtPath, W
 {
     void* body = CreateObject(ProcessType, sizeof(Process));
     return new (body) Process{.Id = id,
-                              .ParentId = parentId,
-                              .CreateTime = SystemTime(),
-                              .ImageNtPath = WideString(imageNtPath),
-                              .ImageFileName = WideString(imageFileName)};
+        .ParentId = parentId,
+        .CreateTime = SystemTime(),
+        .ImageNtPath = WideString(imageNtPath),
+        .ImageFileName = WideString(imageFileName)};
 }
 
 Thread* CreateThreadObject(Process* owner)

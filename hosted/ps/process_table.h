@@ -5,7 +5,7 @@
 
 #include <vector>
 
-namespace host
+namespace hosted
 {
 struct ProcessSummary
 {

@@ -2,7 +2,7 @@
 
 #include <mutex>
 
-namespace host
+namespace hosted
 {
 namespace
 {

@@ -6,7 +6,7 @@
 #include <functional>
 #include <optional>
 
-namespace host
+namespace hosted
 {
 // An answer of a size query: the status, and what the variable for the required length receives.
 struct QueryAnswer

@@ -6,7 +6,7 @@
 #include "hosted/ps/process_table.h"
 #include "hosted/ps/query_hooks.h"
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -146,23 +146,21 @@ bool CallerMayPass(const void* address)
 }
 
 extern "C" NTSTATUS NTAPI ZwQuerySystemInformation(SYSTEM_INFORMATION_CLASS SystemInformationClass,
-                                                   PVOID SystemInformation, ULONG SystemInformationLength,
-                                                   PULONG ReturnLength)
+    PVOID SystemInformation, ULONG SystemInformationLength, PULONG ReturnLength)
 {
-    return host::QuerySystem("ZwQuerySystemInformation", SystemInformationClass, SystemInformation,
-                             SystemInformationLength, ReturnLength);
+    return hosted::QuerySystem(
+        "ZwQuerySystemInformation", SystemInformationClass, SystemInformation, SystemInformationLength, ReturnLength);
 }
 
 // Unlike the other it trusts its buffers only on threads of the system process, which call in from the kernel; on a
 // program's thread kernel addresses are refused.
 extern "C" NTSTATUS NTAPI NtQuerySystemInformation(SYSTEM_INFORMATION_CLASS SystemInformationClass,
-                                                   PVOID SystemInformation, ULONG SystemInformationLength,
-                                                   PULONG ReturnLength)
+    PVOID SystemInformation, ULONG SystemInformationLength, PULONG ReturnLength)
 {
-    if (!host::CallerMayPass(SystemInformation) || !host::CallerMayPass(ReturnLength))
+    if (!hosted::CallerMayPass(SystemInformation) || !hosted::CallerMayPass(ReturnLength))
     {
         return STATUS_ACCESS_VIOLATION;
     }
-    return host::QuerySystem("NtQuerySystemInformation", SystemInformationClass, SystemInformation,
-                             SystemInformationLength, ReturnLength);
+    return hosted::QuerySystem(
+        "NtQuerySystemInformation", SystemInformationClass, SystemInformation, SystemInformationLength, ReturnLength);
 }

@@ -6,7 +6,7 @@
 #include <deque>
 #include <mutex>
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -69,7 +69,7 @@ void LimitDebugPrints(size_t newest)
 
 extern "C" ULONG __cdecl DbgPrint(PCSTR Format, ...)
 {
-    using namespace host;
+    using namespace hosted;
     if (Format == nullptr)
     {
         BugCheck("null-pointer", "DbgPrint without a format");

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-namespace host
+namespace hosted
 {
 // Every call since the last clear, in order, each as one text (UTF-8, no more than 512 bytes as on Windows).
 std::vector<std::string> DebugPrints();

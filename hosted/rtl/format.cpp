@@ -4,7 +4,7 @@
 
 #include <optional>
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -365,8 +365,8 @@ void Formatter::ConvertCharacter(const Conversion& conversion)
 {
     int value = __builtin_va_arg(*arguments_, int);
     char byte = static_cast<char>(value);
-    WideString body = TakesWide(conversion, L'c') ? WideString(1, static_cast<WCHAR>(value))
-                                                  : FromNarrow(std::string_view(&byte, 1));
+    WideString body =
+        TakesWide(conversion, L'c') ? WideString(1, static_cast<WCHAR>(value)) : FromNarrow(std::string_view(&byte, 1));
     Emit(conversion, {}, body, conversion.Zero);
 }
 
@@ -428,11 +428,11 @@ extern "C" int __cdecl KernelVsnwprintf(
 {
     if (Format == nullptr || (Buffer == nullptr && Count != 0))
     {
-        host::BugCheck("null-pointer", "_vsnwprintf without %s", Format == nullptr ? "a format" : "a buffer");
+        hosted::BugCheck("null-pointer", "_vsnwprintf without %s", Format == nullptr ? "a format" : "a buffer");
     }
     __builtin_ms_va_list arguments;
     __builtin_ms_va_copy(arguments, Arguments);
-    host::WideString text = host::FormatText(host::FormatFamily::Wide, Format, &arguments);
+    hosted::WideString text = hosted::FormatText(hosted::FormatFamily::Wide, Format, &arguments);
     __builtin_ms_va_end(arguments);
     int length = static_cast<int>(text.size());
     // Without any buffer only the length is wanted.
@@ -441,7 +441,7 @@ extern "C" int __cdecl KernelVsnwprintf(
         return length;
     }
     bool fits = text.size() <= Count;
-    host::WideTraits::copy(Buffer, text.data(), fits ? text.size() : Count);
+    hosted::WideTraits::copy(Buffer, text.data(), fits ? text.size() : Count);
     if (text.size() < Count)
     {
         Buffer[text.size()] = 0;

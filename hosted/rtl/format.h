@@ -3,7 +3,7 @@
 
 #include "hosted/rtl/wide_string.h"
 
-namespace host
+namespace hosted
 {
 enum class FormatFamily
 {

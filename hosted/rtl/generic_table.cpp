@@ -5,7 +5,7 @@
 
 #include <ntifs.h>
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -174,7 +174,7 @@ extern "C" void NTAPI RtlInitializeGenericTable(PRTL_GENERIC_TABLE Table, PRTL_G
 {
     if (CompareRoutine == nullptr || AllocateRoutine == nullptr || FreeRoutine == nullptr)
     {
-        host::BugCheck("null-pointer", "RtlInitializeGenericTable without all three routines");
+        hosted::BugCheck("null-pointer", "RtlInitializeGenericTable without all three routines");
     }
     Table->TableRoot = nullptr;
     Table->InsertOrderList = {&Table->InsertOrderList, &Table->InsertOrderList};
@@ -190,7 +190,7 @@ extern "C" void NTAPI RtlInitializeGenericTable(PRTL_GENERIC_TABLE Table, PRTL_G
 extern "C" PVOID NTAPI RtlInsertElementGenericTable(
     PRTL_GENERIC_TABLE Table, PVOID Buffer, ULONG BufferSize, PBOOLEAN NewElement)
 {
-    using namespace host;
+    using namespace hosted;
     RequireTable(Table, "RtlInsertElementGenericTable");
     BOOLEAN ignored;
     BOOLEAN& isNew = NewElement != nullptr ? *NewElement : ignored;
@@ -221,7 +221,7 @@ extern "C" PVOID NTAPI RtlInsertElementGenericTable(
 
 extern "C" BOOLEAN NTAPI RtlDeleteElementGenericTable(PRTL_GENERIC_TABLE Table, PVOID Buffer)
 {
-    using namespace host;
+    using namespace hosted;
     RequireTable(Table, "RtlDeleteElementGenericTable");
     RTL_SPLAY_LINKS* place;
     if (Search(Table, Buffer, &place) != TableFoundNode)
@@ -236,7 +236,7 @@ extern "C" BOOLEAN NTAPI RtlDeleteElementGenericTable(PRTL_GENERIC_TABLE Table, 
 
 extern "C" PVOID NTAPI RtlLookupElementGenericTable(PRTL_GENERIC_TABLE Table, PVOID Buffer)
 {
-    using namespace host;
+    using namespace hosted;
     RequireTable(Table, "RtlLookupElementGenericTable");
     RTL_SPLAY_LINKS* place;
     TABLE_SEARCH_RESULT result = Search(Table, Buffer, &place);
@@ -249,7 +249,7 @@ extern "C" PVOID NTAPI RtlLookupElementGenericTable(PRTL_GENERIC_TABLE Table, PV
 
 extern "C" PVOID NTAPI RtlGetElementGenericTable(PRTL_GENERIC_TABLE Table, ULONG I)
 {
-    using namespace host;
+    using namespace hosted;
     RequireTable(Table, "RtlGetElementGenericTable");
     if (I >= Table->NumberGenericTableElements)
     {
@@ -274,6 +274,6 @@ extern "C" PVOID NTAPI RtlGetElementGenericTable(PRTL_GENERIC_TABLE Table, ULONG
 
 extern "C" ULONG NTAPI RtlNumberGenericTableElements(PRTL_GENERIC_TABLE Table)
 {
-    host::RequireTable(Table, "RtlNumberGenericTableElements");
+    hosted::RequireTable(Table, "RtlNumberGenericTableElements");
     return Table->NumberGenericTableElements;
 }

@@ -16,7 +16,7 @@ extern "C" void NTAPI RtlInitUnicodeString(PUNICODE_STRING DestinationString, PC
     size_t bytes = 0;
     if (SourceString != nullptr)
     {
-        bytes = host::WideTraits::length(SourceString) * sizeof(WCHAR);
+        bytes = hosted::WideTraits::length(SourceString) * sizeof(WCHAR);
         bytes = bytes < LongestBytes ? bytes : LongestBytes;
     }
     DestinationString->Length = static_cast<USHORT>(bytes);
@@ -27,7 +27,7 @@ extern "C" void NTAPI RtlInitUnicodeString(PUNICODE_STRING DestinationString, PC
 extern "C" NTSTATUS NTAPI RtlHashUnicodeString(
     PCUNICODE_STRING String, BOOLEAN CaseInSensitive, ULONG HashAlgorithm, PULONG HashValue)
 {
-    if (host::InjectFailure("RtlHashUnicodeString"))
+    if (hosted::InjectFailure("RtlHashUnicodeString"))
     {
         return STATUS_INVALID_PARAMETER;
     }
@@ -38,12 +38,12 @@ extern "C" NTSTATUS NTAPI RtlHashUnicodeString(
     }
     if (CaseInSensitive)
     {
-        host::RequireIrql(APC_LEVEL, "RtlHashUnicodeString");
+        hosted::RequireIrql(APC_LEVEL, "RtlHashUnicodeString");
     }
     ULONG hash = 0;
-    for (WCHAR character : host::View(*String))
+    for (WCHAR character : hosted::View(*String))
     {
-        WCHAR folded = CaseInSensitive ? host::UpcaseCharacter(character) : character;
+        WCHAR folded = CaseInSensitive ? hosted::UpcaseCharacter(character) : character;
         hash = hash * HashMultiplier + static_cast<USHORT>(folded);
     }
     *HashValue = hash;

@@ -3,7 +3,7 @@
 
 #include <ntifs.h>
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -60,7 +60,7 @@ void SetDate(LONGLONG days, TIME_FIELDS* fields)
 
 extern "C" void NTAPI RtlTimeToTimeFields(PLARGE_INTEGER Time, PTIME_FIELDS TimeFields)
 {
-    using namespace host;
+    using namespace hosted;
     if (Time->QuadPart < 0)
     {
         BugCheck("time-negative", "RtlTimeToTimeFields of %lld, which is an interval and no date", Time->QuadPart);

@@ -5,7 +5,7 @@
 
 #include <array>
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -39,13 +39,12 @@ WCHAR UpcaseCharacter(WCHAR character)
 // The table lies in pageable memory.
 extern "C" WCHAR NTAPI RtlUpcaseUnicodeChar(WCHAR SourceCharacter)
 {
-    host::RequireIrql(APC_LEVEL, "RtlUpcaseUnicodeChar");
-    return host::UpcaseCharacter(SourceCharacter);
+    hosted::RequireIrql(APC_LEVEL, "RtlUpcaseUnicodeChar");
+    return hosted::UpcaseCharacter(SourceCharacter);
 }
 
 // The C run-time library folds by its own locale, which in the kernel is "C".
 extern "C" unsigned short __cdecl KernelToUpper(unsigned short Character)
 {
-    return Character >= u'a' && Character <= u'z' ? static_cast<unsigned short>(Character - (u'a' - u'A'))
-                                                  : Character;
+    return Character >= u'a' && Character <= u'z' ? static_cast<unsigned short>(Character - (u'a' - u'A')) : Character;
 }

@@ -3,7 +3,7 @@
 
 #include <ntifs.h>
 
-namespace host
+namespace hosted
 {
 // Any IRQL, unlike the exported routine.
 WCHAR UpcaseCharacter(WCHAR character);

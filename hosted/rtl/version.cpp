@@ -26,7 +26,7 @@ constexpr ULONG FirstServicePackBuild = 7601;
 
 extern "C" NTSTATUS NTAPI RtlGetVersion(PRTL_OSVERSIONINFOW VersionInformation)
 {
-    using namespace host;
+    using namespace hosted;
     RequireIrql(PASSIVE_LEVEL, "RtlGetVersion");
     ULONG size = VersionInformation->dwOSVersionInfoSize;
     if (size != sizeof(RTL_OSVERSIONINFOW) && size != sizeof(ExtendedVersion))

@@ -2,7 +2,7 @@
 
 #include "hosted/rtl/upcase.h"
 
-namespace host
+namespace hosted
 {
 namespace
 {

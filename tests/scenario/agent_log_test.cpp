@@ -10,10 +10,7 @@ class AgentLog : public AgentScenario
 {
 protected:
     // Leaves one record of the trace level.
-    void MakeRecord(bool on = true)
-    {
-        EXPECT_EQ(agent_.SetEncryption(on ? 1 : 0), STATUS_SUCCESS);
-    }
+    void MakeRecord(bool on = true) { EXPECT_EQ(agent_.SetEncryption(on ? 1 : 0), STATUS_SUCCESS); }
     static constexpr char Enabled[] = "IRP = DEV_CTRL IOCTL = ENCRYPT Encrypt = Enable";
     static constexpr char Disabled[] = "IRP = DEV_CTRL IOCTL = ENCRYPT Encrypt = Disable";
 };
@@ -45,7 +42,7 @@ TEST_F(AgentLog, DrainingTakesTheRecordsOutOldestFirst)
     EXPECT_EQ(result.Information, 2192u);
     const auto records = DecodeLogRecords(std::string_view(result.Output).substr(0, result.Information));
     EXPECT_THAT(records, ElementsAre(LogRecord{0x40, agent_.ProcessId(), "agent.exe", Enabled},
-                                     LogRecord{0x40, agent_.ProcessId(), "agent.exe", Disabled}));
+                             LogRecord{0x40, agent_.ProcessId(), "agent.exe", Disabled}));
     EXPECT_THAT(Messages(), ElementsAre(Disabled, Enabled, Enabled));
     result = agent_.DeviceControl(IOCTL_GET_LOG_DATA, {}, 1096);
     EXPECT_EQ(result.Status, STATUS_NO_MORE_ENTRIES);
@@ -85,16 +82,15 @@ TEST_F(AgentLog, OnlyTheLevelsAskedForAreQueued)
         "IRP = CREATE Ope = PRE status = 0xC0000022L path = \\Device\\HarddiskVolume1\\Sandbox\\a";
     const std::string refused = "IRP = DEV_CTRL IOCTL = SET_CRYPTKEY status = OVERRIDE_KEY";
     const LogRecord all[] = {{0x40, agent_.ProcessId(), "agent.exe", Enabled},
-                             {0x04, agent_.ProcessId(), "agent.exe", refused},
-                             {0x02, editor.ProcessId(), "e.exe", allowed},
-                             {0x08, agent_.ProcessId(), "agent.exe", denied}};
+        {0x04, agent_.ProcessId(), "agent.exe", refused}, {0x02, editor.ProcessId(), "e.exe", allowed},
+        {0x08, agent_.ProcessId(), "agent.exe", denied}};
     for (const ULONG levels : {0x02u, 0x04u, 0x08u, 0x40u, 0x0au, 0x4eu, 0x31u})
     {
         Listen(levels);
         roads();
         std::vector<LogRecord> expected;
         std::copy_if(std::begin(all), std::end(all), std::back_inserter(expected),
-                     [=](const LogRecord& record) { return (record.Level & levels) != 0; });
+            [=](const LogRecord& record) { return (record.Level & levels) != 0; });
         EXPECT_EQ(agent_.DrainLog(), expected) << std::hex << levels;
         EXPECT_EQ(event_.IsSet(), !expected.empty()) << std::hex << levels;
     }
@@ -180,25 +176,25 @@ TEST_F(AgentLog, AProgramsLifeIsToldFromSettingToExit)
     agent_.DelProcess(Id(0));
     agent_.StopDriver();
     const auto created = [](const char* outcome, ULONG id, ULONG creator, ULONG pid, const char* name)
-    { return Text("PROC = CREATED status = %s id = %u ppid = %u pid = %u name = %s", outcome, id, creator, pid, name); };
+    {
+        return Text("PROC = CREATED status = %s id = %u ppid = %u pid = %u name = %s", outcome, id, creator, pid, name);
+    };
     const auto exited = [](const char* outcome, ULONG id, ULONG pid)
     { return Text("PROC = EXITS status = %s id = %u pid = %u", outcome, id, pid); };
     const auto setting = [](const char* operation, const char* outcome, ULONG id, const char* path)
     { return Text("IRP = DEV_CTRL IOCTL = %s status = %s id = %u path = %s", operation, outcome, id, path); };
     EXPECT_THAT(Messages(),
-                ElementsAre(setting("ADD_PARENT", "ADDED_SETTING", Id(0), "C:\\p.exe"),
-                            setting("ADD_PROCESS", "ADDED_SETTING", Id(1), "C:\\e.exe"),
-                            setting("ADD_EXC_PROC", "ADDED_SETTING", Id(2), "C:\\x.exe"),
-                            created("ADDED_PARENT", Id(0), 4, p, "p.exe"), created("ADDED_CHILD", Id(0), p, c, "c.exe"),
-                            created("ADDED_PROCESS", Id(1), c, e, "e.exe"),
-                            created("EXCLUDED", Id(2), c, excluded.ProcessId(), "x.exe"),
-                            setting("ADD_PROCESS", "SETTING_EXISTS", Id(1), "C:\\E.exe"),
-                            exited("DELETED_PROCESS", Id(1), e), exited("DELETED_CHILD", Id(0), c),
-                            exited("DELETED_PARENT", Id(0), p),
-                            setting("DEL_PROCESS", "DELETED_SETTING", Id(0), "C:\\p.exe"),
-                            setting("STOP", "DELETED_SETTING", Id(1), "C:\\e.exe"),
-                            setting("STOP", "DELETED_SETTING", Id(0) - 1, "C:\\nobody.exe"),
-                            setting("STOP", "DELETED_SETTING", Id(2), "C:\\x.exe")));
+        ElementsAre(setting("ADD_PARENT", "ADDED_SETTING", Id(0), "C:\\p.exe"),
+            setting("ADD_PROCESS", "ADDED_SETTING", Id(1), "C:\\e.exe"),
+            setting("ADD_EXC_PROC", "ADDED_SETTING", Id(2), "C:\\x.exe"), created("ADDED_PARENT", Id(0), 4, p, "p.exe"),
+            created("ADDED_CHILD", Id(0), p, c, "c.exe"), created("ADDED_PROCESS", Id(1), c, e, "e.exe"),
+            created("EXCLUDED", Id(2), c, excluded.ProcessId(), "x.exe"),
+            setting("ADD_PROCESS", "SETTING_EXISTS", Id(1), "C:\\E.exe"), exited("DELETED_PROCESS", Id(1), e),
+            exited("DELETED_CHILD", Id(0), c), exited("DELETED_PARENT", Id(0), p),
+            setting("DEL_PROCESS", "DELETED_SETTING", Id(0), "C:\\p.exe"),
+            setting("STOP", "DELETED_SETTING", Id(1), "C:\\e.exe"),
+            setting("STOP", "DELETED_SETTING", Id(0) - 1, "C:\\nobody.exe"),
+            setting("STOP", "DELETED_SETTING", Id(2), "C:\\x.exe")));
 }
 }
 }

@@ -3,14 +3,14 @@
 
 #include "hosted/machine/testing.h"
 #include "tests/scenario/driver_under_test.h"
-#include "tests/text.h"
+#include "tests/support/text.h"
 
 #include <gmock/gmock.h>
 #include <tarnveil/control.h>
 
 namespace scenario_test
 {
-using namespace host;
+using namespace hosted;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -27,10 +27,7 @@ protected:
     }
 
     // The number of a test's nth setting.
-    ULONG Id(ULONG n) const
-    {
-        return base_ + n;
-    }
+    ULONG Id(ULONG n) const { return base_ + n; }
     bool IsUnder(const Program& program)
     {
         const ControlAnswer answer = agent_.IsUnderSandbox(program.ProcessId());

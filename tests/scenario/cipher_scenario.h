@@ -10,7 +10,7 @@
 
 namespace cipher_test
 {
-using namespace host;
+using namespace hosted;
 
 constexpr UCHAR ScenarioMask = 0x5c;
 
@@ -23,16 +23,15 @@ struct ScenarioOptions
 class CipherScenario
 {
 public:
-    explicit CipherScenario(ScenarioOptions options = {})
-        : Key(options.Key), Computer(std::move(options.Machine))
+    explicit CipherScenario(ScenarioOptions options = {}) : Key(options.Key), Computer(std::move(options.Machine))
     {
         SystemRegistry().Reset();
         std::string value = Key;
         if (!Key.empty())
         {
             value.push_back(static_cast<char>(ScenarioMask));
-            SystemRegistry().SetBinary(Machine::ServiceKey, L"SandboxCryptKey",
-                                       {reinterpret_cast<const UCHAR*>(value.data()), value.size()});
+            SystemRegistry().SetBinary(
+                Machine::ServiceKey, L"SandboxCryptKey", {reinterpret_cast<const UCHAR*>(value.data()), value.size()});
         }
         SystemRegistry().SetString(Machine::ServiceKey, L"SandboxPath", L"\\Device\\HarddiskVolume1\\Sandbox");
         EXPECT_EQ(Computer.MakeFolder(L"C:\\Sandbox"), STATUS_SUCCESS);
@@ -44,14 +43,8 @@ public:
     }
 
     // A 192-bit key from the registry is masked by the byte behind it, which reads as zero.
-    UCHAR Mask() const
-    {
-        return Key.size() == 24 ? 0 : ScenarioMask;
-    }
-    std::string OnDisk(std::string_view plain) const
-    {
-        return cipher_test::OnDisk(Key, Mask(), plain);
-    }
+    UCHAR Mask() const { return Key.size() == 24 ? 0 : ScenarioMask; }
+    std::string OnDisk(std::string_view plain) const { return cipher_test::OnDisk(Key, Mask(), plain); }
 
     std::string Key;
     Machine Computer;

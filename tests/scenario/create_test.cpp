@@ -38,10 +38,7 @@ protected:
         EXPECT_EQ(records[0].ProcessId, program.ProcessId());
         EXPECT_EQ(records[0].Message, std::string("IRP = CREATE Ope = PRE status = ") + status + " path = " + path);
     }
-    void ExpectNoRecord()
-    {
-        EXPECT_EQ(scenario_->Agent->DrainLog(), std::vector<LogRecord>{});
-    }
+    void ExpectNoRecord() { EXPECT_EQ(scenario_->Agent->DrainLog(), std::vector<LogRecord>{}); }
 
     static constexpr char Granted[] = "0x00000000L";
     static constexpr char Denied[] = "0xC0000022L";
@@ -185,8 +182,8 @@ TEST_F(CreateDecision, ALongPathIsShortenedInTheRecord)
     scenario_->Agent->DrainLog();
     EXPECT_EQ(scenario_->Editor->Create(L"C:\\Sandbox\\" + wide + L"\\" + wide).Status(), STATUS_SUCCESS);
     const std::string path = "\\Device\\HarddiskVolume1\\Sandbox\\" + name + "\\" + name;
-    ExpectRecord(2, *scenario_->Editor, Granted,
-                 (path.substr(0, 128) + " ... " + path.substr(path.size() - 127)).c_str());
+    ExpectRecord(
+        2, *scenario_->Editor, Granted, (path.substr(0, 128) + " ... " + path.substr(path.size() - 127)).c_str());
 }
 }
 }

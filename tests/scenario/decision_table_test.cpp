@@ -11,7 +11,7 @@ namespace decision_test
 {
 namespace
 {
-using namespace host;
+using namespace hosted;
 using testing::IsEmpty;
 
 constexpr WideView Inside = L"C:\\Bay\\S\\plan.txt";
@@ -63,10 +63,7 @@ protected:
         event_.reset();
     }
 
-    static std::string NtPath(WideView path)
-    {
-        return "\\Device\\HarddiskVolume1" + Narrow(path.substr(2));
-    }
+    static std::string NtPath(WideView path) { return "\\Device\\HarddiskVolume1" + Narrow(path.substr(2)); }
     void ExpectRecord(const Program& program, const char* name, ULONG level, const char* status, WideView path)
     {
         const auto records = agent_->DrainLog();

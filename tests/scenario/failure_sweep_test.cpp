@@ -12,7 +12,7 @@ namespace failure_sweep_test
 {
 namespace
 {
-using namespace host;
+using namespace hosted;
 
 constexpr uint64_t MostCalls = 5000;
 
@@ -44,10 +44,7 @@ public:
         Agent.emplace(Computer.StartProcess(L"C:\\Agent\\agent.exe"));
         Reader = Computer.CreateMailslot(L"\\Device\\mailslot\\OrvaneSandbox_Dbg");
     }
-    ~ConfiguredMachine()
-    {
-        ResetFailures();
-    }
+    ~ConfiguredMachine() { ResetFailures(); }
 
     void SetInstallerType()
     {
@@ -160,9 +157,8 @@ TEST(FailureSweep, AddFileProtection)
         {
             const WideString path = L"C:\\Data\\new" + Widen(std::to_string(next++));
             const ControlAnswer answer = machine.Agent->AddFileProtection(machine.Agent->ProcessId(), path);
-            EXPECT_TRUE(IsOneOf(
-                answer.Status, {STATUS_SUCCESS, STATUS_INSUFFICIENT_RESOURCES, STATUS_MEMORY_NOT_ALLOCATED,
-                                   STATUS_INVALID_PARAMETER}))
+            EXPECT_TRUE(IsOneOf(answer.Status,
+                {STATUS_SUCCESS, STATUS_INSUFFICIENT_RESOURCES, STATUS_MEMORY_NOT_ALLOCATED, STATUS_INVALID_PARAMETER}))
                 << std::hex << answer.Status;
         });
 }
@@ -177,9 +173,8 @@ TEST(FailureSweep, AddFileProtectionOfAKnownPath)
         {
             process += 4;
             const ControlAnswer answer = machine.Agent->AddFileProtection(process, L"C:\\Data\\note.txt");
-            EXPECT_TRUE(IsOneOf(
-                answer.Status, {STATUS_SUCCESS, STATUS_INSUFFICIENT_RESOURCES, STATUS_MEMORY_NOT_ALLOCATED,
-                                   STATUS_INVALID_PARAMETER}))
+            EXPECT_TRUE(IsOneOf(answer.Status,
+                {STATUS_SUCCESS, STATUS_INSUFFICIENT_RESOURCES, STATUS_MEMORY_NOT_ALLOCATED, STATUS_INVALID_PARAMETER}))
                 << std::hex << answer.Status;
         });
 }
@@ -252,9 +247,8 @@ TEST(FailureSweep, AddProcessWhileItRuns)
         [&]
         {
             const ControlAnswer answer = machine.Agent->AddProcess(L"C:\\Apps\\Editor.exe");
-            EXPECT_TRUE(IsOneOf(
-                answer.Status, {STATUS_SUCCESS, STATUS_INSUFFICIENT_RESOURCES, STATUS_MEMORY_NOT_ALLOCATED,
-                                   STATUS_INVALID_PARAMETER}))
+            EXPECT_TRUE(IsOneOf(answer.Status,
+                {STATUS_SUCCESS, STATUS_INSUFFICIENT_RESOURCES, STATUS_MEMORY_NOT_ALLOCATED, STATUS_INVALID_PARAMETER}))
                 << std::hex << answer.Status;
         });
 }
@@ -294,8 +288,7 @@ TEST(FailureSweep, Opens)
                 [&]
                 {
                     const NTSTATUS status = program.OpenOrCreate(path).Status();
-                    EXPECT_TRUE(IsOneOf(status,
-                        {STATUS_SUCCESS, STATUS_ACCESS_DENIED, STATUS_INSUFFICIENT_RESOURCES}))
+                    EXPECT_TRUE(IsOneOf(status, {STATUS_SUCCESS, STATUS_ACCESS_DENIED, STATUS_INSUFFICIENT_RESOURCES}))
                         << std::hex << status;
                 });
         }

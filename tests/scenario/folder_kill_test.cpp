@@ -1,8 +1,8 @@
 // A system that is killed at any moment: what a program had flushed before can still be read through the driver.
 #include "hosted/fs/file_system.h"
-#include "hosted/fs/host_files.h"
+#include "hosted/fs/linux_files.h"
 #include "tests/scenario/cipher_scenario.h"
-#include "tests/temporary_folder.h"
+#include "tests/support/temporary_folder.h"
 
 #include <cstdlib>
 #include <filesystem>
@@ -92,7 +92,7 @@ struct Shared
 };
 Shared* shared = nullptr;
 
-void Count(const HostChange& change)
+void Count(const LinuxChange& change)
 {
     if (++shared->Changes != shared->KillAt)
     {
@@ -185,7 +185,7 @@ protected:
         const pid_t child = fork();
         if (child == 0)
         {
-            SetHostChangeWatcher(Count);
+            SetLinuxChangeWatcher(Count);
             Play(script);
         }
         int status = 0;
@@ -266,35 +266,21 @@ TEST_F(FolderKill, EndsThatMoveByHand)
     } scripts[] = {
         {"shrink inside a block", {{Step::SetEnd, 5003}, {Step::Flush}}},
         {"shrink twice",
-         {{Step::SetEnd, 5003}, {Step::SetEnd, 4999}, {Step::Flush}, {Step::SetEnd, 4998}, {Step::Flush}}},
+            {{Step::SetEnd, 5003}, {Step::SetEnd, 4999}, {Step::Flush}, {Step::SetEnd, 4998}, {Step::Flush}}},
         {"shrink and grow", {{Step::SetEnd, 5003}, {Step::SetEnd, 9001}, {Step::Flush}}},
         {"shrink, write out, grow",
-         {{Step::SetEnd, 5003}, {Step::LazyWrite}, {Step::SetEnd, 9001}, {Step::LazyWrite}, {Step::Flush}}},
-        {"append",
-         {{Step::Write, 10003, 7},
-          {Step::Flush},
-          {Step::Write, 10010, 30},
-          {Step::LazyWrite},
-          {Step::Write, 10040, 9000},
-          {Step::Flush}}},
-        {"grow by far",
-         {{Step::SetEnd, 600001},
-          {Step::Write, 300000, 5000},
-          {Step::FlushPart, 300000},
-          {Step::LazyWrite},
-          {Step::Flush}}},
+            {{Step::SetEnd, 5003}, {Step::LazyWrite}, {Step::SetEnd, 9001}, {Step::LazyWrite}, {Step::Flush}}},
+        {"append", {{Step::Write, 10003, 7}, {Step::Flush}, {Step::Write, 10010, 30}, {Step::LazyWrite},
+                       {Step::Write, 10040, 9000}, {Step::Flush}}},
+        {"grow by far", {{Step::SetEnd, 600001}, {Step::Write, 300000, 5000}, {Step::FlushPart, 300000},
+                            {Step::LazyWrite}, {Step::Flush}}},
         {"grow to whole pages", {{Step::SetEnd, 5}, {Step::Flush}, {Step::SetEnd, 65536}, {Step::LazyWrite}}},
-        {"past the cache behind the end",
-         {{Step::Direct, 20480, 1024}, {Step::SetEnd, 20500}, {Step::Flush}, {Step::Direct, 512, 512}, {Step::Flush}}},
-        {"empty and fill",
-         {{Step::SetEnd, 0},
-          {Step::Write, 0, 33},
-          {Step::Flush},
-          {Step::SetEnd, 32},
-          {Step::SetEnd, 31},
-          {Step::Flush}}},
+        {"past the cache behind the end", {{Step::Direct, 20480, 1024}, {Step::SetEnd, 20500}, {Step::Flush},
+                                              {Step::Direct, 512, 512}, {Step::Flush}}},
+        {"empty and fill", {{Step::SetEnd, 0}, {Step::Write, 0, 33}, {Step::Flush}, {Step::SetEnd, 32},
+                               {Step::SetEnd, 31}, {Step::Flush}}},
         {"overwrite and cut",
-         {{Step::Write, 4990, 40}, {Step::SetEnd, 5011}, {Step::LazyWrite}, {Step::Write, 5005, 3}, {Step::Flush}}},
+            {{Step::Write, 4990, 40}, {Step::SetEnd, 5011}, {Step::LazyWrite}, {Step::Write, 5005, 3}, {Step::Flush}}},
     };
     for (const auto& each : scripts)
     {

@@ -1,8 +1,8 @@
 // The driver on volumes that are folders of the host: the programs' on one that is only read, the sandbox on another.
-#include "hosted/fs/folder_file_system.h"
+#include "hosted/fs/folder/folder_file_system.h"
 #include "hosted/io/posix_information.h"
 #include "tests/scenario/cipher_scenario.h"
-#include "tests/temporary_folder.h"
+#include "tests/support/temporary_folder.h"
 
 #include <cstring>
 
@@ -19,8 +19,8 @@ protected:
     {
         SystemRegistry().Reset();
         std::string value = Key + static_cast<char>(ScenarioMask);
-        SystemRegistry().SetBinary(Machine::ServiceKey, L"SandboxCryptKey",
-                                   {reinterpret_cast<const UCHAR*>(value.data()), value.size()});
+        SystemRegistry().SetBinary(
+            Machine::ServiceKey, L"SandboxCryptKey", {reinterpret_cast<const UCHAR*>(value.data()), value.size()});
         SystemRegistry().SetString(Machine::ServiceKey, L"SandboxPath", L"\\Device\\HarddiskVolume2\\Sandbox");
         EXPECT_EQ(machine_.MakeFolder(L"S:\\Sandbox"), STATUS_SUCCESS);
         EXPECT_EQ(machine_.LoadDriver(scenario_test::DriverUnderTest()), STATUS_SUCCESS);
@@ -48,10 +48,7 @@ protected:
         return {.Volumes = {programs, store}};
     }
 
-    std::string Cipher(const std::string& plain)
-    {
-        return OnDisk(Key, ScenarioMask, plain);
-    }
+    std::string Cipher(const std::string& plain) { return OnDisk(Key, ScenarioMask, plain); }
 
     const std::string Key = Pattern(16, 4711);
     const TemporaryFolder programs_;
@@ -61,7 +58,7 @@ protected:
     std::optional<Program> Editor;
 };
 
-TEST_F(FolderScenario, TheHostSeesOnlyCipherText)
+TEST_F(FolderScenario, LinuxSeesOnlyCipherText)
 {
     const std::string plain = Pattern(10007);
     auto file = Editor->Create(Plan);

@@ -104,8 +104,7 @@ TEST_F(ProcessSettings, RunningProgramsJoinWhenTheSettingComes)
         EXPECT_EQ(agent_.AddProcess(L"C:\\e.exe"), Added(Id(1)));
         EXPECT_TRUE(IsUnder(launcher));
         EXPECT_FALSE(IsUnder(helper));
-        EXPECT_THAT(agent_.PidList().Ids,
-                    ElementsAre(child.ProcessId(), grandchild.ProcessId(), editor.ProcessId()));
+        EXPECT_THAT(agent_.PidList().Ids, ElementsAre(child.ProcessId(), grandchild.ProcessId(), editor.ProcessId()));
     }
 }
 
@@ -179,7 +178,8 @@ TEST_F(ProcessSettings, StopForgetsEverythingAndStartBringsNothingBack)
     const Program child = parent.Start(L"C:\\c.exe");
     const Program editor = machine_.StartProcess(L"C:\\e.exe");
     EXPECT_EQ(agent_.StopDriver(), STATUS_SUCCESS);
-    for (const Program& program : {parent, child, editor, child.Start(L"C:\\g.exe"), machine_.StartProcess(L"C:\\e.exe")})
+    for (const Program& program :
+        {parent, child, editor, child.Start(L"C:\\g.exe"), machine_.StartProcess(L"C:\\e.exe")})
     {
         EXPECT_FALSE(IsUnder(program));
     }

@@ -13,7 +13,7 @@ namespace protection_threads_test
 {
 namespace
 {
-using namespace host;
+using namespace hosted;
 
 constexpr unsigned Threads = 3;
 constexpr unsigned Rounds = 25;
@@ -35,8 +35,8 @@ protected:
         machine_.Registry().SetDword(Machine::ProductKey, L"DebugLogLevel", 0x4100);
         // "ABCDEF0@" in base64, by 16-bit characters.
         const WideView text = L"QQBCAEMARABFAEYAMABAAA==";
-        type_.assign(reinterpret_cast<const UCHAR*>(text.data()),
-            reinterpret_cast<const UCHAR*>(text.data() + text.size()));
+        type_.assign(
+            reinterpret_cast<const UCHAR*>(text.data()), reinterpret_cast<const UCHAR*>(text.data() + text.size()));
         ASSERT_EQ(machine_.PutOnDisk(L"C:\\Data\\shared.txt", "s"), STATUS_SUCCESS);
         ASSERT_EQ(machine_.PutOnDisk(L"C:\\Bay\\S\\plan.txt", "s"), STATUS_SUCCESS);
         ASSERT_EQ(machine_.PutOnDisk(L"C:\\Apps\\Editor.exe", "image"), STATUS_SUCCESS);
@@ -64,7 +64,7 @@ protected:
         WideString text(value->Bytes.size() / sizeof(WCHAR), 0);
         __builtin_memcpy(text.data(), value->Bytes.data(), text.size() * sizeof(WCHAR));
         for (size_t start = 0, end = 0; (end = text.find(WCHAR{0}, start)) != WideString::npos && end != start;
-             start = end + 1)
+            start = end + 1)
         {
             strings.insert(Narrow(WideView(text).substr(start, end - start)));
         }
@@ -122,8 +122,8 @@ TEST_F(ProtectionThreads, NoPathAndNoIdIsLost)
     {
         for (unsigned round = 0; round < Rounds; ++round)
         {
-            EXPECT_EQ(stored.count("\\Device\\HarddiskVolume1" + Narrow(WideView(PathOf(thread, round)).substr(2))),
-                1u);
+            EXPECT_EQ(
+                stored.count("\\Device\\HarddiskVolume1" + Narrow(WideView(PathOf(thread, round)).substr(2))), 1u);
         }
     }
     // Two requests at once may both find the shared path missing.

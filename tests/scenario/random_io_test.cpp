@@ -1,6 +1,6 @@
 // Random reads and writes of one enciphered stream by every road, against a plain array of bytes.
 #include "tests/scenario/cipher_scenario.h"
-#include "tests/temporary_folder.h"
+#include "tests/support/temporary_folder.h"
 
 #include <cstdlib>
 #include <iostream>
@@ -56,10 +56,7 @@ public:
         }
     }
 
-    bool Finish()
-    {
-        return Remount();
-    }
+    bool Finish() { return Remount(); }
 
 private:
     bool Transfer()
@@ -80,10 +77,7 @@ private:
         }
     }
 
-    size_t Below(size_t limit)
-    {
-        return limit == 0 ? 0 : random_() % limit;
-    }
+    size_t Below(size_t limit) { return limit == 0 ? 0 : random_() % limit; }
     // Mostly short, at times several pages.
     size_t Length(size_t limit)
     {
@@ -152,8 +146,8 @@ private:
     {
         const size_t offset = Below(model_.size());
         const size_t length = Length(model_.size() - offset);
-        return length == 0 || view_->Read(static_cast<LONGLONG>(offset), static_cast<ULONG>(length)) ==
-                                  model_.substr(offset, length);
+        return length == 0 ||
+               view_->Read(static_cast<LONGLONG>(offset), static_cast<ULONG>(length)) == model_.substr(offset, length);
     }
 
     bool MappedWrite()
@@ -187,10 +181,7 @@ private:
     }
 
     // Nothing is dirty.
-    bool CheckDisk()
-    {
-        return IsCipherOf(scenario_.Computer.Disk(Path), model_);
-    }
+    bool CheckDisk() { return IsCipherOf(scenario_.Computer.Disk(Path), model_); }
 
     bool IsCipherOf(const std::string& disk, const std::string& plain)
     {
@@ -268,10 +259,9 @@ TEST_P(RandomIoRun, ReadsWhatWasWritten)
 }
 
 INSTANTIATE_TEST_SUITE_P(Keys, RandomIoRun,
-                         testing::Values(RunKind{"Key128", 16, 64 << 20}, RunKind{"Key192", 24, 64 << 20},
-                                         RunKind{"Key256", 32, 64 << 20}, RunKind{"SmallCache", 16, 1 << 18},
-                                         RunKind{"Folder", 16, 64 << 20, true},
-                                         RunKind{"FolderSmallCache", 16, 1 << 18, true}),
-                         [](const auto& info) { return info.param.Name; });
+    testing::Values(RunKind{"Key128", 16, 64 << 20}, RunKind{"Key192", 24, 64 << 20}, RunKind{"Key256", 32, 64 << 20},
+        RunKind{"SmallCache", 16, 1 << 18}, RunKind{"Folder", 16, 64 << 20, true},
+        RunKind{"FolderSmallCache", 16, 1 << 18, true}),
+    [](const auto& info) { return info.param.Name; });
 }
 }

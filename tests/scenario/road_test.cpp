@@ -72,8 +72,8 @@ TEST(Road, AnySingleFailureLeavesNothingBehindAndTheNextWalkSucceeds)
         ResetFailures();
         for (const NTSTATUS status : result.Statuses)
         {
-            EXPECT_TRUE(status == STATUS_SUCCESS || status == STATUS_INSUFFICIENT_RESOURCES ||
-                        status == STATUS_ACCESS_DENIED)
+            EXPECT_TRUE(
+                status == STATUS_SUCCESS || status == STATUS_INSUFFICIENT_RESOURCES || status == STATUS_ACCESS_DENIED)
                 << "call " << number << ": " << std::hex << static_cast<ULONG>(status);
         }
         const RoadResult again = Walk(scenario, plain);

@@ -65,8 +65,7 @@ TEST(StrictEndOfFile, AnExtendedFileKeepsTheMaskWhereABlockIsExpected)
     scenario.Computer.FlushAll();
     EXPECT_EQ(scenario.Computer.Disk(Plan), disk);
     const std::string garbage = Crypt(scenario.Key, disk.substr(48, 16), false);
-    EXPECT_EQ(Reread(scenario),
-              plain.substr(0, 48) + garbage + std::string(32, '\0') + Masked(std::string(4, '\0')));
+    EXPECT_EQ(Reread(scenario), plain.substr(0, 48) + garbage + std::string(32, '\0') + Masked(std::string(4, '\0')));
 }
 
 TEST(StrictEndOfFile, BetweenWholeBlocksNothingIsLost)

@@ -5,6 +5,6 @@ namespace scenario_test
 {
 DRIVER_INITIALIZE* DriverUnderTest()
 {
-    return host::Image::Native;
+    return hosted::Image::Native;
 }
 }

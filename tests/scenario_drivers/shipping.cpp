@@ -11,12 +11,13 @@ namespace scenario_test
 namespace
 {
 // Overruns of the image are seen at the page behind the block; nothing else watches its accesses.
-const bool PoolIsGuarded = [] {
-    host::GuardEveryPool();
+const bool PoolIsGuarded = []
+{
+    hosted::GuardEveryPool();
     return true;
 }();
 
-std::unique_ptr<host::LoadedImage> image;
+std::unique_ptr<hosted::LoadedImage> image;
 }
 
 // Each load gets the image as it lies in the file, as on Windows.
@@ -25,9 +26,9 @@ DRIVER_INITIALIZE* DriverUnderTest()
     image.reset();
     try
     {
-        image = std::make_unique<host::LoadedImage>(TARNVEIL_IMAGE);
+        image = std::make_unique<hosted::LoadedImage>(TARNVEIL_IMAGE);
     }
-    catch (const host::BadImage& reason)
+    catch (const hosted::BadImage& reason)
     {
         ADD_FAILURE() << reason.what();
         std::abort();

@@ -78,7 +78,8 @@ TEST(DriverStress, ProgramsAgentAndProcessesAtOnce)
     for (WorkedFile& file : files)
     {
         const Program program = machine.Computer.StartProcess(file.Image);
-        run.Add(file.Name, [&file, program](Random& random) { return FileWork(file.Worker, program, file.Path, random); });
+        run.Add(
+            file.Name, [&file, program](Random& random) { return FileWork(file.Worker, program, file.Path, random); });
     }
     run.Add("processes", [&](Random& random) { return machine.ProcessWork(random); });
     run.Add("outsider", [&](Random& random) { return machine.OutsiderWork(random, true); });
@@ -104,7 +105,8 @@ TEST(DriverStress, LoadedAndUnloadedWhileWorkGoesOn)
     for (WorkedFile& file : files)
     {
         const Program program = machine.Computer.StartProcess(file.Image);
-        run.Add(file.Name, [&file, program](Random& random) { return FileWork(file.Worker, program, file.Path, random); });
+        run.Add(
+            file.Name, [&file, program](Random& random) { return FileWork(file.Worker, program, file.Path, random); });
     }
     // With and without the driver, so what they hold is anybody's guess.
     const Program editor = machine.Computer.StartProcess(L"C:\\Apps\\Editor.exe");

@@ -11,7 +11,7 @@
 
 namespace stress_test
 {
-using namespace host;
+using namespace hosted;
 
 // Reads and writes one file that nobody else has, by every road, and knows what must be in it. An open that is denied
 // is tried again in the next round: whether the program is under the sandbox changes.
@@ -58,15 +58,9 @@ public:
         }
     }
 
-    bool WasOpen() const
-    {
-        return opens_ != 0;
-    }
+    bool WasOpen() const { return opens_ != 0; }
     // What the file must hold; nothing is open.
-    const std::string& Content() const
-    {
-        return model_;
-    }
+    const std::string& Content() const { return model_; }
     void Close()
     {
         Note("close", 0, 0);

@@ -20,18 +20,15 @@ public:
         LimitDebugPrints(1000);
         const std::string value = Key + static_cast<char>(Mask);
         SystemRegistry().Reset();
-        SystemRegistry().SetBinary(Machine::ServiceKey, L"SandboxCryptKey",
-                                   {reinterpret_cast<const UCHAR*>(value.data()), value.size()});
+        SystemRegistry().SetBinary(
+            Machine::ServiceKey, L"SandboxCryptKey", {reinterpret_cast<const UCHAR*>(value.data()), value.size()});
         SystemRegistry().SetString(Machine::ServiceKey, L"SandboxPath", L"\\Device\\HarddiskVolume1\\Sandbox");
         EXPECT_EQ(Computer.MakeFolder(L"C:\\Sandbox"), STATUS_SUCCESS);
         EXPECT_EQ(Computer.MakeFolder(L"C:\\Open"), STATUS_SUCCESS);
         EXPECT_EQ(Computer.LoadDriver(Image::Native), STATUS_SUCCESS);
         AddSettings();
     }
-    ~StressMachine()
-    {
-        LimitDebugPrints(0);
-    }
+    ~StressMachine() { LimitDebugPrints(0); }
 
     // The settings that the programs here are under the sandbox by.
     void AddSettings() const

@@ -24,18 +24,10 @@ inline uint64_t FromEnvironment(const char* name, uint64_t otherwise)
 class Random
 {
 public:
-    explicit Random(uint64_t seed) : engine_(seed)
-    {
-    }
+    explicit Random(uint64_t seed) : engine_(seed) {}
     // 0 for a limit of 0.
-    size_t Below(size_t limit)
-    {
-        return limit == 0 ? 0 : engine_() % limit;
-    }
-    bool OneIn(size_t chances)
-    {
-        return Below(chances) == 0;
-    }
+    size_t Below(size_t limit) { return limit == 0 ? 0 : engine_() % limit; }
+    bool OneIn(size_t chances) { return Below(chances) == 0; }
     std::string Bytes(size_t length)
     {
         std::string bytes(length, '\0');
@@ -67,10 +59,7 @@ public:
     }
 
     // `make` is called on the worker's own thread, and what it makes is destroyed there.
-    void Add(const char* name, std::function<Round(Random&)> make)
-    {
-        workers_.push_back({name, std::move(make)});
-    }
+    void Add(const char* name, std::function<Round(Random&)> make) { workers_.push_back({name, std::move(make)}); }
 
     // Starts all workers at once and comes back when they have ended, after the time or the first failure. Every worker
     // does one round at least.

@@ -89,8 +89,8 @@ typedef struct _SYSTEM_PROCESS_INFORMATION
     LARGE_INTEGER OtherTransferCount;
 } SYSTEM_PROCESS_INFORMATION, *PSYSTEM_PROCESS_INFORMATION;
 
-// The DDK headers here declare the pointer itself imported, which takes one load too many: what the import table holds is
-// the address of the kernel's variable.
+// The DDK headers here declare the pointer itself imported, which takes one load too many: what the import table holds
+// is the address of the kernel's variable.
 extern POBJECT_TYPE* __imp_ExEventObjectType;
 #define ExEventObjectType __imp_ExEventObjectType
 
@@ -100,15 +100,14 @@ int __cdecl _vsnwprintf(wchar_t* buffer, size_t count, const wchar_t* format, va
 
 // The upper-case form of one UTF-16 unit.
 wint_t __cdecl towupper(wint_t unit);
-
 }
 
 // __fastfail(code) is a builtin of the compiler.
 
 // The DDK types the priority as an enumeration that cannot hold flags such as MdlMappingNoExecute.
 inline PVOID MmMapLockedPagesSpecifyCache(PMDL mdl, KPROCESSOR_MODE accessMode, MEMORY_CACHING_TYPE cacheType,
-                                          PVOID requestedAddress, ULONG bugCheckOnFailure, ULONG priority)
+    PVOID requestedAddress, ULONG bugCheckOnFailure, ULONG priority)
 {
-    return MmMapLockedPagesSpecifyCache(mdl, accessMode, cacheType, requestedAddress, bugCheckOnFailure,
-                                        static_cast<MM_PAGE_PRIORITY>(priority));
+    return MmMapLockedPagesSpecifyCache(
+        mdl, accessMode, cacheType, requestedAddress, bugCheckOnFailure, static_cast<MM_PAGE_PRIORITY>(priority));
 }

@@ -30,8 +30,7 @@ extern "C"
 // remains; without, the text is cut. STATUS_INVALID_PARAMETER: a null buffer or format, a buffer of no character or
 // above NTSTRSAFE_MAX_CCH characters, or a flag other than the two above. PASSIVE_LEVEL.
 inline NTSTATUS RtlStringCbVPrintfExW(NTSTRSAFE_PWSTR destination, size_t destinationBytes, NTSTRSAFE_PWSTR* end,
-                                      size_t* remainingBytes, ULONG flags, NTSTRSAFE_PCWSTR format,
-                                      __builtin_ms_va_list arguments)
+    size_t* remainingBytes, ULONG flags, NTSTRSAFE_PCWSTR format, __builtin_ms_va_list arguments)
 {
     const size_t capacity = destinationBytes / sizeof(WCHAR);
     if (destination == nullptr || format == nullptr || capacity == 0 || capacity > NTSTRSAFE_MAX_CCH ||
@@ -60,9 +59,8 @@ inline NTSTATUS RtlStringCbVPrintfExW(NTSTRSAFE_PWSTR destination, size_t destin
 }
 
 // The same with the arguments themselves.
-inline NTSTATUS __cdecl RtlStringCbPrintfExW(NTSTRSAFE_PWSTR destination, size_t destinationBytes,
-                                             NTSTRSAFE_PWSTR* end, size_t* remainingBytes, ULONG flags,
-                                             NTSTRSAFE_PCWSTR format, ...)
+inline NTSTATUS __cdecl RtlStringCbPrintfExW(NTSTRSAFE_PWSTR destination, size_t destinationBytes, NTSTRSAFE_PWSTR* end,
+    size_t* remainingBytes, ULONG flags, NTSTRSAFE_PCWSTR format, ...)
 {
     __builtin_ms_va_list arguments;
     __builtin_ms_va_start(arguments, format);
@@ -71,5 +69,4 @@ inline NTSTATUS __cdecl RtlStringCbPrintfExW(NTSTRSAFE_PWSTR destination, size_t
     __builtin_ms_va_end(arguments);
     return status;
 }
-
 }

@@ -274,6 +274,5 @@ NTSTATUS NTAPI IoDeleteSymbolicLink(PUNICODE_STRING SymbolicLinkName);
 void FASTCALL IofCompleteRequest(PIRP Irp, CCHAR PriorityBoost);
 #define IoCompleteRequest(Irp, Boost) IofCompleteRequest(Irp, Boost)
 NTSTATUS NTAPI IoVolumeDeviceToDosName(PVOID VolumeDeviceObject, PUNICODE_STRING DosName);
-PMDL NTAPI IoAllocateMdl(
-    PVOID VirtualAddress, ULONG Length, BOOLEAN SecondaryBuffer, BOOLEAN ChargeQuota, PIRP Irp);
+PMDL NTAPI IoAllocateMdl(PVOID VirtualAddress, ULONG Length, BOOLEAN SecondaryBuffer, BOOLEAN ChargeQuota, PIRP Irp);
 void NTAPI IoFreeMdl(PMDL Mdl);

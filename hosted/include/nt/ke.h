@@ -110,7 +110,6 @@ NTSTATUS NTAPI KeWaitForSingleObject(
 NTSTATUS NTAPI KeExpandKernelStackAndCallout(PEXPAND_STACK_CALLOUT Callout, PVOID Parameter, SIZE_T Size);
 void NTAPI IoGetStackLimits(PULONG_PTR LowLimit, PULONG_PTR HighLimit);
 
-
 // Compiled code of an image reads the time from the page that the kernel shares with everybody; this does as well.
 void NTAPI KeQuerySystemTime(PLARGE_INTEGER CurrentTime);
 void NTAPI ExSystemTimeToLocalTime(PLARGE_INTEGER SystemTime, PLARGE_INTEGER LocalTime);

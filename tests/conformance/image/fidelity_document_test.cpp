@@ -119,12 +119,12 @@ TEST(FidelityDocument, NoticesMissingForeignAndUnclearLines)
 {
     const std::string text = Document();
     EXPECT_THAT(FindGapsIn(Replaced(text, "| `KeSetEvent` |", "| KeSetEvent |")),
-                testing::ElementsAre("KeSetEvent of ntoskrnl.exe has 0 lines"));
+        testing::ElementsAre("KeSetEvent of ntoskrnl.exe has 0 lines"));
     EXPECT_THAT(FindGapsIn(Replaced(text, "| `FltGetVolumeName` |", "| `FltGetVolumeNames` |")),
-                testing::ElementsAre("FltGetVolumeName of FLTMGR.SYS has 0 lines",
-                                     "FltGetVolumeNames is not exported from FLTMGR.SYS"));
+        testing::ElementsAre(
+            "FltGetVolumeName of FLTMGR.SYS has 0 lines", "FltGetVolumeNames is not exported from FLTMGR.SYS"));
     EXPECT_THAT(FindGapsIn(Replaced(text, "| `KeInitializeEvent` | faithful |", "| `KeInitializeEvent` | good |")),
-                testing::ElementsAre("KeInitializeEvent is called \"good\""));
+        testing::ElementsAre("KeInitializeEvent is called \"good\""));
 }
 
 }

@@ -39,7 +39,7 @@ void CheckSections(const pe::Image& image, Findings& findings)
         const bool writable = (section.Characteristics & pe::SectionWrite) != 0;
         Require(!(executable && writable), findings, "sections: " + section.Name + " is writable and executable");
         entryIsCode = entryIsCode || (executable && image.EntryPoint() >= section.VirtualAddress &&
-                                      image.EntryPoint() - section.VirtualAddress < section.VirtualSize);
+                                         image.EntryPoint() - section.VirtualAddress < section.VirtualSize);
     }
     Require(entryIsCode, findings, "entry: not in an executable section");
 }
@@ -50,11 +50,13 @@ void CheckImports(const pe::Image& image, Findings& findings)
     Require(!imports.empty(), findings, "imports: none");
     for (const pe::Import& import : imports)
     {
-        const auto known = std::ranges::find_if(Windows7Exports, [&](const Export& candidate) {
-            return strcasecmp(candidate.Module, import.Module.c_str()) == 0 && import.Routine == candidate.Routine;
-        });
+        const auto known = std::ranges::find_if(Windows7Exports,
+            [&](const Export& candidate)
+            {
+                return strcasecmp(candidate.Module, import.Module.c_str()) == 0 && import.Routine == candidate.Routine;
+            });
         Require(known != std::end(Windows7Exports), findings,
-                "imports: " + import.Module + " of Windows 7 is not known to export " + import.Routine);
+            "imports: " + import.Module + " of Windows 7 is not known to export " + import.Routine);
     }
 }
 
@@ -79,7 +81,7 @@ void CheckUnwindTable(const pe::Image& image, Findings& findings)
             const bool described = std::ranges::any_of(
                 ranges, [=](const pe::UnwindRange& range) { return address >= range.Begin && address < range.End; });
             Require(described || !MakesFrame(image, section.FileOffset + at), findings,
-                    "unwinding: no entry for the function at " + std::to_string(address));
+                "unwinding: no entry for the function at " + std::to_string(address));
         }
     }
 }

@@ -89,8 +89,8 @@ TEST_F(ImageTest, ImportsFromKernelAndFilterManagerOnly)
 
 struct HostedExport
 {
-    std::string Name;    // "module!routine"
-    bool ByCompiler;     // calls are the compiler's own idea, so an image may be without
+    std::string Name; // "module!routine"
+    bool ByCompiler;  // calls are the compiler's own idea, so an image may be without
 };
 
 // What the loader of the hosted kernel can bind.
@@ -157,18 +157,17 @@ TEST(HostedExports, NoticesWhatIsMissingAndWhatIsTooMuch)
     std::erase_if(imports, [](const pe::Import& import) { return import.Routine == "memmove"; });
     EXPECT_THAT(CompareWithHostedExports(imports), IsEmpty());
     imports.front().Routine = "ExFreePool2";
-    EXPECT_THAT(CompareWithHostedExports(imports),
-                ElementsAre("ntoskrnl.exe!DbgPrint is exported and not imported",
-                            "ntoskrnl.exe!ExFreePool2 is imported and not exported"));
+    EXPECT_THAT(CompareWithHostedExports(imports), ElementsAre("ntoskrnl.exe!DbgPrint is exported and not imported",
+                                                       "ntoskrnl.exe!ExFreePool2 is imported and not exported"));
 }
 
 TEST(HostedExports, AreAllExportedByWindows7)
 {
     for (const HostedExport& exported : HostedExports())
     {
-        EXPECT_TRUE(std::ranges::any_of(Windows7Exports, [&exported](const Export& entry) {
-            return std::string(entry.Module) + "!" + entry.Routine == exported.Name;
-        })) << exported.Name;
+        EXPECT_TRUE(std::ranges::any_of(Windows7Exports, [&exported](const Export& entry)
+            { return std::string(entry.Module) + "!" + entry.Routine == exported.Name; }))
+            << exported.Name;
     }
 }
 
@@ -240,8 +239,8 @@ TEST_F(ImageTest, NoticesStrippedRelocations)
 TEST_F(ImageTest, NoticesAWritableCodeSection)
 {
     const pe::Image image(file);
-    const auto code = std::ranges::find_if(
-        image.Sections(), [](const pe::Section& section) { return (section.Characteristics & pe::SectionExecute) != 0; });
+    const auto code = std::ranges::find_if(image.Sections(),
+        [](const pe::Section& section) { return (section.Characteristics & pe::SectionExecute) != 0; });
     ASSERT_NE(code, image.Sections().end());
     Write32(code->HeaderOffset + 36, code->Characteristics | pe::SectionWrite);
     EXPECT_THAT(FindingsWithFreshChecksum(), ElementsAre("sections: " + code->Name + " is writable and executable"));
@@ -269,7 +268,7 @@ TEST_F(ImageTest, NoticesARoutineThatWindows7DoesNotExport)
 {
     ReplaceText("ExFreePoolWithTag", "ExFreePool2");
     EXPECT_THAT(FindingsWithFreshChecksum(),
-                ElementsAre("imports: ntoskrnl.exe of Windows 7 is not known to export ExFreePool2"));
+        ElementsAre("imports: ntoskrnl.exe of Windows 7 is not known to export ExFreePool2"));
 }
 
 TEST_F(ImageTest, NoticesAPdbNameWithAPath)

@@ -50,12 +50,12 @@ void Image::ReadSections()
     for (std::size_t index = 0; index < count; ++index, header += SectionHeaderSize)
     {
         Section section{.Name = {},
-                        .VirtualAddress = Read32(header + 12),
-                        .VirtualSize = Read32(header + 8),
-                        .FileOffset = Read32(header + 20),
-                        .FileSize = Read32(header + 16),
-                        .Characteristics = Read32(header + 36),
-                        .HeaderOffset = header};
+            .VirtualAddress = Read32(header + 12),
+            .VirtualSize = Read32(header + 8),
+            .FileOffset = Read32(header + 20),
+            .FileSize = Read32(header + 16),
+            .Characteristics = Read32(header + 36),
+            .HeaderOffset = header};
         for (std::size_t position = 0; position < 8 && file[header + position] != 0; ++position)
         {
             section.Name.push_back(static_cast<char>(file[header + position]));
@@ -136,7 +136,7 @@ std::vector<Import> Image::Imports() const
         return imports;
     }
     for (std::size_t descriptor = FileOffset(directory.VirtualAddress); Read32(descriptor + 12) != 0;
-         descriptor += ImportDescriptorSize)
+        descriptor += ImportDescriptorSize)
     {
         // The lookup table keeps the names; the address table, which the loader overwrites, starts as its copy.
         const std::uint32_t lookupTable = Read32(descriptor) != 0 ? Read32(descriptor) : Read32(descriptor + 16);

@@ -62,68 +62,26 @@ public:
     explicit Image(std::vector<std::uint8_t> file);
 
     // Where the fields stand in the file, for whoever wants to change one.
-    std::size_t ChecksumOffset() const
-    {
-        return optionalHeader + 64;
-    }
-    std::size_t SubsystemOffset() const
-    {
-        return optionalHeader + 68;
-    }
-    std::size_t DllCharacteristicsOffset() const
-    {
-        return optionalHeader + 70;
-    }
-    std::size_t MachineOffset() const
-    {
-        return fileHeader;
-    }
-    std::size_t FileCharacteristicsOffset() const
-    {
-        return fileHeader + 18;
-    }
+    std::size_t ChecksumOffset() const { return optionalHeader + 64; }
+    std::size_t SubsystemOffset() const { return optionalHeader + 68; }
+    std::size_t DllCharacteristicsOffset() const { return optionalHeader + 70; }
+    std::size_t MachineOffset() const { return fileHeader; }
+    std::size_t FileCharacteristicsOffset() const { return fileHeader + 18; }
 
-    std::size_t SectionAlignmentOffset() const
-    {
-        return optionalHeader + 32;
-    }
-    std::size_t DirectoryOffset(std::size_t index) const
-    {
-        return optionalHeader + 112 + index * 8;
-    }
+    std::size_t SectionAlignmentOffset() const { return optionalHeader + 32; }
+    std::size_t DirectoryOffset(std::size_t index) const { return optionalHeader + 112 + index * 8; }
 
-    std::uint16_t Machine() const
-    {
-        return Read16(MachineOffset());
-    }
-    std::uint16_t FileCharacteristics() const
-    {
-        return Read16(FileCharacteristicsOffset());
-    }
-    std::uint32_t EntryPoint() const
-    {
-        return Read32(optionalHeader + 16);
-    }
-    std::uint16_t Subsystem() const
-    {
-        return Read16(SubsystemOffset());
-    }
-    std::uint16_t DllCharacteristics() const
-    {
-        return Read16(DllCharacteristicsOffset());
-    }
-    std::uint32_t Checksum() const
-    {
-        return Read32(ChecksumOffset());
-    }
+    std::uint16_t Machine() const { return Read16(MachineOffset()); }
+    std::uint16_t FileCharacteristics() const { return Read16(FileCharacteristicsOffset()); }
+    std::uint32_t EntryPoint() const { return Read32(optionalHeader + 16); }
+    std::uint16_t Subsystem() const { return Read16(SubsystemOffset()); }
+    std::uint16_t DllCharacteristics() const { return Read16(DllCharacteristicsOffset()); }
+    std::uint32_t Checksum() const { return Read32(ChecksumOffset()); }
 
     // The checksum that the file ought to carry: the folded sum of its 16-bit words without the field, plus its size.
     std::uint32_t ComputeChecksum() const;
 
-    const std::vector<Section>& Sections() const
-    {
-        return sections;
-    }
+    const std::vector<Section>& Sections() const { return sections; }
     std::vector<Import> Imports() const;
     // In the order of the table.
     std::vector<UnwindRange> UnwindRanges() const;
@@ -137,10 +95,7 @@ public:
     // Where the unwind table stands in the file.
     std::size_t UnwindTableOffset() const;
 
-    std::span<const std::uint8_t> File() const
-    {
-        return file;
-    }
+    std::span<const std::uint8_t> File() const { return file; }
 
     struct DirectoryEntry
     {
@@ -153,14 +108,8 @@ public:
 
     // Little-endian integers at an offset in the file. Throw Malformed beyond its end.
     std::uint64_t ReadBytes(std::size_t offset, std::size_t count) const;
-    std::uint16_t Read16(std::size_t offset) const
-    {
-        return static_cast<std::uint16_t>(ReadBytes(offset, 2));
-    }
-    std::uint32_t Read32(std::size_t offset) const
-    {
-        return static_cast<std::uint32_t>(ReadBytes(offset, 4));
-    }
+    std::uint16_t Read16(std::size_t offset) const { return static_cast<std::uint16_t>(ReadBytes(offset, 2)); }
+    std::uint32_t Read32(std::size_t offset) const { return static_cast<std::uint32_t>(ReadBytes(offset, 4)); }
 
 private:
     std::string ReadText(std::size_t offset) const;

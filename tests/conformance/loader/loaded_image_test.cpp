@@ -10,7 +10,7 @@
 #include <tarnveil/control.h>
 #include <unistd.h>
 
-namespace host
+namespace hosted
 {
 namespace
 {

@@ -98,8 +98,8 @@ private:
         const size_t line = between_.find_last_of('\n') + 1;
         const std::string before = between_.substr(line);
         return before.find("#include") != std::string::npos || before.find("extern ") != std::string::npos ||
-               before.find("LOCK_CAPABILITY") != std::string::npos || between_.find("static_assert") != std::string::npos ||
-               before.find("__asm__") != std::string::npos;
+               before.find("LOCK_CAPABILITY") != std::string::npos ||
+               between_.find("static_assert") != std::string::npos || before.find("__asm__") != std::string::npos;
     }
 
     // Neither a statement nor an argument list's comma ends in between.

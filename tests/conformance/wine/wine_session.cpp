@@ -1,7 +1,7 @@
 #include "tests/conformance/wine/wine_session.h"
 
-#include "tests/shell.h"
-#include "tests/text.h"
+#include "tests/support/shell.h"
+#include "tests/support/text.h"
 
 #include <fstream>
 #include <stdexcept>

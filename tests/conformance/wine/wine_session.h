@@ -1,7 +1,7 @@
 // Programs under Wine, in a prefix of their own.
 #pragma once
 
-#include "tests/temporary_folder.h"
+#include "tests/support/temporary_folder.h"
 
 #include <string>
 #include <vector>
@@ -21,9 +21,9 @@ public:
 
     struct Outcome
     {
-        std::string Output;               // of the batch's programs, both streams
-        std::vector<std::string> Prints;  // what the driver gave to DbgPrint, in order
-        std::string Notes;                // what Wine itself said: a fault of one of its processes, for example
+        std::string Output;              // of the batch's programs, both streams
+        std::vector<std::string> Prints; // what the driver gave to DbgPrint, in order
+        std::string Notes;               // what Wine itself said: a fault of one of its processes, for example
     };
     // Runs the lines as one batch, with a system that is shut down behind it.
     Outcome Run(const std::vector<std::string>& lines) const;

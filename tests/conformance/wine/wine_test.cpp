@@ -2,8 +2,8 @@
 // agent for Windows. What Wine does not carry is skipped by name.
 
 #include "tests/conformance/wine/wine_session.h"
-#include "tests/shell.h"
-#include "tests/text.h"
+#include "tests/support/shell.h"
+#include "tests/support/text.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -43,10 +43,7 @@ protected:
         prefix.emplace(std::vector<std::filesystem::path>{TARNVEIL_IMAGE, TARNVEIL_AGENT});
         created = prefix->Run({"sc create Tarnveil binPath= C:\\Tarnveil.sys type= filesys start= demand"});
     }
-    static void TearDownTestSuite()
-    {
-        prefix.reset();
-    }
+    static void TearDownTestSuite() { prefix.reset(); }
 
     static constexpr char ServiceKey[] = "HKLM\\System\\CurrentControlSet\\Services\\Tarnveil";
     static constexpr char ProductKey[] = "\"HKLM\\SOFTWARE\\WOW6432Node\\Orvane Works\\Hollowbay\"";
@@ -62,8 +59,8 @@ protected:
 
     // A system with the service started, in which the agent gets these command lines; each is followed by its exit
     // code.
-    static wine::Prefix::Outcome WithDriver(const std::vector<std::string>& commands,
-                                            const std::vector<Value>& values = {})
+    static wine::Prefix::Outcome WithDriver(
+        const std::vector<std::string>& commands, const std::vector<Value>& values = {})
     {
         std::vector<std::string> lines;
         for (const Value& value : values)
@@ -135,45 +132,43 @@ TEST_F(UnderWine, TheLoadPrintsItsSteps)
     ASSERT_GE(outcome.Prints.size(), 8u) << outcome.Output;
     const std::vector<std::string> load(outcome.Prints.begin(), outcome.Prints.begin() + 8);
     EXPECT_THAT(load,
-                ElementsAre(StartsWith("Tarnveil Driver Entry "), "Tarnveil.sys: ",
-                            StartsWith("Failed to ZwOpenKey. Path = "), StartsWith("Tarnveil - OS Version: 0x"),
-                            "SandboxCryptKey Query c0000034", StartsWith("Create NT Device "),
-                            StartsWith("Tarnveil - IoCreateSymbolicLink success "), "Tarnveil DriverEntry return 0"));
+        ElementsAre(StartsWith("Tarnveil Driver Entry "), "Tarnveil.sys: ", StartsWith("Failed to ZwOpenKey. Path = "),
+            StartsWith("Tarnveil - OS Version: 0x"), "SandboxCryptKey Query c0000034", StartsWith("Create NT Device "),
+            StartsWith("Tarnveil - IoCreateSymbolicLink success "), "Tarnveil DriverEntry return 0"));
 }
 
 // One program after the other, each with its own handle to the device; ids count on over all lists.
 TEST_F(UnderWine, EveryRequestIsAnswered)
 {
-    const auto outcome =
-        WithDriver({"key set --hex 000102030405060708090a0b0c0d0e0f5c", "process add C:\\Apps\\Editor.exe",
-                    "parent add C:\\Apps\\Shell.exe", "exclude add C:\\Apps\\Never.exe", "start", "encryption off",
-                    "encryption on", "protect add 100 C:\\Data\\secret.txt", "protect remove 3", "process remove 0",
-                    "under-sandbox 4", "pids", "log stop", "stop", "start", "status"});
+    const auto outcome = WithDriver({"key set --hex 000102030405060708090a0b0c0d0e0f5c",
+        "process add C:\\Apps\\Editor.exe", "parent add C:\\Apps\\Shell.exe", "exclude add C:\\Apps\\Never.exe",
+        "start", "encryption off", "encryption on", "protect add 100 C:\\Data\\secret.txt", "protect remove 3",
+        "process remove 0", "under-sandbox 4", "pids", "log stop", "stop", "start", "status"});
     EXPECT_THAT(Lines(outcome.Output), ElementsAre(StartsWith("tarnctl: warning: a key on the command line"),
-                                                   "accepted; a key that was there before stays in force", "code=0", //
-                                                   "id 0", "code=0",                                                 //
-                                                   "id 0", "code=0",                                                 //
-                                                   "id 0", "code=0",                                                 //
-                                                   "started", "code=0",                                              //
-                                                   "encryption is off", "code=0",                                    //
-                                                   "encryption is on", "code=0",                                     //
-                                                   "id 0", "code=0",                                                 //
-                                                   "id 3 is no setting any more", "code=0",                          //
-                                                   "id 0 is no setting any more", "code=0",                          //
-                                                   "no", "code=0",                                                   //
-                                                   "code=0",                                                         //
-                                                   "logging has ended", "code=0",                                    //
-                                                   "stopped", "code=0",                                              //
-                                                   "started", "code=0",                                              //
-                                                   "driver: reachable", "processes under the sandbox: 0", "code=0"));
+                                           "accepted; a key that was there before stays in force", "code=0", //
+                                           "id 0", "code=0",                                                 //
+                                           "id 0", "code=0",                                                 //
+                                           "id 0", "code=0",                                                 //
+                                           "started", "code=0",                                              //
+                                           "encryption is off", "code=0",                                    //
+                                           "encryption is on", "code=0",                                     //
+                                           "id 0", "code=0",                                                 //
+                                           "id 3 is no setting any more", "code=0",                          //
+                                           "id 0 is no setting any more", "code=0",                          //
+                                           "no", "code=0",                                                   //
+                                           "code=0",                                                         //
+                                           "logging has ended", "code=0",                                    //
+                                           "stopped", "code=0",                                              //
+                                           "started", "code=0",                                              //
+                                           "driver: reachable", "processes under the sandbox: 0", "code=0"));
     // The ids that the driver gave out; the answers' buffers do not travel back, see below.
-    for (const char* text :
-         {"Tarnveil - IOCTL_SET_CRYPTKEY 17", "[IDMan] IssueId = 0", "[IDMan] IssueId = 1", "[IDMan] IssueId = 2",
-          "[IDMan] IssueId = 3", "Tarnveil - IOCTL_START", "Tarnveil - IOCTL_SET_ENCRYPTION: Encryption = 0",
-          "Tarnveil - IOCTL_SET_ENCRYPTION: Encryption = 1",
-          "Tarnveil - IOCTL_ADD_FILE_PROTECTION: pid =  100 path = 'C:\\Data\\secret.txt', id(3)",
-          "Tarnveil - IOCTL_DEL_FILE_PROTECTION: id(3)", "Tarnveil - IOCTL_DEL_PROCESS: id(0)", "[IDMan] ReleaseId = 0",
-          "Tarnveil - IOCTL_GET_PID_LIST_UNDER_SANDBOX", "Tarnveil - IOCTL_STOP_LOGGING", "Tarnveil - IOCTL_STOP"})
+    for (const char* text : {"Tarnveil - IOCTL_SET_CRYPTKEY 17", "[IDMan] IssueId = 0", "[IDMan] IssueId = 1",
+             "[IDMan] IssueId = 2", "[IDMan] IssueId = 3", "Tarnveil - IOCTL_START",
+             "Tarnveil - IOCTL_SET_ENCRYPTION: Encryption = 0", "Tarnveil - IOCTL_SET_ENCRYPTION: Encryption = 1",
+             "Tarnveil - IOCTL_ADD_FILE_PROTECTION: pid =  100 path = 'C:\\Data\\secret.txt', id(3)",
+             "Tarnveil - IOCTL_DEL_FILE_PROTECTION: id(3)", "Tarnveil - IOCTL_DEL_PROCESS: id(0)",
+             "[IDMan] ReleaseId = 0", "Tarnveil - IOCTL_GET_PID_LIST_UNDER_SANDBOX", "Tarnveil - IOCTL_STOP_LOGGING",
+             "Tarnveil - IOCTL_STOP"})
     {
         EXPECT_THAT(outcome.Prints, Contains(text));
     }
@@ -185,8 +180,8 @@ TEST_F(UnderWine, ARefusalIsSaidByNameAndNumber)
 {
     // A pattern begins with a drive.
     const auto outcome = WithDriver({"process add *\\Editor.exe"});
-    EXPECT_EQ(outcome.Output,
-              "tarnctl: IOCTL_ADD_PROCESS was refused: STATUS_INVALID_PARAMETER (0xC000000D)\ncode=1\n");
+    EXPECT_EQ(
+        outcome.Output, "tarnctl: IOCTL_ADD_PROCESS was refused: STATUS_INVALID_PARAMETER (0xC000000D)\ncode=1\n");
     EXPECT_THAT(outcome.Prints, Contains("Tarnveil - RegistMonitoredProcess error - c000000d"));
 }
 
@@ -215,9 +210,8 @@ TEST_F(UnderWine, RunningProcessesAreKnownByTheirImages)
 
 TEST_F(UnderWine, AKeyOfTheRegistryCannotBeOverridden)
 {
-    const auto outcome =
-        WithDriver({"key set --hex 000102030405060708090a0b0c0d0e0f5c"},
-                   {{ServiceKey, "SandboxCryptKey", "REG_BINARY", "000102030405060708090a0b0c0d0e0f5c"}});
+    const auto outcome = WithDriver({"key set --hex 000102030405060708090a0b0c0d0e0f5c"},
+        {{ServiceKey, "SandboxCryptKey", "REG_BINARY", "000102030405060708090a0b0c0d0e0f5c"}});
     EXPECT_THAT(outcome.Prints, Contains("SandboxCryptKey Query 80000005"));
     EXPECT_THAT(outcome.Prints, Contains("Tarnveil - Tried to override the crypt key."));
     EXPECT_THAT(outcome.Output, HasSubstr("code=0\n"));
@@ -225,10 +219,9 @@ TEST_F(UnderWine, AKeyOfTheRegistryCannotBeOverridden)
 
 TEST_F(UnderWine, AKeyOfAnotherLengthEndsTheConfiguration)
 {
-    const auto outcome =
-        WithDriver({"key set --hex 000102030405060708090a0b0c0d0e0f5c"},
-                   {{ServiceKey, "SandboxCryptKey", "REG_BINARY", "000102030405060708090a0b0c0d0e0f10111213"},
-                    {ServiceKey, "SandboxPath", "REG_SZ", "\\Device\\HarddiskVolume1\\Sandbox"}});
+    const auto outcome = WithDriver({"key set --hex 000102030405060708090a0b0c0d0e0f5c"},
+        {{ServiceKey, "SandboxCryptKey", "REG_BINARY", "000102030405060708090a0b0c0d0e0f10111213"},
+            {ServiceKey, "SandboxPath", "REG_SZ", "\\Device\\HarddiskVolume1\\Sandbox"}});
     EXPECT_THAT(outcome.Prints, Contains("KeyLength fail 19"));
     EXPECT_THAT(outcome.Prints, Not(Contains(StartsWith("SandboxPath "))));
     EXPECT_THAT(outcome.Prints, Contains("Tarnveil - Tried to override the crypt key."));
@@ -239,7 +232,7 @@ TEST_F(UnderWine, TheProductKeyIsRead)
 {
     const auto outcome =
         WithDriver({"start"}, {{ProductKey, "InstallerType", "REG_BINARY", Utf16Hex("QQBCAEMARABFAEYAMABAAAAA")},
-                               {ProductKey, "InstallFolder", "REG_SZ", "C:\\Hollowbay"}});
+                                  {ProductKey, "InstallFolder", "REG_SZ", "C:\\Hollowbay"}});
     EXPECT_THAT(outcome.Prints, Contains("Decoded InstallerType = ABCDEF0@"));
     EXPECT_THAT(outcome.Prints, Contains("Installer Mode = 0"));
     EXPECT_THAT(outcome.Prints, Contains(StartsWith("ProductPath = ")));
@@ -255,11 +248,10 @@ TEST_F(UnderWine, AProductKeyOfAnotherTypeIsRejected)
 
 TEST_F(UnderWine, TheParametersAreDumpedThroughTheMailslot)
 {
-    const auto outcome =
-        WithDriver({"parent add C:\\Apps\\Shell.exe", "encryption off", "dump"},
-                   {{ProductKey, "DebugLogLevel", "REG_DWORD", "0x4100"},
-                    {ServiceKey, "SandboxCryptKey", "REG_BINARY", "000102030405060708090a0b0c0d0e0f5c"},
-                    {ServiceKey, "SandboxPath", "REG_SZ", "\\Device\\HarddiskVolume1\\Sandbox"}});
+    const auto outcome = WithDriver({"parent add C:\\Apps\\Shell.exe", "encryption off", "dump"},
+        {{ProductKey, "DebugLogLevel", "REG_DWORD", "0x4100"},
+            {ServiceKey, "SandboxCryptKey", "REG_BINARY", "000102030405060708090a0b0c0d0e0f5c"},
+            {ServiceKey, "SandboxPath", "REG_SZ", "\\Device\\HarddiskVolume1\\Sandbox"}});
     EXPECT_THAT(outcome.Prints, Contains("DebugLogFlags 0x41"));
     std::vector<std::string> lines;
     for (const std::string& line : Lines(outcome.Output))
@@ -267,19 +259,18 @@ TEST_F(UnderWine, TheParametersAreDumpedThroughTheMailslot)
         const size_t message = line.find("] ", line.find("Tarnveil : "));
         if (message != std::string::npos)
         {
-            EXPECT_THAT(line,
-                        MatchesRegex("0\\|....\\/..\\/.. ..:..:.. \\[tarnctl.exe \\(.+\\)\\] tid=.* Tarnveil : .*"));
+            EXPECT_THAT(
+                line, MatchesRegex("0\\|....\\/..\\/.. ..:..:.. \\[tarnctl.exe \\(.+\\)\\] tid=.* Tarnveil : .*"));
             lines.push_back(line.substr(message + 2));
         }
     }
     // Wine's formatting does not know counted strings either.
-    EXPECT_THAT(lines, ElementsAre("IRP = DEV_CTRL IOCTL = OUTPUT_PARAM", StartsWith("Param : RegPath = "),
-                                   "Param : Length = 16 Key = Exists Xor = Exists Encryption = Disable",
-                                   StartsWith("Param : SandboxPath = "), StartsWith("Param : PrefixSandboxPath = "),
-                                   "Param : ParentName : Count = 1", StartsWith("Param : ParentName : "),
-                                   "Param : ProcessName : Count = 0", "Param : ExcProcName : Count = 0",
-                                   "Param : Parent : Count = 0", "Param : Child : Count = 0",
-                                   "Param : Cache : Process : Count = 0"));
+    EXPECT_THAT(lines,
+        ElementsAre("IRP = DEV_CTRL IOCTL = OUTPUT_PARAM", StartsWith("Param : RegPath = "),
+            "Param : Length = 16 Key = Exists Xor = Exists Encryption = Disable", StartsWith("Param : SandboxPath = "),
+            StartsWith("Param : PrefixSandboxPath = "), "Param : ParentName : Count = 1",
+            StartsWith("Param : ParentName : "), "Param : ProcessName : Count = 0", "Param : ExcProcName : Count = 0",
+            "Param : Parent : Count = 0", "Param : Child : Count = 0", "Param : Cache : Process : Count = 0"));
 }
 
 TEST_F(UnderWine, WithoutAReaderTheDumpSaysSo)
@@ -292,11 +283,11 @@ TEST_F(UnderWine, WithoutAReaderTheDumpSaysSo)
 TEST_F(UnderWine, ProtectedPathsAreKeptInTheRegistryAndReadBack)
 {
     WithDriver({"protect add 100 C:\\first.txt"},
-               {{ServiceKey, "SandboxPath", "REG_SZ", "\\Device\\HarddiskVolume1\\Sandbox"}});
+        {{ServiceKey, "SandboxPath", "REG_SZ", "\\Device\\HarddiskVolume1\\Sandbox"}});
     EXPECT_THAT(Registry("ProtectionFiles"), HasSubstr("first.txt"));
     // Written anew with what the load read back.
     WithDriver({"protect add 100 C:\\second.txt"},
-               {{ServiceKey, "SandboxPath", "REG_SZ", "\\Device\\HarddiskVolume1\\Sandbox"}});
+        {{ServiceKey, "SandboxPath", "REG_SZ", "\\Device\\HarddiskVolume1\\Sandbox"}});
     const std::string stored = Registry("ProtectionFiles");
     EXPECT_THAT(stored, HasSubstr("first.txt"));
     EXPECT_THAT(stored, HasSubstr("second.txt"));

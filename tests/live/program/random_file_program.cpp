@@ -45,9 +45,21 @@ public:
         ++step_;
         using Operation = void (Tester::*)();
         static constexpr Operation operations[] = {
-            &Tester::Write,   &Tester::Write,    &Tester::Write,     &Tester::Read,      &Tester::Read,
-            &Tester::Read,    &Tester::Append,   &Tester::Truncate,  &Tester::MappedRead, &Tester::MappedWrite,
-            &Tester::Reserve, &Tester::PunchHole, &Tester::Reopen,   &Tester::Synchronize, &Tester::CompareSize,
+            &Tester::Write,
+            &Tester::Write,
+            &Tester::Write,
+            &Tester::Read,
+            &Tester::Read,
+            &Tester::Read,
+            &Tester::Append,
+            &Tester::Truncate,
+            &Tester::MappedRead,
+            &Tester::MappedWrite,
+            &Tester::Reserve,
+            &Tester::PunchHole,
+            &Tester::Reopen,
+            &Tester::Synchronize,
+            &Tester::CompareSize,
         };
         (this->*operations[Number(std::size(operations))])();
     }
@@ -182,8 +194,7 @@ private:
     {
         // Often near the end, where blocks and pages are cut.
         const bool near = Number(2) == 0 && !model_.empty();
-        const size_t size =
-            near ? model_.size() - Number(std::min<size_t>(model_.size(), 100)) : Number(LargestFile);
+        const size_t size = near ? model_.size() - Number(std::min<size_t>(model_.size(), 100)) : Number(LargestFile);
         Check(ftruncate(file_, static_cast<off_t>(size)), "ftruncate");
         model_.resize(size);
     }
@@ -255,10 +266,7 @@ private:
         Open(0);
     }
 
-    void Synchronize()
-    {
-        Check(fsync(file_), "fsync");
-    }
+    void Synchronize() { Check(fsync(file_), "fsync"); }
 
     void CompareSize()
     {

@@ -24,8 +24,9 @@ TEST_F(LiveChanges, MakingRoomCutsNothingOffThatIsWrittenMeanwhile)
 // who closes it when that fails.
 TEST_F(LiveChanges, WhatWasFoundIsOpenedWhateverBecameOfItsName)
 {
-    EXPECT_EQ(volume->Inside("for name in removed replaced; do echo $name > $name; ln $name $name.kept; done\n"
-                             "echo alone > alone; mkdir folder")
+    EXPECT_EQ(volume
+                  ->Inside("for name in removed replaced; do echo $name > $name; ln $name $name.kept; done\n"
+                           "echo alone > alone; mkdir folder")
                   .Code,
         0);
     // Afterwards the host's kernel knows no name that it is not told here.

@@ -32,8 +32,8 @@ TEST_F(LiveFiles, NamesAreWhatLinuxProgramsExpect)
         touch "$(printf 'x%.0s' $(seq 255))"; ls | wc -c)x");
     EXPECT_EQ(outcome.Code, 0) << outcome.Output;
     EXPECT_THAT(outcome.Output, testing::StartsWith("lower\nupper\n"));
-    for (const char* odd : {"/a:b/", "/a*b?/", "/<\"|>/", "/back\\slash/", "/end /", "/end./", "/.../", "/naïve/",
-                            "/日本語/", "/🙂/"})
+    for (const char* odd :
+        {"/a:b/", "/a*b?/", "/<\"|>/", "/back\\slash/", "/end /", "/end./", "/.../", "/naïve/", "/日本語/", "/🙂/"})
     {
         EXPECT_THAT("/" + outcome.Output.substr(12), HasSubstr(odd));
     }
@@ -51,8 +51,9 @@ TEST_F(LiveFiles, AListingTellsWhatThingsAre)
 
 TEST_F(LiveFiles, OwnersAndModesCount)
 {
-    EXPECT_EQ(volume->Inside("umask 022; echo x > file; mkdir folder; stat -c '%a %u' file folder; chown 12:34 file; "
-                             "chmod 4755 file; stat -c '%a %u %g' file")
+    EXPECT_EQ(volume
+                  ->Inside("umask 022; echo x > file; mkdir folder; stat -c '%a %u' file folder; chown 12:34 file; "
+                           "chmod 4755 file; stat -c '%a %u %g' file")
                   .Output,
         "644 0\n755 0\n4755 12 34\n");
 }
@@ -73,8 +74,8 @@ TEST_F(LiveFiles, WhoeverIsNotTrustedTakesAFilesPowersAwayByChangingIt)
         stat -c '%n %a' written appended emptied shortened roots
         other 'cat mine' || true; other 'echo x > mine' || true; other 'touch new' || true; cat mine)x");
     EXPECT_EQ(outcome.Code, 0) << outcome.Output;
-    EXPECT_THAT(outcome.Output,
-        testing::StartsWith("written 777\nappended 777\nemptied 777\nshortened 777\nroots 6777\n"));
+    EXPECT_THAT(
+        outcome.Output, testing::StartsWith("written 777\nappended 777\nemptied 777\nshortened 777\nroots 6777\n"));
     EXPECT_THAT(outcome.Output, HasSubstr("cat: mine: Permission denied"));
     EXPECT_THAT(outcome.Output, HasSubstr("mine: Permission denied\n"));
     EXPECT_THAT(outcome.Output, HasSubstr("cannot touch 'new': Permission denied"));
@@ -95,8 +96,8 @@ TEST_F(LiveFiles, MovingOverTheSandboxBorderCopies)
     EXPECT_THAT(outcome.Output, HasSubstr("'link' => '../document': Invalid cross-device link\n"));
     EXPECT_THAT(outcome.Output, testing::EndsWith("Sandbox\ndocument\nfolder\n"));
     volume->Remount();
-    EXPECT_EQ(Outside("cat mount/document mount/folder/file store/document").Output,
-        "from inside\ndeep\nfrom inside\n");
+    EXPECT_EQ(
+        Outside("cat mount/document mount/folder/file store/document").Output, "from inside\ndeep\nfrom inside\n");
     EXPECT_EQ(Outside("stat -c %s store/Sandbox/plain").Output, "13\n");
     EXPECT_THAT(Outside("cat store/Sandbox/plain").Output, Not(HasSubstr("from outside")));
 }

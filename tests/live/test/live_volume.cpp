@@ -169,8 +169,8 @@ Outcome LiveVolume::Inside(const std::string& script, const fs::path& folder) co
     const fs::path inner = WriteScript("cd " + Quoted(folder) + "\n" + script, "inside.sh");
     // The parent itself is not inside, so it does not even go into the folder; and with a command behind it, the inner
     // shell is a child and does not take its place.
-    return Shell(LongestRun + Quoted(folder_.Path("launch")) + " -c \"bash " + Quoted(inner) + "; exit \\$?\"",
-                 Folder());
+    return Shell(
+        LongestRun + Quoted(folder_.Path("launch")) + " -c \"bash " + Quoted(inner) + "; exit \\$?\"", Folder());
 }
 
 Outcome LiveVolume::Outside(const std::string& script, const fs::path& folder) const

@@ -1,8 +1,8 @@
 // A mounted volume and the programs that use it, inside the sandbox and outside.
 #pragma once
 
-#include "tests/shell.h"
-#include "tests/temporary_folder.h"
+#include "tests/support/shell.h"
+#include "tests/support/temporary_folder.h"
 
 #include <condition_variable>
 #include <csignal>
@@ -76,8 +76,8 @@ private:
 
     mutable std::mutex mutex_;
     std::condition_variable grown_;
-    std::string log_;     // guarded by mutex_
-    bool ended_ = false;  // the log; guarded by mutex_
+    std::string log_;    // guarded by mutex_
+    bool ended_ = false; // the log; guarded by mutex_
     std::thread collector_;
 };
 

@@ -22,10 +22,7 @@ protected:
         }
     }
 
-    std::string Document() const
-    {
-        return Quoted(volume->Sandbox() / "document");
-    }
+    std::string Document() const { return Quoted(volume->Sandbox() / "document"); }
     // A program of this test's own, by a path of its own.
     std::string CopyOfShell(const char* name) const
     {
@@ -33,22 +30,20 @@ protected:
         fs::copy_file("/bin/bash", copy);
         return copy.string();
     }
-    std::string Pattern(const std::string& path) const
-    {
-        return "'" + live_test::SystemPath(path) + "'";
-    }
+    std::string Pattern(const std::string& path) const { return "'" + live_test::SystemPath(path) + "'"; }
 };
 
 TEST_P(LiveProcesses, ChildrenOfAMonitoredParentAreInsideAtAnyDepth)
 {
     EXPECT_EQ(volume->Inside("cat document; bash -c 'cat document; bash -c \"cat document; true\"; true'").Output,
-              "secret\nsecret\nsecret\n");
+        "secret\nsecret\nsecret\n");
     // A child whose parent is gone by the time it reads.
-    EXPECT_EQ(volume->Inside("mkfifo go done\n"
-                             "bash -c '(read word < go; cat document > late; echo > done) & true'\n"
-                             "echo > go; read word < done; cat late")
+    EXPECT_EQ(volume
+                  ->Inside("mkfifo go done\n"
+                           "bash -c '(read word < go; cat document > late; echo > done) & true'\n"
+                           "echo > go; read word < done; cat late")
                   .Output,
-              "secret\n");
+        "secret\n");
 }
 
 TEST_P(LiveProcesses, TheParentItselfIsNotInside)
@@ -84,8 +79,8 @@ TEST_P(LiveProcesses, AProgramThatRunsAnotherImageIsJudgedByThat)
     const std::string shell = CopyOfShell("editor");
     ASSERT_EQ(volume->Agent("process add " + Pattern(shell)).Code, 0);
     // The same process, first the listed image, then cat.
-    const Outcome outcome = Outside(shell + " -c 'read line < " + Document() + "; echo \"got $line\"; exec cat " +
-                                    Document() + "'");
+    const Outcome outcome =
+        Outside(shell + " -c 'read line < " + Document() + "; echo \"got $line\"; exec cat " + Document() + "'");
     EXPECT_THAT(outcome.Output, HasSubstr("got secret\n"));
     EXPECT_THAT(outcome.Output, HasSubstr("Permission denied"));
 }
@@ -121,9 +116,9 @@ TEST_P(LiveProcesses, AnOpenFileSpeaksForItsOpenerAlone)
 {
     const std::string shell = CopyOfShell("editor");
     ASSERT_EQ(volume->Agent("process add " + Pattern(shell)).Code, 0);
-    const Outcome outcome =
-        Outside(shell + " -c 'exec 3< " + Document() + "; [ -s /proc/self/fd/3 ] && echo has size\n"
-                "stat -L /proc/self/fd/3; exec stat -L /proc/self/fd/3'");
+    const Outcome outcome = Outside(shell + " -c 'exec 3< " + Document() +
+                                    "; [ -s /proc/self/fd/3 ] && echo has size\n"
+                                    "stat -L /proc/self/fd/3; exec stat -L /proc/self/fd/3'");
     EXPECT_EQ(outcome.Output, "has size\n"
                               "stat: cannot statx '/proc/self/fd/3': Permission denied\n"
                               "stat: cannot statx '/proc/self/fd/3': Permission denied\n");
@@ -132,16 +127,17 @@ TEST_P(LiveProcesses, AnOpenFileSpeaksForItsOpenerAlone)
 TEST_P(LiveProcesses, AProtectedFileIsForItsProcessOnly)
 {
     ASSERT_EQ(Outside("echo open > mount/notes; cat mount/notes").Output, "open\n");
-    const Outcome outcome = Outside(volume->AgentCommand() + " protect add $$ 'S:\\notes' > /dev/null; "
-                                    "read line < mount/notes; echo \"got $line\"; cat mount/notes");
+    const Outcome outcome =
+        Outside(volume->AgentCommand() + " protect add $$ 'S:\\notes' > /dev/null; "
+                                         "read line < mount/notes; echo \"got $line\"; cat mount/notes");
     EXPECT_THAT(outcome.Output, HasSubstr("got open\n"));
     EXPECT_THAT(outcome.Output, HasSubstr("Permission denied"));
 }
 
 TEST_P(LiveProcesses, TheAgentSeesRealProcessIds)
 {
-    const Outcome outcome = volume->Inside(volume->AgentCommand() + " under-sandbox $$; echo $$; " +
-                                           volume->AgentCommand() + " pids; true");
+    const Outcome outcome = volume->Inside(
+        volume->AgentCommand() + " under-sandbox $$; echo $$; " + volume->AgentCommand() + " pids; true");
     EXPECT_THAT(outcome.Output, HasSubstr("yes\n"));
     const std::string id = outcome.Output.substr(4, outcome.Output.find('\n', 4) - 4);
     EXPECT_THAT(outcome.Output.substr(5 + id.size()), HasSubstr(id + "\n"));

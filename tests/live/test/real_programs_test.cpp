@@ -27,7 +27,7 @@ const Work Works[] = {
         mkdir out; tar -C out -xf all.tar
         tar -C out --sort=name --mtime=@1 --owner=0 --group=0 -czf again.tgz driver docs
         gzip -t again.tgz)x",
-     "all.tar out"},
+        "all.tar out"},
     {"KeepsARepository", R"x(
         export GIT_AUTHOR_DATE='2020-01-01T00:00:00Z' GIT_COMMITTER_DATE='2020-01-01T00:00:00Z' HOME="$PWD"
         git config --global user.name Tester; git config --global user.email tester@example.invalid
@@ -45,7 +45,7 @@ const Work Works[] = {
         git -C clone status --porcelain > status
         git -C clone log --format='%H %s' > history
         git -C clone archive HEAD | tar -x --one-top-level=archived)x",
-     "status history archived clone/driver clone/docs"},
+        "status history archived clone/driver clone/docs"},
     {"KeepsADatabaseWithAJournal", R"x(
         { echo 'PRAGMA journal_mode=DELETE; CREATE TABLE t(id INTEGER PRIMARY KEY, name TEXT, body BLOB);'
           for i in $(seq 1500); do echo "INSERT INTO t(name,body) VALUES('row $i', zeroblob($((i % 700))));"; done
@@ -55,7 +55,7 @@ const Work Works[] = {
         sqlite3 data.db 'PRAGMA integrity_check' | tee check
         grep -qx ok check
         sqlite3 data.db .dump > dump)x",
-     "dump check"},
+        "dump check"},
     {"KeepsADatabaseWithAWriteAheadLog", R"x(
         { echo 'PRAGMA journal_mode=WAL; CREATE TABLE t(id INTEGER PRIMARY KEY, name TEXT, body BLOB);'
           for i in $(seq 2000); do echo "INSERT INTO t(name,body) VALUES('row $i', zeroblob($((i % 700))));"; done
@@ -66,7 +66,7 @@ const Work Works[] = {
         sqlite3 data.db 'PRAGMA wal_checkpoint(TRUNCATE); PRAGMA integrity_check' | tail -n 1 | tee check
         grep -qx ok check
         sqlite3 data.db .dump > dump)x",
-     "dump check"},
+        "dump check"},
     {"BuildsAProgram", R"x(
         for i in 1 2 3 4 5 6; do
             printf '#include "all.h"\nint part%d(int x) { return x * %d; }\n' $i $i > part$i.c
@@ -80,7 +80,7 @@ const Work Works[] = {
         ./program > result
         grep -qx 91 result
         make -s -q)x",
-     "result program part1.o main.o"},
+        "result program part1.o main.o"},
     {"SavesAtomically", R"x(
         for i in $(seq 60); do
             seq $((i * 37)) > .document.tmp
@@ -93,7 +93,7 @@ const Work Works[] = {
         [ "$(tail -n 1 <&3)" = 2220 ]
         rm document
         seq 9 > document)x",
-     "document"},
+        "document"},
     {"MapsFiles", R"x(
         cat > map.py << 'END'
 import mmap, os
@@ -113,7 +113,7 @@ with open('mapped', 'rb') as f:
 assert len(data) == 50000 and data[997:1002] == b'00099'
 END
         python3 map.py)x",
-     "mapped"},
+        "mapped"},
     {"WritesPastTheCache", R"x(
         seq 200000 > plain; truncate -s 1000003 plain
         dd if=plain of=direct bs=4096 oflag=direct status=none
@@ -122,7 +122,7 @@ END
         dd if=plain of=odd bs=777 conv=notrunc seek=3 count=11 status=none
         dd if=plain of=sync bs=5000 oflag=dsync count=20 status=none
         dd if=plain of=direct bs=512 seek=1000 count=3 conv=notrunc oflag=direct status=none)x",
-     "plain direct large odd sync"},
+        "plain direct large odd sync"},
     {"Synchronizes", R"x(
         mkdir from; cp -r "$SOURCE/docs" "$SOURCE/include" from
         rsync -a from/ to/
@@ -130,12 +130,12 @@ END
         rsync -a --delete from/ to/
         rsync -ani --checksum --delete from/ to/ > left
         [ ! -s left ])x",
-     "from to"},
+        "from to"},
     {"ZipsAndTests", R"x(
         cp -r "$SOURCE/docs" .
         zip -qr docs.zip docs; unzip -tq docs.zip
         mkdir out; unzip -q docs.zip -d out; diff -r docs out/docs)x",
-     "docs out"},
+        "docs out"},
     {"LinksAndAttributes", R"x(
         echo text > file; ln file hard; ln -s file soft; ln -s /nowhere/at/all dangling
         echo more >> hard; [ "$(cat file)" = "$(cat soft)" ]; [ "$(stat -c %h file)" = 2 ]
@@ -149,11 +149,11 @@ END
         touch 'a name: with <all> "of" it?|*\' ; ls c >> names; ls >> names
         df . > /dev/null
         ( flock -n 9; ! flock -n hard true ) 9< hard)x",
-     "c/file hard names targets attributes"},
+        "c/file hard names targets attributes"},
     {"Endures", R"x(
         stress-ng --temp-path . --quiet --timeout 4 --hdd 1 --hdd-bytes 8m --fallocate 1 --fallocate-bytes 4m --rename 1 --link 1 --dentry 1 --dentries 200 --seek 1 --utime 1 --mmap 1 --mmap-bytes 4m --mmap-file --verify
         ls -A | grep -v -e '^stress' -e '^left' > left || true)x",
-     "left"},
+        "left"},
 };
 
 std::string WithSource(const char* script)
@@ -183,7 +183,7 @@ protected:
     {
         const std::string reference = (Reference() / work.Name).string();
         ExpectSuccess(volume->Inside("for name in " + std::string(work.Results) + "; do diff -r --no-dereference \"" +
-                                         reference + "/$name\" \"" + work.Name + "/$name\"; done"),
+                                     reference + "/$name\" \"" + work.Name + "/$name\"; done"),
             work.Name + (" " + when));
     }
 };
@@ -210,11 +210,11 @@ TEST_P(RealPrograms, DoInTheSandboxWhatTheyDoElsewhere)
     const Outcome before = Outside("find store -printf '%P %s %T@ %m\\n' | sort");
     for (const char* attempt :
         {"ls mount/Sandbox", "cat mount/Sandbox/SavesAtomically/document", "echo x > mount/Sandbox/new",
-         "echo x >> mount/Sandbox/SavesAtomically/document", "rm mount/Sandbox/SavesAtomically/document",
-         "mkdir mount/Sandbox/folder", "mv mount/Sandbox/SavesAtomically mount/gone", "rmdir mount/Sandbox",
-         "touch mount/Sandbox/SavesAtomically/document", "chmod 777 mount/Sandbox/SavesAtomically/document",
-         "truncate -s 0 mount/Sandbox/SavesAtomically/document", "stat mount/Sandbox/SavesAtomically/document",
-         "ln mount/Sandbox/SavesAtomically/document mount/linked", "cp -r mount/Sandbox elsewhere"})
+            "echo x >> mount/Sandbox/SavesAtomically/document", "rm mount/Sandbox/SavesAtomically/document",
+            "mkdir mount/Sandbox/folder", "mv mount/Sandbox/SavesAtomically mount/gone", "rmdir mount/Sandbox",
+            "touch mount/Sandbox/SavesAtomically/document", "chmod 777 mount/Sandbox/SavesAtomically/document",
+            "truncate -s 0 mount/Sandbox/SavesAtomically/document", "stat mount/Sandbox/SavesAtomically/document",
+            "ln mount/Sandbox/SavesAtomically/document mount/linked", "cp -r mount/Sandbox elsewhere"})
     {
         const Outcome outcome = Outside(attempt);
         EXPECT_NE(outcome.Code, 0) << attempt;

@@ -49,13 +49,15 @@ TEST_F(LiveServer, WhatWasSynchronizedSurvivesAKill)
         done)x";
     for (int round = 0; round < 4; ++round)
     {
-        ASSERT_EQ(volume->Inside("seq 100000 > before; truncate -s 123457 before; sync before; echo " +
-                                 std::to_string(round) + " > round; sync round")
+        ASSERT_EQ(volume
+                      ->Inside("seq 100000 > before; truncate -s 123457 before; sync before; echo " +
+                               std::to_string(round) + " > round; sync round")
                       .Code,
             0);
         // It is killed in the middle of work, which ends with the volume.
         const std::string script = "for n in 0 1 2 3 4 5 6; do seq 5 > file$n; done; n=0\n"
-                                   "(while [ $n -lt " + std::to_string(40 + 37 * round) +
+                                   "(while [ $n -lt " +
+                                   std::to_string(40 + 37 * round) +
                                    " ]; do n=$((n + 1)); seq $n > file; sync file; done; kill -9 " +
                                    std::to_string(volume->Server()) + ") &\n" + work;
         const Outcome outcome = volume->Inside(script);
@@ -134,10 +136,10 @@ TEST_F(LiveServer, AnOrdinaryUserCanServeOne)
 
 TEST_F(LiveServer, InTheBackgroundItReturnsWhenTheVolumeCanBeUsed)
 {
-    const Outcome outcome = Outside(
-        "mkdir store2 mount2; " TARNHOST " --daemon --store store2 --mount mount2 --socket control2 --log log2 "
-        "--system 10.0; echo text > mount2/file; cat mount2/file; fusermount3 -u mount2; "
-        "while ! grep -q 'left behind' log2; do :; done; grep -o 'left behind: .*' log2; cat store2/file");
+    const Outcome outcome =
+        Outside("mkdir store2 mount2; " TARNHOST " --daemon --store store2 --mount mount2 --socket control2 --log log2 "
+                "--system 10.0; echo text > mount2/file; cat mount2/file; fusermount3 -u mount2; "
+                "while ! grep -q 'left behind' log2; do :; done; grep -o 'left behind: .*' log2; cat store2/file");
     EXPECT_EQ(outcome.Output, "text\nleft behind: nothing\ntext\n");
 }
 
@@ -147,8 +149,8 @@ TEST_F(LiveServer, AFullStoreIsToldToTheWriter)
     {
         GTEST_SKIP() << "no file system of its own can be mounted here";
     }
-    const Outcome outcome = Outside(
-        TARNHOST " --daemon --store full --mount mount3 --socket control3 --log log3\n"
+    const Outcome outcome = Outside(TARNHOST
+        " --daemon --store full --mount mount3 --socket control3 --log log3\n"
         "echo before > mount3/small\n"
         "fill() { { dd if=/dev/zero of=mount3/big bs=1M count=20 conv=fsync || true; } 2>&1 | grep -o 'No space.*'; }\n"
         "fill\n"

@@ -23,13 +23,12 @@ TEST_P(TarnctlDump, LinesAreAsTheDriverWroteThem)
     ASSERT_EQ(program_.SetCryptKey(std::string(24, 'k'), 7), STATUS_SUCCESS);
     ASSERT_EQ(program_.AddProcess(L"C:\\Apps\\Editor.exe").Status, STATUS_SUCCESS);
     const std::string output = Output({"dump"});
-    EXPECT_THAT(output, AllOf(StartsWith("0|"),
-                              HasSubstr(Who() + " IRP = DEV_CTRL IOCTL = OUTPUT_PARAM\n"),
-                              HasSubstr("Param : Length = 24 Key = Exists Xor = Exists Encryption = Enable\n"),
-                              HasSubstr("Param : SandboxPath = \\Device\\HarddiskVolume1\\Sandbox\n"),
-                              HasSubstr("Param : ProcessName : Count = 1\n"),
-                              HasSubstr("Tarnveil : Info " + Who() + " Param : ProcessName : C:\\Apps\\Editor.exe\n"),
-                              Not(HasSubstr("\r")), Not(HasSubstr("kkkk"))));
+    EXPECT_THAT(output, AllOf(StartsWith("0|"), HasSubstr(Who() + " IRP = DEV_CTRL IOCTL = OUTPUT_PARAM\n"),
+                            HasSubstr("Param : Length = 24 Key = Exists Xor = Exists Encryption = Enable\n"),
+                            HasSubstr("Param : SandboxPath = \\Device\\HarddiskVolume1\\Sandbox\n"),
+                            HasSubstr("Param : ProcessName : Count = 1\n"),
+                            HasSubstr("Tarnveil : Info " + Who() + " Param : ProcessName : C:\\Apps\\Editor.exe\n"),
+                            Not(HasSubstr("\r")), Not(HasSubstr("kkkk"))));
     // The mailslot is gone with the run.
     EXPECT_EQ(Output({"dump"}).size(), output.size());
 }
@@ -39,10 +38,10 @@ TEST_P(TarnctlDump, LinesAreTakenApart)
     EnableLines();
     const std::string json = Output({"dump", "--json"});
     EXPECT_THAT(json, StartsWith("{\"lines\":[{\"time\":\""));
-    EXPECT_THAT(json, AllOf(HasSubstr("\",\"process\":\"tarnctl.exe\",\"pid\":" +
-                                      std::to_string(program_.ProcessId()) + ",\"tid\":"),
-                            HasSubstr(",\"level\":\"Trace\",\"message\":\"IRP = DEV_CTRL IOCTL = OUTPUT_PARAM\"},{"),
-                            HasSubstr("\"Param : SandboxPath = \\\\Device\\\\HarddiskVolume1\\\\Sandbox\"")));
+    EXPECT_THAT(json,
+        AllOf(HasSubstr("\",\"process\":\"tarnctl.exe\",\"pid\":" + std::to_string(program_.ProcessId()) + ",\"tid\":"),
+            HasSubstr(",\"level\":\"Trace\",\"message\":\"IRP = DEV_CTRL IOCTL = OUTPUT_PARAM\"},{"),
+            HasSubstr("\"Param : SandboxPath = \\\\Device\\\\HarddiskVolume1\\\\Sandbox\"")));
     EXPECT_EQ(json.substr(json.size() - 5), "\"}]}\n");
 }
 
@@ -78,15 +77,15 @@ TEST(TarnctlDumpLine, Fields)
 {
     EXPECT_EQ(tarnctl::DumpLineJson("0|2026/03/05 09:07:02 [a (b) [c].exe (4312)] tid=44 Tarnveil : Warn "
                                     "[a (b) [c].exe (4312)] Param : \"x\" [y (1)] z"),
-              "{\"time\":\"2026/03/05 09:07:02\",\"process\":\"a (b) [c].exe\",\"pid\":4312,\"tid\":44,"
-              "\"level\":\"Warn\",\"message\":\"Param : \\\"x\\\" [y (1)] z\"}");
+        "{\"time\":\"2026/03/05 09:07:02\",\"process\":\"a (b) [c].exe\",\"pid\":4312,\"tid\":44,"
+        "\"level\":\"Warn\",\"message\":\"Param : \\\"x\\\" [y (1)] z\"}");
 }
 
 TEST(TarnctlDumpLine, AnotherFormIsKeptWhole)
 {
-    for (const char* line : {"", "0|", "something else",
-                             "0|2026/03/05 09:07:02 [a.exe (1)] tid=x Tarnveil : Info [a.exe (1)] m",
-                             "0|2026/03/05 09:07:02 [a.exe (1)] tid=1 Tarnveil"})
+    for (const char* line :
+        {"", "0|", "something else", "0|2026/03/05 09:07:02 [a.exe (1)] tid=x Tarnveil : Info [a.exe (1)] m",
+            "0|2026/03/05 09:07:02 [a.exe (1)] tid=1 Tarnveil"})
     {
         EXPECT_EQ(tarnctl::DumpLineJson(line), "{\"message\":\"" + std::string(line) + "\"}");
     }

@@ -1,6 +1,6 @@
 // What the program makes of a driver that refuses, is not there, or cannot be talked to.
 #include "tests/unit/agent/tarnctl_fixture.h"
-#include "tests/temporary_folder.h"
+#include "tests/support/temporary_folder.h"
 
 #include <cstring>
 
@@ -89,8 +89,8 @@ TEST_F(TarnctlFailures, ARefusalIsNamedByRequestStatusAndNumber)
             RunFake([](std::uint32_t, std::span<std::uint8_t>) { return tarnctl::Reply{0xC000009A, 0}; }, arguments);
         EXPECT_EQ(outcome.Exit, 1) << request;
         EXPECT_EQ(outcome.Output, "");
-        EXPECT_EQ(outcome.Error, "tarnctl: " + std::string(request) +
-                                     " was refused: STATUS_INSUFFICIENT_RESOURCES (0xC000009A)\n");
+        EXPECT_EQ(outcome.Error,
+            "tarnctl: " + std::string(request) + " was refused: STATUS_INSUFFICIENT_RESOURCES (0xC000009A)\n");
         EXPECT_EQ(codes_.size(), 1u) << request;
     }
 }
@@ -107,8 +107,8 @@ TEST_F(TarnctlFailures, AStatusWithoutANameKeepsItsNumber)
 
 TEST_F(TarnctlFailures, AWarningIsARefusalToo)
 {
-    const Outcome outcome = RunFake(
-        [](std::uint32_t, std::span<std::uint8_t>) { return tarnctl::Reply{0x80000005, 0}; }, {"start"});
+    const Outcome outcome =
+        RunFake([](std::uint32_t, std::span<std::uint8_t>) { return tarnctl::Reply{0x80000005, 0}; }, {"start"});
     EXPECT_EQ(outcome.Exit, 1);
     EXPECT_THAT(outcome.Error, HasSubstr("STATUS_BUFFER_OVERFLOW (0x80000005)"));
 }
@@ -144,7 +144,8 @@ TEST_F(TarnctlFailures, AnUnloadedDriverIsNotReachable)
 TEST_F(TarnctlFailures, AListThatNeverFitsEnds)
 {
     const Outcome outcome = RunFake(
-        [](std::uint32_t, std::span<std::uint8_t> output) {
+        [](std::uint32_t, std::span<std::uint8_t> output)
+        {
             const auto count = static_cast<std::uint32_t>(output.size() / 4 + 10);
             std::memcpy(output.data(), &count, sizeof(count));
             return tarnctl::Reply{0xC0000023, 0};
@@ -158,7 +159,8 @@ TEST_F(TarnctlFailures, AListThatNeverFitsEnds)
 TEST_F(TarnctlFailures, ACountBeyondTheBufferIsNotBelieved)
 {
     const Outcome outcome = RunFake(
-        [](std::uint32_t, std::span<std::uint8_t> output) {
+        [](std::uint32_t, std::span<std::uint8_t> output)
+        {
             std::ranges::fill(output, std::uint8_t{0xFF});
             return tarnctl::Reply{0, 0};
         },
@@ -170,7 +172,8 @@ TEST_F(TarnctlFailures, ACountBeyondTheBufferIsNotBelieved)
 TEST_F(TarnctlFailures, ByteCountsOfTheLogAreNotBelieved)
 {
     const Outcome outcome = RunFake(
-        [answered = 0](std::uint32_t code, std::span<std::uint8_t> output) mutable {
+        [answered = 0](std::uint32_t code, std::span<std::uint8_t> output) mutable
+        {
             if (code != IOCTL_GET_LOG_DATA)
             {
                 return tarnctl::Reply{0, 0};
@@ -189,15 +192,12 @@ TEST_F(TarnctlFailures, ByteCountsOfTheLogAreNotBelieved)
 
 TEST_F(TarnctlFailures, AFollowThatFailsEndsTheLogging)
 {
-    const Outcome outcome = RunFake(
-        [](std::uint32_t code, std::span<std::uint8_t>) {
-            return tarnctl::Reply{code == IOCTL_GET_LOG_DATA ? 0xC000000D : 0u, 0};
-        },
-        {"log", "follow"});
+    const Outcome outcome = RunFake([](std::uint32_t code, std::span<std::uint8_t>)
+        { return tarnctl::Reply{code == IOCTL_GET_LOG_DATA ? 0xC000000D : 0u, 0}; }, {"log", "follow"});
     EXPECT_EQ(outcome.Exit, 1);
     EXPECT_THAT(outcome.Error, HasSubstr("IOCTL_GET_LOG_DATA was refused: STATUS_INVALID_PARAMETER"));
-    EXPECT_THAT(codes_, testing::ElementsAre(IOCTL_START_LOGGING, IOCTL_START_LOGGING, IOCTL_GET_LOG_DATA,
-                                             IOCTL_STOP_LOGGING));
+    EXPECT_THAT(
+        codes_, testing::ElementsAre(IOCTL_START_LOGGING, IOCTL_START_LOGGING, IOCTL_GET_LOG_DATA, IOCTL_STOP_LOGGING));
 }
 
 TEST_F(TarnctlFailures, OutputThatNobodyTakesIsTrouble)
@@ -205,7 +205,8 @@ TEST_F(TarnctlFailures, OutputThatNobodyTakesIsTrouble)
     std::ostringstream output;
     std::ostringstream error;
     output.setstate(std::ios::badbit);
-    const tarnctl::Connect connect = [&] {
+    const tarnctl::Connect connect = [&]
+    {
         return std::make_unique<FakeTransport>(
             [](std::uint32_t, std::span<std::uint8_t>) { return tarnctl::Reply{}; }, codes_);
     };

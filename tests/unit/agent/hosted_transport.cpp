@@ -8,7 +8,7 @@
 
 namespace tarnctl_test
 {
-using namespace host;
+using namespace hosted;
 
 namespace
 {
@@ -40,8 +40,8 @@ class HostedTransport : public tarnctl::Transport
 public:
     explicit HostedTransport(const Program& program) : program_(program) {}
 
-    tarnctl::Reply Send(std::uint32_t code, std::span<const std::uint8_t> input,
-                        std::span<std::uint8_t> output) override
+    tarnctl::Reply Send(
+        std::uint32_t code, std::span<const std::uint8_t> input, std::span<std::uint8_t> output) override
     {
         const ControlResult result = program_.DeviceControl(
             code, {reinterpret_cast<const char*>(input.data()), input.size()}, static_cast<ULONG>(output.size()));
@@ -71,8 +71,7 @@ public:
         if (!NT_SUCCESS(status))
         {
             throw tarnctl::Failure(tarnctl::ExitCode::Trouble,
-                                   "the debug mailslot cannot be made: " +
-                                       tarnctl::StatusText(static_cast<std::uint32_t>(status)));
+                "the debug mailslot cannot be made: " + tarnctl::StatusText(static_cast<std::uint32_t>(status)));
         }
         return std::make_unique<HostedMailslot>(std::move(reader));
     }
@@ -90,14 +89,14 @@ public:
     {
     }
 
-    tarnctl::Reply Send(std::uint32_t code, std::span<const std::uint8_t> input,
-                        std::span<std::uint8_t> output) override
+    tarnctl::Reply Send(
+        std::uint32_t code, std::span<const std::uint8_t> input, std::span<std::uint8_t> output) override
     {
         return way_->Send(code, input, output);
     }
     std::uint64_t CreateLogEvent() override { return way_->CreateLogEvent(); }
     tarnctl::Wake WaitForLogEvent(Longest longest) override { return waiting_(*way_, longest); }
-    std::optional<tarnctl::HostDescription> Describe() override { return way_->Describe(); }
+    std::optional<tarnctl::LiveDescription> Describe() override { return way_->Describe(); }
     std::unique_ptr<tarnctl::Mailslot> CreateDebugMailslot() override { return way_->CreateDebugMailslot(); }
 
 private:
@@ -118,8 +117,7 @@ std::unique_ptr<tarnctl::Transport> ConnectInMachine(const Program& program)
     if (!device.IsOpen())
     {
         throw tarnctl::Failure(tarnctl::ExitCode::NotReachable,
-                               "driver not reachable: " +
-                                   tarnctl::StatusText(static_cast<std::uint32_t>(device.Status())));
+            "driver not reachable: " + tarnctl::StatusText(static_cast<std::uint32_t>(device.Status())));
     }
     return std::make_unique<HostedTransport>(program);
 }

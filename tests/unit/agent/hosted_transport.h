@@ -14,7 +14,7 @@ using Waiting = std::function<tarnctl::Wake(tarnctl::Transport& way, Longest lon
 tarnctl::Wake SignalledOrInterrupted(tarnctl::Transport& way, Longest longest = {});
 
 // Fails with NotReachable when the program cannot open the device.
-std::unique_ptr<tarnctl::Transport> ConnectInMachine(const host::Program& program);
+std::unique_ptr<tarnctl::Transport> ConnectInMachine(const hosted::Program& program);
 
 // The same way with waits of the test's own.
 std::unique_ptr<tarnctl::Transport> WaitingBy(Waiting waiting, std::unique_ptr<tarnctl::Transport> way);

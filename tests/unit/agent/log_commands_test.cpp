@@ -29,7 +29,8 @@ protected:
     // Opens at the first wait, then no more; the run ends by itself once everything is printed.
     Waiting OpenOnce()
     {
-        return [this, done = false](tarnctl::Transport& way, Longest) mutable {
+        return [this, done = false](tarnctl::Transport& way, Longest) mutable
+        {
             if (!std::exchange(done, true))
             {
                 Open();
@@ -59,9 +60,9 @@ TEST_P(TarnctlLog, RecordsAreLines)
     const Outcome outcome = Run({"log", "follow", "--levels", "allowed,denied"}, OpenOnce());
     EXPECT_EQ(outcome.Exit, 0) << outcome.Error;
     const std::string path = "path = \\Device\\HarddiskVolume1\\Sandbox\\plan.txt\n";
-    EXPECT_EQ(outcome.Output,
-              "Info  Editor.exe (" + Id(*editor_) + "): IRP = CREATE Ope = PRE status = 0x00000000L " + path +
-                  "Warn  Other.exe (" + Id(*other_) + "): IRP = CREATE Ope = PRE status = 0xC0000022L " + path);
+    EXPECT_EQ(outcome.Output, "Info  Editor.exe (" + Id(*editor_) + "): IRP = CREATE Ope = PRE status = 0x00000000L " +
+                                  path + "Warn  Other.exe (" + Id(*other_) +
+                                  "): IRP = CREATE Ope = PRE status = 0xC0000022L " + path);
     EXPECT_TRUE(LoggingHasEnded());
 }
 
@@ -70,31 +71,34 @@ TEST_P(TarnctlLog, RecordsAreJsonLines)
     const Outcome outcome = Run({"log", "follow", "--json", "--levels", "denied"}, OpenOnce());
     EXPECT_EQ(outcome.Exit, 0) << outcome.Error;
     EXPECT_EQ(outcome.Output,
-              "{\"level\":8,\"levelName\":\"Warn\",\"pid\":" + Id(*other_) +
-                  ",\"process\":\"Other.exe\",\"message\":\"IRP = CREATE Ope = PRE status = 0xC0000022L path = "
-                  "\\\\Device\\\\HarddiskVolume1\\\\Sandbox\\\\plan.txt\"}\n");
+        "{\"level\":8,\"levelName\":\"Warn\",\"pid\":" + Id(*other_) +
+            ",\"process\":\"Other.exe\",\"message\":\"IRP = CREATE Ope = PRE status = 0xC0000022L path = "
+            "\\\\Device\\\\HarddiskVolume1\\\\Sandbox\\\\plan.txt\"}\n");
 }
 
 TEST_P(TarnctlLog, EveryLevelByDefault)
 {
-    const Outcome outcome = Run({"log", "follow"}, [this, done = false](tarnctl::Transport& way, Longest) mutable {
-        if (!std::exchange(done, true))
+    const Outcome outcome = Run({"log", "follow"},
+        [this, done = false](tarnctl::Transport& way, Longest) mutable
         {
-            Open();
-            program_.SetCryptKey(std::string(16, 'x'), 2);
-        }
-        return SignalledOrInterrupted(way);
-    });
+            if (!std::exchange(done, true))
+            {
+                Open();
+                program_.SetCryptKey(std::string(16, 'x'), 2);
+            }
+            return SignalledOrInterrupted(way);
+        });
     EXPECT_EQ(outcome.Exit, 0);
-    EXPECT_THAT(outcome.Output, AllOf(HasSubstr("Trace tarnctl.exe"), HasSubstr("IOCTL = START_LOG"),
-                                      HasSubstr("Info  Editor.exe"), HasSubstr("Warn  Other.exe"),
-                                      HasSubstr("Warn  tarnctl.exe"), HasSubstr("status = OVERRIDE_KEY")));
+    EXPECT_THAT(outcome.Output,
+        AllOf(HasSubstr("Trace tarnctl.exe"), HasSubstr("IOCTL = START_LOG"), HasSubstr("Info  Editor.exe"),
+            HasSubstr("Warn  Other.exe"), HasSubstr("Warn  tarnctl.exe"), HasSubstr("status = OVERRIDE_KEY")));
 }
 
 TEST_P(TarnctlLog, ACountEndsIt)
 {
     int waits = 0;
-    const Waiting openTwice = [&](tarnctl::Transport& way, Longest) {
+    const Waiting openTwice = [&](tarnctl::Transport& way, Longest)
+    {
         ++waits;
         Open();
         Open();
@@ -110,7 +114,8 @@ TEST_P(TarnctlLog, ACountEndsIt)
 TEST_P(TarnctlLog, NoRecordForAWhileEndsIt)
 {
     Longest asked;
-    const Waiting waiting = [&asked](tarnctl::Transport&, Longest longest) {
+    const Waiting waiting = [&asked](tarnctl::Transport&, Longest longest)
+    {
         asked = longest;
         return tarnctl::Wake::TimedOut;
     };
@@ -122,10 +127,12 @@ TEST_P(TarnctlLog, NoRecordForAWhileEndsIt)
 
 TEST_P(TarnctlLog, RecordsOfTheLastMomentArePrinted)
 {
-    const Outcome outcome = Run({"log", "follow", "--levels", "denied"}, [this](tarnctl::Transport&, Longest) {
-        Open();
-        return tarnctl::Wake::Interrupted;
-    });
+    const Outcome outcome = Run({"log", "follow", "--levels", "denied"},
+        [this](tarnctl::Transport&, Longest)
+        {
+            Open();
+            return tarnctl::Wake::Interrupted;
+        });
     EXPECT_EQ(outcome.Exit, 0);
     EXPECT_EQ(std::ranges::count(outcome.Output, '\n'), 1);
 }
@@ -134,15 +141,18 @@ TEST_P(TarnctlLog, RecordsFromAnotherThreadArrive)
 {
     constexpr int Opens = 300;
     std::thread opener;
-    const Waiting startThenWait = [&](tarnctl::Transport& way, Longest) {
+    const Waiting startThenWait = [&](tarnctl::Transport& way, Longest)
+    {
         if (!opener.joinable())
         {
-            opener = std::thread([this] {
-                for (int i = 0; i < Opens; ++i)
+            opener = std::thread(
+                [this]
                 {
-                    other_->Open(L"C:\\Sandbox\\plan.txt");
-                }
-            });
+                    for (int i = 0; i < Opens; ++i)
+                    {
+                        other_->Open(L"C:\\Sandbox\\plan.txt");
+                    }
+                });
         }
         return way.WaitForLogEvent(std::chrono::seconds(10));
     };
@@ -171,7 +181,8 @@ TEST_P(TarnctlLog, AnAgentThatWasKilledIsSucceeded)
     ASSERT_EQ(killed.StartLogging(event, TARNVEIL_LEVEL_DENIED_OPEN), STATUS_SUCCESS);
     killed.Exit();
     EXPECT_EQ(program_.Object()->Handles.Count(), 0u);
-    const Waiting openThenWait = [this](tarnctl::Transport& way, Longest) {
+    const Waiting openThenWait = [this](tarnctl::Transport& way, Longest)
+    {
         Open();
         const tarnctl::Wake wake = way.WaitForLogEvent(std::chrono::seconds(10));
         EXPECT_EQ(wake, tarnctl::Wake::Signalled);

@@ -15,7 +15,7 @@ protected:
     }
 
     // What is told of the host, which a program of the machine itself is not told.
-    std::string HostLines() const
+    std::string LiveLines() const
     {
         return GetParam() == Way::InMachine
                    ? ""
@@ -23,7 +23,7 @@ protected:
                      "volume S: \\Device\\HarddiskVolume2 is /srv/store, mounted at /mnt/safe\n"
                      "volume C: \\Device\\HarddiskVolume1 is /\n";
     }
-    std::string HostJson() const
+    std::string LiveJson() const
     {
         return GetParam() == Way::InMachine
                    ? ""
@@ -52,9 +52,9 @@ TEST_P(TarnctlQueries, NobodyIsUnderTheSandbox)
 {
     EXPECT_EQ(Output({"pids"}), "");
     EXPECT_EQ(Output({"pids", "--json"}), "{\"pids\":[]}\n");
-    EXPECT_EQ(Output({"status"}), "driver: reachable\n" + HostLines() + "processes under the sandbox: 0\n");
+    EXPECT_EQ(Output({"status"}), "driver: reachable\n" + LiveLines() + "processes under the sandbox: 0\n");
     EXPECT_EQ(Output({"status", "--json"}),
-              "{\"reachable\":true," + HostJson() + "\"anyUnderSandbox\":false,\"count\":0,\"pids\":[]}\n");
+        "{\"reachable\":true," + LiveJson() + "\"anyUnderSandbox\":false,\"count\":0,\"pids\":[]}\n");
 }
 
 TEST_P(TarnctlQueries, AListLongerThanTheFirstAttempt)
@@ -69,10 +69,9 @@ TEST_P(TarnctlQueries, AListLongerThanTheFirstAttempt)
     }
     EXPECT_EQ(Output({"pids"}), lines);
     EXPECT_EQ(Output({"pids", "--json"}), "{\"pids\":[" + array + "]}\n");
-    EXPECT_EQ(Output({"status"}), "driver: reachable\n" + HostLines() + "processes under the sandbox: 150\n");
+    EXPECT_EQ(Output({"status"}), "driver: reachable\n" + LiveLines() + "processes under the sandbox: 150\n");
     EXPECT_EQ(Output({"status", "--json"}),
-              "{\"reachable\":true," + HostJson() + "\"anyUnderSandbox\":true,\"count\":150,\"pids\":[" + array +
-                  "]}\n");
+        "{\"reachable\":true," + LiveJson() + "\"anyUnderSandbox\":true,\"count\":150,\"pids\":[" + array + "]}\n");
 }
 }
 }

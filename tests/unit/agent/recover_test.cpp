@@ -2,7 +2,7 @@
 #include "agent/tarnctl/piece_cipher.h"
 #include "tests/scenario/cipher_scenario.h"
 #include "tests/unit/agent/tarnctl_fixture.h"
-#include "tests/temporary_folder.h"
+#include "tests/support/temporary_folder.h"
 
 #include <filesystem>
 #include <numeric>
@@ -159,7 +159,7 @@ TEST_P(TarnctlRecover, ATrueSizeBeyondTheLength)
     EXPECT_THAT(text.Error, HasSubstr("zeros from byte 32 on"));
     EXPECT_EQ(folder_.Get("out"), plain.substr(0, 32) + std::string(32, '\0'));
     EXPECT_EQ(Run("recover", {"--size", "64", "--json"}).Output,
-              "{\"output\":\"" + folder_.Path("out") + "\",\"bytes\":64,\"zeroFrom\":32}\n");
+        "{\"output\":\"" + folder_.Path("out") + "\",\"bytes\":64,\"zeroFrom\":32}\n");
     // Zeros for several pieces, behind an input that ends with one.
     const size_t piece = tarnctl::PieceBytes;
     const std::string whole = Pattern(piece, 9);
@@ -205,8 +205,10 @@ TEST(TarnctlRecoverKey, A192BitKeyFromTheRegistryHasNoMask)
     file.Flush();
     folder.Put("key", scenario.Key + static_cast<char>(cipher_test::ScenarioMask));
     folder.Put("in", scenario.Computer.Disk(Plan));
-    EXPECT_EQ(RunWith(NoWay, {"recover", "--mask", "0", "--key-file", folder.Path("key"), folder.Path("in"),
-                              folder.Path("out")}).Exit, 0);
+    EXPECT_EQ(RunWith(NoWay,
+                  {"recover", "--mask", "0", "--key-file", folder.Path("key"), folder.Path("in"), folder.Path("out")})
+                  .Exit,
+        0);
     EXPECT_EQ(folder.Get("out"), plain);
 }
 
@@ -237,7 +239,7 @@ TEST_F(TarnctlRecoverFiles, TheAnswerNamesTheOutput)
     const std::string out = folder_.Path("out");
     EXPECT_EQ(Run(folder_.Path("in"), out).Output, out + ": 20 bytes\n");
     EXPECT_EQ(RunWith(NoWay, {"conceal", "--json", "--key-file", folder_.Path("key"), folder_.Path("in"), out}).Output,
-              "{\"output\":\"" + out + "\",\"bytes\":20}\n");
+        "{\"output\":\"" + out + "\",\"bytes\":20}\n");
     EXPECT_THAT(folder_.Names(), testing::UnorderedElementsAre("key", "in", "out"));
 }
 

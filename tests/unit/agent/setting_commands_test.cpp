@@ -21,8 +21,8 @@ TEST_P(TarnctlSettings, AProcessSettingComesAndGoes)
 
     const Program editor = machine_.StartProcess(L"C:\\Apps\\Editor.exe");
     EXPECT_EQ(program_.IsUnderSandbox(editor.ProcessId()).Value, 1u);
-    EXPECT_EQ(Output({"process", "remove", std::to_string(id), "--json"}),
-              "{\"removed\":" + std::to_string(id) + "}\n");
+    EXPECT_EQ(
+        Output({"process", "remove", std::to_string(id), "--json"}), "{\"removed\":" + std::to_string(id) + "}\n");
     EXPECT_EQ(program_.IsUnderSandbox(editor.ProcessId()).Value, 0u);
 }
 
@@ -32,8 +32,8 @@ TEST_P(TarnctlSettings, AParentTakesItsChildrenAlong)
     const Program shell = machine_.StartProcess(L"C:\\Apps\\Shell.exe");
     const Program child = shell.Start(L"C:\\Apps\\Tool.exe");
     EXPECT_THAT(program_.PidList().Ids, testing::ElementsAre(child.ProcessId()));
-    EXPECT_EQ(Output({"parent", "remove", std::to_string(id)}),
-              "id " + std::to_string(id) + " is no setting any more\n");
+    EXPECT_EQ(
+        Output({"parent", "remove", std::to_string(id)}), "id " + std::to_string(id) + " is no setting any more\n");
     EXPECT_THAT(program_.PidList().Ids, IsEmpty());
 }
 
@@ -68,8 +68,7 @@ TEST_P(TarnctlSettings, APathThatTheDriverRefusesIsNamedWithItsStatus)
     const Outcome text = Run({"protect", "add", "4", "no drive"});
     EXPECT_EQ(text.Exit, 1);
     EXPECT_EQ(text.Output, "");
-    EXPECT_EQ(text.Error,
-              "tarnctl: IOCTL_ADD_FILE_PROTECTION was refused: STATUS_INVALID_PARAMETER (0xC000000D)\n");
+    EXPECT_EQ(text.Error, "tarnctl: IOCTL_ADD_FILE_PROTECTION was refused: STATUS_INVALID_PARAMETER (0xC000000D)\n");
     const Outcome json = Run({"protect", "add", "--json", "4", "Z:\\file"});
     EXPECT_EQ(json.Exit, 1);
     EXPECT_EQ(json.Output, "{\"error\":{\"request\":\"IOCTL_ADD_FILE_PROTECTION\",\"status\":\"STATUS_OBJECT_NAME_NOT_"
@@ -83,12 +82,11 @@ TEST_P(TarnctlSettings, AProtectedFileOpensForItsProcessOnly)
     ASSERT_EQ(machine_.PutOnDisk(ledger, "sums"), STATUS_SUCCESS);
     const Program owner = machine_.StartProcess(L"C:\\Apps\\Books.exe");
     const Program other = machine_.StartProcess(L"C:\\Apps\\Other.exe");
-    const ULONG id =
-        AddedId(Output({"protect", "add", std::to_string(owner.ProcessId()), "C:\\Data\\*.db", "--json"}));
+    const ULONG id = AddedId(Output({"protect", "add", std::to_string(owner.ProcessId()), "C:\\Data\\*.db", "--json"}));
     EXPECT_EQ(owner.Open(ledger).Status(), STATUS_SUCCESS);
     EXPECT_EQ(other.Open(ledger).Status(), STATUS_ACCESS_DENIED);
-    EXPECT_EQ(Output({"protect", "remove", std::to_string(id), "--json"}),
-              "{\"removed\":" + std::to_string(id) + "}\n");
+    EXPECT_EQ(
+        Output({"protect", "remove", std::to_string(id), "--json"}), "{\"removed\":" + std::to_string(id) + "}\n");
     EXPECT_EQ(owner.Open(ledger).Status(), STATUS_ACCESS_DENIED);
 }
 }

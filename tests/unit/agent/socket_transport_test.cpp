@@ -1,6 +1,6 @@
 // What is particular to the way over the control socket.
-#include "hosted/live/control/descriptor.h"
-#include "hosted/live/control/protocol.h"
+#include "common/descriptor.h"
+#include "live/control/protocol.h"
 #include "tests/unit/agent/tarnctl_fixture.h"
 
 #include <sys/socket.h>
@@ -45,12 +45,12 @@ TEST_P(TarnctlSocket, TheOptionNamesTheSocket)
 {
     const Outcome outcome = RunAt(AtSocket({"status", "--json"}));
     EXPECT_EQ(outcome.Exit, 0) << outcome.Error;
-    EXPECT_THAT(outcome.Output,
-                StartsWith("{\"reachable\":true,\"system\":\"6.1\",\"driver\":\"native\",\"volumes\":["));
+    EXPECT_THAT(
+        outcome.Output, StartsWith("{\"reachable\":true,\"system\":\"6.1\",\"driver\":\"native\",\"volumes\":["));
     EXPECT_EQ(RunAt({"--socket"}).Exit, 2);
 }
 
-TEST_P(TarnctlSocket, WithoutAHostThereIsSomethingToDo)
+TEST_P(TarnctlSocket, WithoutAServerThereIsSomethingToDo)
 {
     const std::string path = socketFolder_.Path("none");
     const Outcome absent = RunAt({"--socket", path, "start"});
@@ -59,7 +59,7 @@ TEST_P(TarnctlSocket, WithoutAHostThereIsSomethingToDo)
                                 ": No such file or directory; start tarnhost, or name its socket with --socket or "
                                 "TARNVEIL_SOCKET\n");
     EXPECT_EQ(RunAt({"--socket", path, "start", "--json"}).Output.substr(0, 44),
-              "{\"error\":{\"message\":\"driver not reachable at");
+        "{\"error\":{\"message\":\"driver not reachable at");
     EXPECT_THAT(RunAt({"--socket", std::string(200, 'x'), "start"}).Error, HasSubstr("too long for a socket"));
     server_.reset();
     EXPECT_EQ(RunAt(AtSocket({"start"})).Exit, 3);
@@ -74,9 +74,10 @@ TEST_P(TarnctlSocket, WithoutADriverItIsNotReachable)
                              "opened: STATUS_OBJECT_NAME_NOT_FOUND (0xC0000034)\n");
 }
 
-TEST_P(TarnctlSocket, AHostThatEndsAmidAFollowIsNoticed)
+TEST_P(TarnctlSocket, AServerThatEndsAmidAFollowIsNoticed)
 {
-    const Waiting stop = [this](tarnctl::Transport& way, Longest) {
+    const Waiting stop = [this](tarnctl::Transport& way, Longest)
+    {
         server_.reset();
         return way.WaitForLogEvent({});
     };
@@ -87,7 +88,8 @@ TEST_P(TarnctlSocket, AHostThatEndsAmidAFollowIsNoticed)
 
 TEST_P(TarnctlSocket, AnInterruptEndsAFollowInOrder)
 {
-    const Waiting interrupted = [this, waits = 0](tarnctl::Transport& way, Longest longest) mutable {
+    const Waiting interrupted = [this, waits = 0](tarnctl::Transport& way, Longest longest) mutable
+    {
         std::thread user;
         if (++waits == 1)
         {
@@ -96,10 +98,12 @@ TEST_P(TarnctlSocket, AnInterruptEndsAFollowInOrder)
         else
         {
             // Before or amid the wait, as it comes; the record is printed all the same.
-            user = std::thread([this] {
-                OpenInVain();
-                kill(getpid(), SIGINT);
-            });
+            user = std::thread(
+                [this]
+                {
+                    OpenInVain();
+                    kill(getpid(), SIGINT);
+                });
         }
         tarnctl::Wake wake = way.WaitForLogEvent(longest);
         if (user.joinable())
@@ -139,10 +143,10 @@ TEST_P(TarnctlSocket, SignalsAreAsBeforeWhenTheWayIsGone)
 }
 
 // What a host that is none, or of another time, might say.
-class StrangeHost
+class StrangeServer
 {
 public:
-    StrangeHost(const std::string& path, std::vector<std::uint8_t> answer)
+    StrangeServer(const std::string& path, std::vector<std::uint8_t> answer)
         : listener_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
     {
         sockaddr_un address = {};
@@ -151,17 +155,19 @@ public:
         unlink(path.c_str());
         EXPECT_EQ(bind(listener_.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
         EXPECT_EQ(listen(listener_.Get(), 1), 0);
-        thread_ = std::thread([this, answer = std::move(answer)] {
-            const host::Descriptor peer(accept4(listener_.Get(), nullptr, nullptr, SOCK_CLOEXEC));
-            std::uint8_t request[control_socket::HeaderBytes + 4];
-            EXPECT_EQ(recv(peer.Get(), request, sizeof(request), MSG_WAITALL), ssize_t{sizeof(request)});
-            send(peer.Get(), answer.data(), answer.size(), MSG_NOSIGNAL);
-        });
+        thread_ = std::thread(
+            [this, answer = std::move(answer)]
+            {
+                const common::Descriptor peer(accept4(listener_.Get(), nullptr, nullptr, SOCK_CLOEXEC));
+                std::uint8_t request[control_socket::HeaderBytes + 4];
+                EXPECT_EQ(recv(peer.Get(), request, sizeof(request), MSG_WAITALL), ssize_t{sizeof(request)});
+                send(peer.Get(), answer.data(), answer.size(), MSG_NOSIGNAL);
+            });
     }
-    ~StrangeHost() { thread_.join(); }
+    ~StrangeServer() { thread_.join(); }
 
 private:
-    host::Descriptor listener_;
+    common::Descriptor listener_;
     std::thread thread_;
 };
 
@@ -184,17 +190,17 @@ TEST_P(TarnctlSocket, AnswersThatAreNoneAreTrouble)
         {Frame(Greeted, 1, {}), 4, "is not understood"},
         {Frame(Greeted, 1, Writer().Word(0).Word(1).Word(0).Bytes()), 4, "is not understood"},
         {Frame(Greeted, 1, Writer().Word(0).Word(1).Word(0).Text("6.1").Text("x").Word(0xFFFFFFFF).Bytes()), 4,
-         "is not understood"},
+            "is not understood"},
         {Writer().Word(control_socket::Magic).Word(Greeted).Word(1).Word(0xFFFFFFFF).Bytes(), 4, "is not understood"},
         {Frame(Greeted, 1, Writer().Word(3).Text("this host speaks version 9").Bytes()), 3,
-         "driver not reachable: this host speaks version 9"},
+            "driver not reachable: this host speaks version 9"},
         {Frame(control_socket::AnswerBit, 0, Writer().Word(9).Text("too many\x1B[2J").Bytes()), 3,
-         "driver not reachable: too many\\x1B[2J"},
+            "driver not reachable: too many\\x1B[2J"},
         {Frame(Greeted, 1, Writer().Word(77).Text("what").Bytes()), 4, "the host refused the message: what"},
     };
     for (const auto& [bytes, exit, text] : cases)
     {
-        const StrangeHost host(path, bytes);
+        const StrangeServer host(path, bytes);
         const Outcome outcome = RunAt({"--socket", path, "start"});
         EXPECT_EQ(outcome.Exit, exit) << text;
         EXPECT_THAT(outcome.Error, HasSubstr(text));

@@ -1,6 +1,6 @@
 // Key, encryption, start and stop from the command line.
 #include "tests/unit/agent/tarnctl_fixture.h"
-#include "tests/temporary_folder.h"
+#include "tests/support/temporary_folder.h"
 #include "tests/unit/driver/filter/cipher_vectors.h"
 
 namespace tarnctl_test
@@ -50,9 +50,9 @@ TEST_P(TarnctlState, TheKeyFromAFileEnciphers)
 {
     folder_.Put("key", WholeKey);
     EXPECT_EQ(Output({"key", "set", "--from-file", folder_.Path("key")}),
-              "accepted; a key that was there before stays in force\n");
-    EXPECT_EQ(DiskAfterWriting("attack at dawn, or later"),
-              cipher_test::OnDisk(KeyBytes, Mask, "attack at dawn, or later"));
+        "accepted; a key that was there before stays in force\n");
+    EXPECT_EQ(
+        DiskAfterWriting("attack at dawn, or later"), cipher_test::OnDisk(KeyBytes, Mask, "attack at dawn, or later"));
 }
 
 TEST_P(TarnctlState, AKeyFileMayHoldDigits)

@@ -4,11 +4,11 @@
 #include "agent/tarnctl/failure.h"
 #include "agent/tarnctl/run.h"
 #include "agent/tarnctl/socket_transport.h"
-#include "hosted/live/control/control_server.h"
+#include "live/control/control_server.h"
 #include "hosted/machine/native_image.h"
 #include "hosted/machine/testing.h"
 #include "tests/unit/agent/hosted_transport.h"
-#include "tests/temporary_folder.h"
+#include "tests/support/temporary_folder.h"
 
 #include <tarnveil/control.h>
 
@@ -18,7 +18,7 @@
 
 namespace tarnctl_test
 {
-using namespace host;
+using namespace hosted;
 using testing::AllOf;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -61,8 +61,8 @@ inline std::string WayName(const testing::TestParamInfo<Way>& info)
 }
 
 // Of the volumes that a host tells of.
-inline const std::vector<VolumeText> ToldVolumes = {{"S:", "\\Device\\HarddiskVolume2", "/srv/store", "/mnt/safe"},
-                                                    {"C:", "\\Device\\HarddiskVolume1", "/", ""}};
+inline const std::vector<VolumeText> ToldVolumes = {
+    {"S:", "\\Device\\HarddiskVolume2", "/srv/store", "/mnt/safe"}, {"C:", "\\Device\\HarddiskVolume1", "/", ""}};
 
 class TarnctlTest : public testing::TestWithParam<Way>
 {

@@ -3,7 +3,7 @@
 #include "agent/tarnctl/status_names.h"
 #include "agent/tarnctl/text.h"
 #include "tests/unit/agent/tarnctl_fixture.h"
-#include "tests/temporary_folder.h"
+#include "tests/support/temporary_folder.h"
 
 namespace tarnctl_test
 {
@@ -16,14 +16,32 @@ TEST(TarnctlUsage, EveryCommandHasHelpWithExamples)
 {
     const Arguments commands[] = {
         {},
-        {"key"}, {"key", "set"},
-        {"process"}, {"process", "add"}, {"process", "remove"},
-        {"parent"}, {"parent", "add"}, {"parent", "remove"},
-        {"exclude"}, {"exclude", "add"}, {"exclude", "remove"},
-        {"protect"}, {"protect", "add"}, {"protect", "remove"},
-        {"start"}, {"stop"}, {"encryption"}, {"under-sandbox"}, {"pids"}, {"status"}, {"dump"},
-        {"log"}, {"log", "follow"}, {"log", "stop"},
-        {"recover"}, {"conceal"},
+        {"key"},
+        {"key", "set"},
+        {"process"},
+        {"process", "add"},
+        {"process", "remove"},
+        {"parent"},
+        {"parent", "add"},
+        {"parent", "remove"},
+        {"exclude"},
+        {"exclude", "add"},
+        {"exclude", "remove"},
+        {"protect"},
+        {"protect", "add"},
+        {"protect", "remove"},
+        {"start"},
+        {"stop"},
+        {"encryption"},
+        {"under-sandbox"},
+        {"pids"},
+        {"status"},
+        {"dump"},
+        {"log"},
+        {"log", "follow"},
+        {"log", "stop"},
+        {"recover"},
+        {"conceal"},
     };
     for (Arguments arguments : commands)
     {
@@ -96,8 +114,8 @@ TEST(TarnctlUsage, AWrongUseInJson)
                               "tarnctl COMMAND --help tell more\",\"exit\":2}}\n");
     EXPECT_THAT(outcome.Error, HasSubstr("PID: is not a number from 0 to 4294967295"));
     EXPECT_EQ(RunWith(NoWay, {"bogus", "--json"}).Output,
-              "{\"error\":{\"message\":\"A subcommand is required; tarnctl --help and tarnctl COMMAND --help tell "
-              "more\",\"exit\":2}}\n");
+        "{\"error\":{\"message\":\"A subcommand is required; tarnctl --help and tarnctl COMMAND --help tell "
+        "more\",\"exit\":2}}\n");
 }
 
 TEST(TarnctlUsage, AKeyIsNeverRepeated)
@@ -139,7 +157,7 @@ TEST(TarnctlUsage, KeyFilesOfWrongLengthOrContent)
         EXPECT_THAT(outcome.Error, AllOf(HasSubstr(folder.Path("key")), Not(HasSubstr("KKKK"))));
     }
     for (const char* text : {"00:11:22:33:44:55:66:77:88:99:aa:bb:cc:dd:ee:ff:5A\n",
-                             "00112233 44556677\r\n8899AABB CCDDEEFF 5a", "00112233445566778899aabbccddeeff5a"})
+             "00112233 44556677\r\n8899AABB CCDDEEFF 5a", "00112233445566778899aabbccddeeff5a"})
     {
         folder.Put("key", text);
         EXPECT_EQ(RunWith(NoWay, {"key", "set", "--from-file", folder.Path("key")}).Exit, 3) << text;
@@ -158,12 +176,13 @@ TEST(TarnctlText, Utf16AndBack)
     }
     EXPECT_EQ(tarnctl::ToUtf16("𝄞"), u"\xD834\xDD1E");
     for (const char* text : {"\x80", "\xC0\x80", "\xC3", "\xE2\x82", "\xED\xA0\x80", "\xF4\x90\x80\x80",
-                             "\xF5\x80\x80\x80", "\xE0\x80\x80", "\xC3("})
+             "\xF5\x80\x80\x80", "\xE0\x80\x80", "\xC3("})
     {
         EXPECT_FALSE(tarnctl::ToUtf16(text));
     }
     EXPECT_EQ(tarnctl::ToUtf8(std::u16string{u'a', char16_t(0xD834)}), "a\xEF\xBF\xBD");
-    EXPECT_EQ(tarnctl::ToUtf8(std::u16string{char16_t(0xDD1E), u'b'}), "\xEF\xBF\xBD" "b");
+    EXPECT_EQ(tarnctl::ToUtf8(std::u16string{char16_t(0xDD1E), u'b'}), "\xEF\xBF\xBD"
+                                                                       "b");
     EXPECT_EQ(tarnctl::ToUtf8(std::u16string{char16_t(0xD834), char16_t(0xD834), char16_t(0xDD1E)}), "\xEF\xBF\xBD𝄞");
 }
 
@@ -176,9 +195,9 @@ TEST(TarnctlText, ControlCharactersAreShown)
 TEST(TarnctlText, Statuses)
 {
     EXPECT_EQ(tarnctl::StatusText(static_cast<std::uint32_t>(STATUS_ACCESS_VIOLATION)),
-              "STATUS_ACCESS_VIOLATION (0xC0000005)");
-    EXPECT_EQ(tarnctl::StatusText(static_cast<std::uint32_t>(STATUS_NO_MORE_ENTRIES)),
-              "STATUS_NO_MORE_ENTRIES (0x8000001A)");
+        "STATUS_ACCESS_VIOLATION (0xC0000005)");
+    EXPECT_EQ(
+        tarnctl::StatusText(static_cast<std::uint32_t>(STATUS_NO_MORE_ENTRIES)), "STATUS_NO_MORE_ENTRIES (0x8000001A)");
     EXPECT_EQ(tarnctl::StatusText(0x12345678), "0x12345678");
 }
 }

@@ -88,8 +88,7 @@ NTSTATUS __wrap__Z17CTGetElementCountP10CacheTablePj(CacheTable* table, PULONG c
 bool __real__Z12DecodeBase64PKwjPhPj(PCWSTR text, ULONG count, PUCHAR output, PULONG outputBytes);
 bool __wrap__Z12DecodeBase64PKwjPhPj(PCWSTR text, ULONG count, PUCHAR output, PULONG outputBytes)
 {
-    return !stand_in::Is(Answer::FailBase64) &&
-           __real__Z12DecodeBase64PKwjPhPj(text, count, output, outputBytes);
+    return !stand_in::Is(Answer::FailBase64) && __real__Z12DecodeBase64PKwjPhPj(text, count, output, outputBytes);
 }
 
 NTSTATUS __real__Z30RegistMonitoredChildrenProcessPK27_SYSTEM_PROCESS_INFORMATION(

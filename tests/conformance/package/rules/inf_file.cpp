@@ -44,8 +44,8 @@ bool IsDirectoryNumber(std::string_view key)
 std::string LowerCase(std::string_view text)
 {
     std::string lower(text);
-    std::ranges::transform(lower, lower.begin(),
-                           [](unsigned char sign) { return static_cast<char>(std::tolower(sign)); });
+    std::ranges::transform(
+        lower, lower.begin(), [](unsigned char sign) { return static_cast<char>(std::tolower(sign)); });
     return lower;
 }
 
@@ -60,8 +60,8 @@ InfFile::InfFile(std::string_view text)
         std::string_view line = text.substr(0, end);
         ends = ends && end != std::string_view::npos && line.ends_with('\r');
         line = line.substr(0, line.size() - (line.ends_with('\r') ? 1 : 0));
-        plain = plain && std::ranges::all_of(
-                             line, [](char sign) { return sign == '\t' || (sign >= ' ' && sign <= '~'); });
+        plain =
+            plain && std::ranges::all_of(line, [](char sign) { return sign == '\t' || (sign >= ' ' && sign <= '~'); });
         ReadLine(WithoutComment(line));
         text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
     }

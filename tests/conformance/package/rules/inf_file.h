@@ -24,17 +24,11 @@ public:
     // Takes the whole text. What cannot be read is told by Problems and left out.
     explicit InfFile(std::string_view text);
 
-    const Findings& Problems() const
-    {
-        return problems;
-    }
+    const Findings& Problems() const { return problems; }
 
     bool HasSection(std::string_view name) const;
     // By lower-case name.
-    const std::map<std::string, std::vector<InfEntry>>& Sections() const
-    {
-        return sections;
-    }
+    const std::map<std::string, std::vector<InfEntry>>& Sections() const { return sections; }
     // Empty for a section that is not there.
     const std::vector<InfEntry>& Section(std::string_view name) const;
     // The values of the first entry with this key; empty if none.

@@ -43,8 +43,7 @@ void CheckVersion(const InfFile& inf, std::string_view version, Findings& findin
     const std::vector<std::string> driver = inf.Values("Version", "DriverVer");
     static const std::regex date("(0[1-9]|1[0-2])/(0[1-9]|[12][0-9]|3[01])/20[0-9]{2}");
     Require(!driver.empty() && std::regex_match(driver[0], date), findings, "version: DriverVer has no date");
-    Require(driver.size() == 2 && driver[1] == version, findings,
-            "version: DriverVer is not " + std::string(version));
+    Require(driver.size() == 2 && driver[1] == version, findings, "version: DriverVer is not " + std::string(version));
 }
 
 // The name of every section that a line of the file refers to, lower case.
@@ -92,9 +91,9 @@ void CheckSections(const InfFile& inf, Findings& findings)
         // Windows takes a driver package back without undoing sections, and rejects one whose DefaultInstall says no
         // platform.
         Require(!name.starts_with("defaultuninstall") && name != "defaultinstall" && name != "defaultinstall.services",
-                findings, "sections: [" + name + "] is not allowed");
+            findings, "sections: [" + name + "] is not allowed");
         Require(referred.contains(name) || name.starts_with("default"), findings,
-                "sections: nothing refers to [" + name + "]");
+            "sections: nothing refers to [" + name + "]");
     }
 }
 
@@ -103,7 +102,7 @@ void CheckFiles(const InfFile& inf, const Way& way, Findings& findings)
     const std::string list = inf.Value(way.Section + ".NTamd64", "CopyFiles");
     const std::vector<InfEntry>& files = inf.Section(list);
     Require(files.size() == 1 && files[0].Key.empty() && files[0].Values.front() == ImageName, findings,
-            "files: " + way.Section + " does not copy just " + ImageName);
+        "files: " + way.Section + " does not copy just " + ImageName);
 
     std::string directory = inf.Value("DestinationDirs", list);
     if (directory.empty())
@@ -111,20 +110,20 @@ void CheckFiles(const InfFile& inf, const Way& way, Findings& findings)
         directory = inf.Value("DestinationDirs", "DefaultDestDir");
     }
     Require(directory == way.Directory, findings,
-            "files: " + way.Section + " copies to directory " + directory + " instead of " + way.Directory);
+        "files: " + way.Section + " copies to directory " + directory + " instead of " + way.Directory);
 
     const std::string disk = inf.Value("SourceDisksFiles", ImageName);
     Require(!disk.empty() && !inf.Value("SourceDisksNames", disk).empty(), findings,
-            std::string("files: ") + ImageName + " is on no disk");
+        std::string("files: ") + ImageName + " is on no disk");
 }
 
 void CheckUninstall(const InfFile& inf, Findings& findings)
 {
     const std::string installed = inf.Value("ClassicInstall.NTamd64", "CopyFiles");
     Require(inf.Value("ClassicUninstall.NTamd64", "DelFiles") == installed, findings,
-            "uninstall: does not delete what ClassicInstall copies");
+        "uninstall: does not delete what ClassicInstall copies");
     Require(inf.Value("ClassicUninstall.NTamd64.Services", "DelService") == ServiceName, findings,
-            "uninstall: does not delete the service");
+        "uninstall: does not delete the service");
 }
 
 // An altitude is a decimal number, with digits behind the point if need be.
@@ -149,8 +148,8 @@ constexpr unsigned RegistryText = 0;
 constexpr unsigned RegistryDword = 0x10001;
 
 // The data that a service's AddReg section gives one value below its key; empty when it is missing or has another type.
-std::string RegistryData(const InfFile& inf, const std::string& section, const std::string& key, const char* name,
-                         unsigned type)
+std::string RegistryData(
+    const InfFile& inf, const std::string& section, const std::string& key, const char* name, unsigned type)
 {
     for (const InfEntry& entry : inf.Section(section))
     {
@@ -181,9 +180,9 @@ void CheckInstances(const InfFile& inf, const std::string& service, Findings& fi
         const std::string key = place + "\\" + instance;
         const std::string altitude = RegistryData(inf, section, key, "Altitude", RegistryText);
         Require(IsEncryptionAltitude(altitude), findings,
-                rule + " has altitude \"" + altitude + "\", outside 140000 to 149999");
+            rule + " has altitude \"" + altitude + "\", outside 140000 to 149999");
         Require(IsNumber(RegistryData(inf, section, key, "Flags", RegistryDword), 0), findings,
-                rule + " does not attach by itself");
+            rule + " does not attach by itself");
         altitudes.insert(altitude);
     }
     Require(altitudes.size() <= 1, findings, "instances: " + service + ": the altitudes differ");

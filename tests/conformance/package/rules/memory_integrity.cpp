@@ -16,14 +16,14 @@ constexpr std::size_t ImportDescriptorSize = 20;
 
 // Of the routines that give memory, those whose caller says that it shall not be executable, and the one that gives
 // none of its own. All others are taken for executable, which the old ones are.
-constexpr std::array AllowedAllocators = {"ExAllocatePoolWithTag", "FltAllocateContext",
-                                          "FltAllocatePoolAlignedWithTag", "IoAllocateMdl"};
+constexpr std::array AllowedAllocators = {
+    "ExAllocatePoolWithTag", "FltAllocateContext", "FltAllocatePoolAlignedWithTag", "IoAllocateMdl"};
 
 void CheckSections(const pe::Image& image, Findings& findings)
 {
     const std::uint32_t alignment = image.Read32(image.SectionAlignmentOffset());
-    Require(alignment != 0 && alignment % PageSize == 0, findings,
-            "alignment: sections are aligned to less than a page");
+    Require(
+        alignment != 0 && alignment % PageSize == 0, findings, "alignment: sections are aligned to less than a page");
     std::uint32_t end = 0;
     for (const pe::Section& section : image.Sections())
     {
@@ -31,7 +31,7 @@ void CheckSections(const pe::Image& image, Findings& findings)
         const bool writable = (section.Characteristics & pe::SectionWrite) != 0;
         Require(!(executable && writable), findings, "writable code: section " + section.Name);
         Require(section.VirtualAddress % PageSize == 0, findings,
-                "alignment: section " + section.Name + " does not begin at a page");
+            "alignment: section " + section.Name + " does not begin at a page");
         Require(section.VirtualAddress >= end, findings, "alignment: section " + section.Name + " overlaps another");
         end = section.VirtualAddress + std::max(section.VirtualSize, section.FileSize);
     }
@@ -44,7 +44,7 @@ void RequireNoCode(const pe::Image& image, std::uint32_t address, const std::str
         const bool inside = address >= section.VirtualAddress &&
                             address - section.VirtualAddress < std::max(section.VirtualSize, section.FileSize);
         Require(!inside || (section.Characteristics & pe::SectionExecute) == 0, findings,
-                "imports: " + what + " is in the code section " + section.Name);
+            "imports: " + what + " is in the code section " + section.Name);
     }
 }
 
@@ -60,7 +60,7 @@ void CheckImportAddresses(const pe::Image& image, Findings& findings)
         return;
     }
     for (std::size_t descriptor = image.FileOffset(directory.VirtualAddress); image.Read32(descriptor + 12) != 0;
-         descriptor += ImportDescriptorSize)
+        descriptor += ImportDescriptorSize)
     {
         RequireNoCode(image, image.Read32(descriptor + 16), "the table of one module", findings);
     }
@@ -80,9 +80,10 @@ void CheckAllocators(const pe::Image& image, Findings& findings)
 std::string CodeOnly(std::string_view source)
 {
     std::string code(source);
-    const auto blank = [&code](std::size_t from, std::size_t to) {
+    const auto blank = [&code](std::size_t from, std::size_t to)
+    {
         std::fill(code.begin() + static_cast<std::ptrdiff_t>(from),
-                  code.begin() + static_cast<std::ptrdiff_t>(std::min(to, code.size())), ' ');
+            code.begin() + static_cast<std::ptrdiff_t>(std::min(to, code.size())), ' ');
     };
     for (std::size_t at = 0; at < code.size();)
     {
@@ -165,7 +166,7 @@ Findings FindExecutableMemory(const std::string& name, std::string_view source)
 
     Findings findings;
     for (const char* pool : {"NonPagedPool", "NonPagedPoolExecute", "PagedPool", "NonPagedPoolCacheAligned",
-                             "NonPagedPoolMustSucceed", "NonPagedPoolBase"})
+             "NonPagedPoolMustSucceed", "NonPagedPoolBase"})
     {
         Require(choosesPool || !has(pool), findings, "pool: " + name + " names " + pool);
     }
@@ -173,15 +174,14 @@ Findings FindExecutableMemory(const std::string& name, std::string_view source)
     Require(!has("ExAllocatePool"), findings, "pool: " + name + " calls ExAllocatePool");
     for (const std::string_view routine : {"FltAllocateContext", "FltAllocatePoolAlignedWithTag"})
     {
-        for (std::size_t at = FindWord(code, routine, 0); at != std::string::npos;
-             at = FindWord(code, routine, at + 1))
+        for (std::size_t at = FindWord(code, routine, 0); at != std::string::npos; at = FindWord(code, routine, at + 1))
         {
             Require(FindWord(Arguments(code, at + routine.size()), "DefaultPoolType", 0) != std::string_view::npos,
-                    findings, "pool: " + name + " calls " + std::string(routine) + " without DefaultPoolType");
+                findings, "pool: " + name + " calls " + std::string(routine) + " without DefaultPoolType");
         }
     }
     Require(!has("MmMapLockedPagesSpecifyCache") || has("MdlMappingNoExecute"), findings,
-            "pool: " + name + " maps memory without MdlMappingNoExecute");
+        "pool: " + name + " maps memory without MdlMappingNoExecute");
     return findings;
 }
 

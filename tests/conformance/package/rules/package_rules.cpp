@@ -61,8 +61,8 @@ std::string Sha256(const Bytes& bytes)
 
 void CheckFiles(const Path& folder, bool withControlProgram, Findings& findings)
 {
-    std::set<std::string> expected{"Tarnveil.sys",      "Tarnveil.pdb", "Tarnveil.inf",
-                                   "Tarnveil-test.cer", "INSTALL.txt",  SumsName};
+    std::set<std::string> expected{
+        "Tarnveil.sys", "Tarnveil.pdb", "Tarnveil.inf", "Tarnveil-test.cer", "INSTALL.txt", SumsName};
     if (withControlProgram)
     {
         expected.insert("tarnctl.exe");
@@ -71,7 +71,7 @@ void CheckFiles(const Path& folder, bool withControlProgram, Findings& findings)
     {
         std::error_code error;
         Require(std::filesystem::file_size(folder / name, error) > 0 && !error, findings,
-                "files: " + name + " is missing or empty");
+            "files: " + name + " is missing or empty");
     }
     for (const auto& entry : std::filesystem::directory_iterator(folder))
     {
@@ -101,7 +101,7 @@ void CheckSums(const Path& folder, Findings& findings)
         }
         Require(sums.contains(name), findings, "checksums: none for " + name);
         Require(!sums.contains(name) || sums[name] == Sha256(ReadFile(entry.path())), findings,
-                "checksums: that of " + name + " is wrong");
+            "checksums: that of " + name + " is wrong");
         sums.erase(name);
     }
     for (const auto& [name, sum] : sums)
@@ -121,7 +121,7 @@ void CheckSignature(const pe::Image& image, Findings& findings)
     }
     Require(directory.VirtualAddress % 8 == 0 && directory.Size % 8 == 0, findings, "signature: not aligned");
     Require(std::size_t{directory.VirtualAddress} + directory.Size == image.File().size(), findings,
-            "signature: not the end of the file");
+        "signature: not the end of the file");
 }
 
 // Returns the version of the image, which all others are to be.
@@ -140,12 +140,12 @@ std::string CheckVersions(const Path& folder, const pe::Image& image, Findings& 
     {
         const auto text = resource->Strings.find(name);
         Require(text != resource->Strings.end() && text->second == version, findings,
-                std::string("version: the text ") + name + " is not " + version);
+            std::string("version: the text ") + name + " is not " + version);
     }
     // The texts leave out the last number, which is always 0.
     const std::string title = "Tarnveil " + version.substr(0, version.rfind('.')) + " for ";
     Require(ReadText(folder / "INSTALL.txt").starts_with(title), findings,
-            "version: INSTALL.txt does not begin with \"" + title + "\"");
+        "version: INSTALL.txt does not begin with \"" + title + "\"");
     return version;
 }
 
@@ -160,7 +160,7 @@ void CheckImage(const Path& folder, Findings& findings)
 
     const std::string signature = ImagePdbSignature(image);
     Require(!signature.empty() && signature == PdbSignature(ReadFile(folder / "Tarnveil.pdb")), findings,
-            "debug: Tarnveil.pdb does not belong to Tarnveil.sys");
+        "debug: Tarnveil.pdb does not belong to Tarnveil.sys");
 
     const std::string version = CheckVersions(folder, image, findings);
     const Findings inf = FindBrokenInfRules(ReadText(folder / "Tarnveil.inf"), version);

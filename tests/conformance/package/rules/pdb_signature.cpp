@@ -17,7 +17,9 @@ constexpr std::uint32_t DebugTypeCodeView = 2;
 constexpr std::uint32_t CodeViewSignature = 0x53445352; // "RSDS"
 constexpr std::size_t GuidSize = 16;
 
-constexpr std::string_view Magic("Microsoft C/C++ MSF 7.00\r\n\x1a" "DS\0\0\0", 32);
+constexpr std::string_view Magic("Microsoft C/C++ MSF 7.00\r\n\x1a"
+                                 "DS\0\0\0",
+    32);
 constexpr std::size_t InformationStream = 1;
 constexpr std::size_t DebugStream = 3;
 
@@ -40,9 +42,9 @@ class Msf
 public:
     explicit Msf(const std::vector<std::uint8_t>& bytes) : file(bytes)
     {
-        valid = file.size() >= 56 &&
-                std::equal(Magic.begin(), Magic.end(), file.begin(),
-                           [](char magic, std::uint8_t byte) { return static_cast<std::uint8_t>(magic) == byte; });
+        valid =
+            file.size() >= 56 && std::equal(Magic.begin(), Magic.end(), file.begin(), [](char magic, std::uint8_t byte)
+                                     { return static_cast<std::uint8_t>(magic) == byte; });
         blockSize = valid ? Read32(32) : 0;
         valid = valid && blockSize >= 512 && blockSize % 4 == 0;
         if (valid)
@@ -110,7 +112,7 @@ std::string ImagePdbSignature(const pe::Image& image)
         if (image.Read32(entry + 12) == DebugTypeCodeView && image.Read32(record) == CodeViewSignature)
         {
             return SignatureText([&](std::size_t index) { return image.ReadBytes(record + 4 + index, 1); },
-                                 image.Read32(record + 4 + GuidSize));
+                image.Read32(record + 4 + GuidSize));
         }
     }
     return {};

@@ -118,8 +118,7 @@ std::optional<VersionResource> ReadVersionResource(const pe::Image& image)
     {
         throw pe::Malformed("the version resource has no signature");
     }
-    VersionResource resource{
-        .FileVersion = VersionText(image.Read32(whole.Value + 8), image.Read32(whole.Value + 12)),
+    VersionResource resource{.FileVersion = VersionText(image.Read32(whole.Value + 8), image.Read32(whole.Value + 12)),
         .ProductVersion = VersionText(image.Read32(whole.Value + 16), image.Read32(whole.Value + 20)),
         .FileType = image.Read32(whole.Value + 36),
         .Strings = {}};

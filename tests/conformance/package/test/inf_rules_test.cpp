@@ -67,10 +67,9 @@ TEST(InfFile, ReadsEntriesValuesStringsAndComments)
 TEST(InfFile, TellsTheLineThatItCannotRead)
 {
     const InfFile inf("a=1\r\n[One]\r\nb=\"\r\n[ONE]\r\n[Two\r\nc=%Nothing%\r\n");
-    EXPECT_THAT(inf.Problems(),
-                ElementsAre("text: line 1 is outside any section", "text: line 3 has an open quote",
-                            "text: line 4 begins [one] again", "text: line 5 is no section name",
-                            "text: line 6 is outside any section"));
+    EXPECT_THAT(inf.Problems(), ElementsAre("text: line 1 is outside any section", "text: line 3 has an open quote",
+                                    "text: line 4 begins [one] again", "text: line 5 is no section name",
+                                    "text: line 6 is outside any section"));
     EXPECT_THAT(InfFile("[One]\r\nc=%Nothing%\r\n").Problems(), ElementsAre("strings: %Nothing% is not defined"));
 }
 
@@ -107,10 +106,9 @@ const Change TextChanges[] = {
     {"PnpLockdown = 1\r\n", "PnpLockdown = 1\n", {"text: a line does not end in CR LF"}},
     {"[Version]", "Stray = 1\r\n[Version]", {"text: line N is outside any section"}},
     {"\"FSFilter Encryption\"", "\"FSFilter Encryption",
-     {"text: line N has an open quote", "service: Tarnveil.Service: LoadOrderGroup is \"\""}},
+        {"text: line N has an open quote", "service: Tarnveil.Service: LoadOrderGroup is \"\""}},
     {"[Strings]", "[Version]\r\n[Strings]", {"text: line N begins [version] again"}},
-    {"Provider    = \"", "Vendor    = \"",
-     {"strings: %Provider% is not defined", "version: no Provider"}},
+    {"Provider    = \"", "Vendor    = \"", {"strings: %Provider% is not defined", "version: no Provider"}},
 };
 INSTANTIATE_TEST_SUITE_P(Text, ChangedInf, testing::ValuesIn(TextChanges));
 
@@ -127,28 +125,28 @@ INSTANTIATE_TEST_SUITE_P(Version, ChangedInf, testing::ValuesIn(VersionChanges))
 
 const Change SectionChanges[] = {
     {"[DefaultInstall.NTamd64]", "[DefaultInstall]",
-     {"sections: [defaultinstall.ntamd64] is missing", "sections: [defaultinstall] is not allowed",
-      "files: DefaultInstall does not copy just Tarnveil.sys"}},
+        {"sections: [defaultinstall.ntamd64] is missing", "sections: [defaultinstall] is not allowed",
+            "files: DefaultInstall does not copy just Tarnveil.sys"}},
     {"[DefaultInstall.NTamd64.Services]", "[DefaultInstall.NTx86.Services]",
-     {"sections: [defaultinstall.ntamd64.services] is missing", "service: DefaultInstall does not add Tarnveil"}},
-    {"[Strings]", "[DefaultUninstall.NTamd64]\r\n[Strings]",
-     {"sections: [defaultuninstall.ntamd64] is not allowed"}},
+        {"sections: [defaultinstall.ntamd64.services] is missing", "service: DefaultInstall does not add Tarnveil"}},
+    {"[Strings]", "[DefaultUninstall.NTamd64]\r\n[Strings]", {"sections: [defaultuninstall.ntamd64] is not allowed"}},
     {"[Strings]", "[Forgotten]\r\n[Strings]", {"sections: nothing refers to [forgotten]"}},
     {"[ClassicUninstall.NTamd64]", "[ClassicUninstall.NTamd64.Off]",
-     {"sections: [classicuninstall.ntamd64] is missing", "sections: nothing refers to [classicuninstall.ntamd64.off]",
-      "uninstall: does not delete what ClassicInstall copies"}},
+        {"sections: [classicuninstall.ntamd64] is missing",
+            "sections: nothing refers to [classicuninstall.ntamd64.off]",
+            "uninstall: does not delete what ClassicInstall copies"}},
     {"DelService = %Service%", "DelService = Tarn", {"uninstall: does not delete the service"}},
 };
 INSTANTIATE_TEST_SUITE_P(Sections, ChangedInf, testing::ValuesIn(SectionChanges));
 
 const Change FileChanges[] = {
     {"Tarnveil.Files         = 13", "Tarnveil.Files         = 12",
-     {"files: DefaultInstall copies to directory 12 instead of 13"}},
+        {"files: DefaultInstall copies to directory 12 instead of 13"}},
     {"Tarnveil.Files.Classic = 12", "; none", {"files: ClassicInstall copies to directory 13 instead of 12"}},
     {"Tarnveil.sys = 1", "Tarnveil.sys = 2",
-     {"files: Tarnveil.sys is on no disk", "files: Tarnveil.sys is on no disk"}},
+        {"files: Tarnveil.sys is on no disk", "files: Tarnveil.sys is on no disk"}},
     {"[Tarnveil.Files]\r\nTarnveil.sys", "[Tarnveil.Files]\r\nTarnveil.sys\r\nother.dll",
-     {"files: DefaultInstall does not copy just Tarnveil.sys"}},
+        {"files: DefaultInstall does not copy just Tarnveil.sys"}},
 };
 INSTANTIATE_TEST_SUITE_P(Files, ChangedInf, testing::ValuesIn(FileChanges));
 
@@ -157,12 +155,12 @@ const Change ServiceChanges[] = {
     {"StartType      = 3", "StartType      = 0", {"service: Tarnveil.Service: StartType is \"0\""}},
     {"ErrorControl   = 1", "ErrorControl   = 3", {"service: Tarnveil.Service: ErrorControl is \"3\""}},
     {"\"FSFilter Encryption\"", "\"FSFilter Anti-Virus\"",
-     {"service: Tarnveil.Service: LoadOrderGroup is \"FSFilter Anti-Virus\""}},
+        {"service: Tarnveil.Service: LoadOrderGroup is \"FSFilter Anti-Virus\""}},
     {"Dependencies   = FltMgr", "; none", {"service: Tarnveil.Service: Dependencies is \"\""}},
     {"%13%\\Tarnveil.sys", "%12%\\Tarnveil.sys",
-     {"service: Tarnveil.Service: ServiceBinary is \"%12%\\Tarnveil.sys\""}},
+        {"service: Tarnveil.Service: ServiceBinary is \"%12%\\Tarnveil.sys\""}},
     {"%12%\\Tarnveil.sys", "%13%\\Tarnveil.sys",
-     {"service: Tarnveil.Service.Classic: ServiceBinary is \"%13%\\Tarnveil.sys\""}},
+        {"service: Tarnveil.Service.Classic: ServiceBinary is \"%13%\\Tarnveil.sys\""}},
     {"AddService = %Service%,,", "AddService = %Service%,2,", {"service: DefaultInstall gives AddService flags"}},
     {"AddService = %Service%,,", "AddService = Other,,", {"service: DefaultInstall does not add Tarnveil"}},
 };
@@ -176,15 +174,15 @@ std::vector<std::string> OfBothServices(const std::string& finding)
 
 const Change InstanceChanges[] = {
     {"HKR,\"Parameters\\Instances\",", "HKR,\"Parameters\\Other\",",
-     OfBothServices("Parameters\\Instances has no DefaultInstance")},
+        OfBothServices("Parameters\\Instances has no DefaultInstance")},
     {"HKR,\"Instances\",", "HKR,\"Other\",", OfBothServices("Instances has no DefaultInstance")},
     {"\"DefaultInstance\",0x00000000", "\"DefaultInstance\",0x00010001",
-     OfBothServices("Parameters\\Instances has no DefaultInstance")},
+        OfBothServices("Parameters\\Instances has no DefaultInstance")},
     {"HKR,\"Instances\"", "HKLM,\"Instances\"", OfBothServices("Instances has no DefaultInstance")},
     {"\"Flags\",0x00010001,0", "\"Flags\",0x00010001,1",
-     OfBothServices("Parameters\\Instances does not attach by itself")},
+        OfBothServices("Parameters\\Instances does not attach by itself")},
     {"\"Flags\",0x00010001,0\r\nHKR,\"Inst", "\"Flags\",0x00000000,0\r\nHKR,\"Inst",
-     OfBothServices("Parameters\\Instances does not attach by itself")},
+        OfBothServices("Parameters\\Instances does not attach by itself")},
     {"0x00000000,%Altitude%", "0x00000000,140000", OfBothServices("the altitudes differ")},
 };
 INSTANTIATE_TEST_SUITE_P(Instances, ChangedInf, testing::ValuesIn(InstanceChanges));
@@ -202,12 +200,9 @@ TEST_P(Altitude, MustBeThatOfAnEncryptionFilter)
 }
 
 INSTANTIATE_TEST_SUITE_P(Range, Altitude,
-                         testing::Values(std::pair("140000", true), std::pair("149999", true),
-                                         std::pair("149999.75", true), std::pair("139999", false),
-                                         std::pair("139999.9", false), std::pair("150000", false),
-                                         std::pair("14500", false), std::pair("1450000", false),
-                                         std::pair("145000.", false), std::pair("", false),
-                                         std::pair("0x23668", false)));
+    testing::Values(std::pair("140000", true), std::pair("149999", true), std::pair("149999.75", true),
+        std::pair("139999", false), std::pair("139999.9", false), std::pair("150000", false), std::pair("14500", false),
+        std::pair("1450000", false), std::pair("145000.", false), std::pair("", false), std::pair("0x23668", false)));
 
 }
 

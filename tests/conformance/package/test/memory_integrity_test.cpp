@@ -23,10 +23,7 @@ constexpr std::uint32_t SectionDiscardable = 0x02000000;
 class MemoryIntegrity : public testing::Test
 {
 protected:
-    void SetUp() override
-    {
-        file = ReadBytes(TARNVEIL_IMAGE);
-    }
+    void SetUp() override { file = ReadBytes(TARNVEIL_IMAGE); }
 
     pe::Section Named(const std::string& name) const
     {
@@ -47,10 +44,7 @@ protected:
         Write32(file, section.HeaderOffset + 36, section.Characteristics | flags);
     }
 
-    Findings Risks() const
-    {
-        return FindMemoryIntegrityRisks(pe::Image(file));
-    }
+    Findings Risks() const { return FindMemoryIntegrityRisks(pe::Image(file)); }
 
     std::vector<std::uint8_t> file;
 };
@@ -124,8 +118,7 @@ TEST_F(MemoryIntegrity, NoticesTheTableOfOneModuleAmongCode)
 TEST_F(MemoryIntegrity, NoticesAnAllocatorThatKnowsOnlyExecutableMemory)
 {
     const std::string text = ReplacedFirst(std::string(file.begin(), file.end()),
-                                           std::string("ExAllocatePoolWithTag\0", 22),
-                                           std::string("ExAllocatePool\0\0\0\0\0\0\0\0", 22));
+        std::string("ExAllocatePoolWithTag\0", 22), std::string("ExAllocatePool\0\0\0\0\0\0\0\0", 22));
     file.assign(text.begin(), text.end());
     EXPECT_THAT(Risks(), ElementsAre("pool: ExAllocatePool may give executable memory"));
 }
@@ -151,18 +144,18 @@ TEST(ExecutableMemory, IsNoticedInEachForm)
 {
     const auto in = [](const char* source) { return FindExecutableMemory("filter/x.cpp", source); };
     EXPECT_THAT(in("POOL_TYPE type = NonPagedPool;"), ElementsAre("pool: filter/x.cpp names NonPagedPool"));
-    EXPECT_THAT(in("POOL_TYPE type = NonPagedPoolExecute;"),
-                ElementsAre("pool: filter/x.cpp names NonPagedPoolExecute"));
+    EXPECT_THAT(
+        in("POOL_TYPE type = NonPagedPoolExecute;"), ElementsAre("pool: filter/x.cpp names NonPagedPoolExecute"));
     EXPECT_THAT(in("POOL_TYPE type = PagedPool;"), ElementsAre("pool: filter/x.cpp names PagedPool"));
     EXPECT_THAT(in("p = ExAllocatePoolWithTag(DefaultPoolType, 1, 'x');"),
-                ElementsAre("pool: filter/x.cpp calls ExAllocatePoolWithTag"));
+        ElementsAre("pool: filter/x.cpp calls ExAllocatePoolWithTag"));
     EXPECT_THAT(in("p = ExAllocatePool(type, 1);"), ElementsAre("pool: filter/x.cpp calls ExAllocatePool"));
     EXPECT_THAT(in("FltAllocateContext(filter, KIND, Size(1), type, &c); // DefaultPoolType"),
-                ElementsAre("pool: filter/x.cpp calls FltAllocateContext without DefaultPoolType"));
+        ElementsAre("pool: filter/x.cpp calls FltAllocateContext without DefaultPoolType"));
     EXPECT_THAT(in("FltAllocatePoolAlignedWithTag(i, type, 1, 't'); Use(DefaultPoolType);"),
-                ElementsAre("pool: filter/x.cpp calls FltAllocatePoolAlignedWithTag without DefaultPoolType"));
+        ElementsAre("pool: filter/x.cpp calls FltAllocatePoolAlignedWithTag without DefaultPoolType"));
     EXPECT_THAT(in("MmMapLockedPagesSpecifyCache(mdl, KernelMode, MmCached, nullptr, FALSE, NormalPagePriority);"),
-                ElementsAre("pool: filter/x.cpp maps memory without MdlMappingNoExecute"));
+        ElementsAre("pool: filter/x.cpp maps memory without MdlMappingNoExecute"));
 }
 
 TEST(ExecutableMemory, IsNotSeenInTextsCommentsAndTheFileThatChooses)
@@ -172,7 +165,7 @@ TEST(ExecutableMemory, IsNotSeenInTextsCommentsAndTheFileThatChooses)
     EXPECT_THAT(in("filter/x.cpp", "POOL_TYPE a = NonPagedPoolNx; // MyNonPagedPool"), IsEmpty());
     EXPECT_THAT(in("util/pool.cpp", "p = ExAllocatePoolWithTag(NonPagedPool, 1, 'x');"), IsEmpty());
     EXPECT_THAT(in("util/pool.cpp", "p = ExAllocatePool(NonPagedPool, 1);"),
-                ElementsAre("pool: util/pool.cpp calls ExAllocatePool"));
+        ElementsAre("pool: util/pool.cpp calls ExAllocatePool"));
 }
 
 }

@@ -7,8 +7,8 @@
 #include "tests/conformance/package/rules/version_resource.h"
 
 #include "tests/conformance/image/pe_image.h"
-#include "tests/shell.h"
-#include "tests/temporary_folder.h"
+#include "tests/support/shell.h"
+#include "tests/support/temporary_folder.h"
 
 #include <gmock/gmock.h>
 
@@ -56,10 +56,7 @@ protected:
         ASSERT_TRUE(Succeeds(Script("assemble_package.sh") + Quoted(BuildFolder()) + " " + Quoted(work->Path("made"))));
     }
 
-    static void TearDownTestSuite()
-    {
-        work.reset();
-    }
+    static void TearDownTestSuite() { work.reset(); }
 
     void SetUp() override
     {
@@ -70,10 +67,7 @@ protected:
         withControlProgram = std::filesystem::exists(folder / "tarnctl.exe");
     }
 
-    Findings Broken() const
-    {
-        return FindBrokenPackageRules(folder, withControlProgram);
-    }
+    Findings Broken() const { return FindBrokenPackageRules(folder, withControlProgram); }
 
     void Replace(const char* name, const std::string& from, const std::string& to)
     {
@@ -83,8 +77,8 @@ protected:
     // What is wrong beside the checksums, which any change makes wrong.
     Findings BrokenWithFreshSums() const
     {
-        EXPECT_TRUE(Succeeds("cd " + Quoted(folder) +
-                             " && rm SHA256SUMS && sums=$(sha256sum -- *) && echo \"$sums\" > SHA256SUMS"));
+        EXPECT_TRUE(Succeeds(
+            "cd " + Quoted(folder) + " && rm SHA256SUMS && sums=$(sha256sum -- *) && echo \"$sums\" > SHA256SUMS"));
         return Broken();
     }
 
@@ -144,8 +138,8 @@ TEST_F(PackageTest, SignatureIsOfTheImageAndTheCertificate)
 
     // A second signing makes a certificate of its own, which says nothing of the first image.
     const Path other = work->Path("other.sys");
-    ASSERT_TRUE(Succeeds(Script("sign_test.sh") + Quoted(TARNVEIL_IMAGE) + " " + Quoted(other) + " " +
-                         Quoted(work->Path("other.cer"))));
+    ASSERT_TRUE(Succeeds(
+        Script("sign_test.sh") + Quoted(TARNVEIL_IMAGE) + " " + Quoted(other) + " " + Quoted(work->Path("other.cer"))));
     EXPECT_TRUE(VerifySignature(other, work->Path("other.cer")));
     EXPECT_FALSE(VerifySignature(work->Path("made/Tarnveil.sys"), work->Path("other.cer")));
     EXPECT_FALSE(VerifySignature(TARNVEIL_IMAGE, work->Path("other.cer"))) << "an unsigned image passed";
@@ -164,8 +158,8 @@ TEST_F(PackageTest, NoticesMissingAndForeignFiles)
     std::filesystem::remove(folder / "Tarnveil.pdb");
     WriteText(folder / "key.pem", "secret");
     EXPECT_THAT(BrokenWithFreshSums(),
-                ElementsAre("files: Tarnveil.pdb is missing or empty", "files: key.pem does not belong to the package",
-                            "debug: Tarnveil.pdb does not belong to Tarnveil.sys"));
+        ElementsAre("files: Tarnveil.pdb is missing or empty", "files: key.pem does not belong to the package",
+            "debug: Tarnveil.pdb does not belong to Tarnveil.sys"));
 }
 
 TEST_F(PackageTest, NoticesAControlProgramTooManyAndTooFew)
@@ -179,9 +173,9 @@ TEST_F(PackageTest, NoticesWrongChecksums)
     WriteText(folder / "INSTALL.txt", ReadText(folder / "INSTALL.txt") + "x");
     EXPECT_THAT(Broken(), ElementsAre("checksums: that of INSTALL.txt is wrong"));
     Replace("SHA256SUMS", "  Tarnveil.inf", "  Another.inf");
-    EXPECT_THAT(Broken(), testing::UnorderedElementsAre("checksums: that of INSTALL.txt is wrong",
-                                                        "checksums: none for Tarnveil.inf",
-                                                        "checksums: one for Another.inf, which is not there"));
+    EXPECT_THAT(
+        Broken(), testing::UnorderedElementsAre("checksums: that of INSTALL.txt is wrong",
+                      "checksums: none for Tarnveil.inf", "checksums: one for Another.inf, which is not there"));
     WriteText(folder / "SHA256SUMS", "nothing\n");
     EXPECT_THAT(Broken(), Contains("checksums: the line \"nothing\""));
 }
@@ -249,10 +243,9 @@ TEST_F(PackageTest, NoticesOtherVersionsInInfAndInstructions)
     const std::string version = resource->FileVersion;
     Replace("Tarnveil.inf", "," + version, ",9.9.9.9");
     WriteText(folder / "INSTALL.txt", ReplacedFirst(ReadText(folder / "INSTALL.txt"), "Tarnveil ", "Tarnveil 9"));
-    EXPECT_THAT(BrokenWithFreshSums(),
-                ElementsAre("version: INSTALL.txt does not begin with \"Tarnveil " +
-                                version.substr(0, version.rfind('.')) + " for \"",
-                            "version: DriverVer is not " + version));
+    EXPECT_THAT(BrokenWithFreshSums(), ElementsAre("version: INSTALL.txt does not begin with \"Tarnveil " +
+                                                       version.substr(0, version.rfind('.')) + " for \"",
+                                           "version: DriverVer is not " + version));
 }
 
 // Where the fixed part of the version resource begins.
@@ -273,7 +266,7 @@ TEST_F(PackageTest, NoticesVersionsThatDifferInTheImage)
     Write32(file, fixed + 36, 1);
     WriteImage(file);
     EXPECT_THAT(BrokenWithFreshSums(), ElementsAre("version: the image is not called a driver",
-                                                   testing::StartsWith("version: the product's is 9.9.")));
+                                           testing::StartsWith("version: the product's is 9.9.")));
     file = made;
     Write32(file, fixed + 8, 0x00090009);
     WriteImage(file);

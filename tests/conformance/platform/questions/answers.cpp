@@ -138,8 +138,8 @@ void Answers::Flush()
     NTSTATUS status = STATUS_SUCCESS;
     if (used_ != 0)
     {
-        status = ZwWriteFile(file_, nullptr, nullptr, nullptr, &result, buffer_, static_cast<ULONG>(used_), &offset_,
-                             nullptr);
+        status = ZwWriteFile(
+            file_, nullptr, nullptr, nullptr, &result, buffer_, static_cast<ULONG>(used_), &offset_, nullptr);
     }
     offset_.QuadPart += static_cast<LONGLONG>(used_);
     used_ = 0;

@@ -62,10 +62,7 @@ public:
     // Writes what has gathered.
     void Flush();
     // Of the first write that failed.
-    NTSTATUS WriteStatus() const
-    {
-        return writeStatus_;
-    }
+    NTSTATUS WriteStatus() const { return writeStatus_; }
 
 private:
     void AddCharacter(char character);
@@ -73,48 +70,18 @@ private:
     void Add(const char* text);
     void Add(unsigned long long number);
     void Add(long long number);
-    void Add(unsigned long number)
-    {
-        Add(static_cast<unsigned long long>(number));
-    }
-    void Add(unsigned int number)
-    {
-        Add(static_cast<unsigned long long>(number));
-    }
-    void Add(unsigned short number)
-    {
-        Add(static_cast<unsigned long long>(number));
-    }
-    void Add(long number)
-    {
-        Add(static_cast<long long>(number));
-    }
-    void Add(int number)
-    {
-        Add(static_cast<long long>(number));
-    }
-    void Add(short number)
-    {
-        Add(static_cast<long long>(number));
-    }
-    void Add(bool value)
-    {
-        Add(value ? "yes" : "no");
-    }
-    void Add(Hex value)
-    {
-        AddHex(value.Value, 4);
-    }
-    void Add(Status status)
-    {
-        AddHex(static_cast<ULONG>(status.Value), 8);
-    }
+    void Add(unsigned long number) { Add(static_cast<unsigned long long>(number)); }
+    void Add(unsigned int number) { Add(static_cast<unsigned long long>(number)); }
+    void Add(unsigned short number) { Add(static_cast<unsigned long long>(number)); }
+    void Add(long number) { Add(static_cast<long long>(number)); }
+    void Add(int number) { Add(static_cast<long long>(number)); }
+    void Add(short number) { Add(static_cast<long long>(number)); }
+    void Add(bool value) { Add(value ? "yes" : "no"); }
+    void Add(Hex value) { AddHex(value.Value, 4); }
+    void Add(Status status) { AddHex(static_cast<ULONG>(status.Value), 8); }
     void Add(const Written& written);
     void Add(const Text& text);
-    void Add(Address address)
-    {
-        Add(address.Value == nullptr ? "null" : "not null");
-    }
+    void Add(Address address) { Add(address.Value == nullptr ? "null" : "not null"); }
     void WriteWhenFull();
 
     static constexpr SIZE_T Capacity = 1 << 16;

@@ -12,8 +12,8 @@ NTSTATUS Open(HANDLE* file, Name name, ACCESS_MASK access, ULONG options)
 {
     OpenAttributes attributes(&name);
     IO_STATUS_BLOCK result;
-    return ZwOpenFile(file, access | SYNCHRONIZE, &attributes, &result, ShareAll,
-                      options | FILE_SYNCHRONOUS_IO_NONALERT);
+    return ZwOpenFile(
+        file, access | SYNCHRONIZE, &attributes, &result, ShareAll, options | FILE_SYNCHRONOUS_IO_NONALERT);
 }
 
 void AskOpen(Answers& answers, const char* label, OBJECT_ATTRIBUTES& attributes, ACCESS_MASK access, ULONG options)
@@ -26,7 +26,7 @@ void AskOpen(Answers& answers, const char* label, OBJECT_ATTRIBUTES& attributes,
     if (NT_SUCCESS(status))
     {
         answers.Line("ZwOpenFile ", label, ": ", Status{status}, " block ", Status{result.Status}, " ",
-                     result.Information, " handle ", file != NoHandle && file != nullptr);
+            result.Information, " handle ", file != NoHandle && file != nullptr);
         ZwClose(file);
     }
     else
@@ -47,12 +47,11 @@ void Mask(UCHAR* record, SIZE_T bytes)
     const struct
     {
         LONG From, To;
-    } ranges[] = {
-        {FIELD_OFFSET(FILE_BOTH_DIR_INFORMATION, ShortNameLength) + 1, // what aligns the short name
-         FIELD_OFFSET(FILE_BOTH_DIR_INFORMATION, ShortName)},
+    } ranges[] = {{FIELD_OFFSET(FILE_BOTH_DIR_INFORMATION, ShortNameLength) + 1, // what aligns the short name
+                      FIELD_OFFSET(FILE_BOTH_DIR_INFORMATION, ShortName)},
         {FIELD_OFFSET(FILE_BOTH_DIR_INFORMATION, CreationTime), FIELD_OFFSET(FILE_BOTH_DIR_INFORMATION, EndOfFile)},
         {FIELD_OFFSET(FILE_BOTH_DIR_INFORMATION, AllocationSize),
-         FIELD_OFFSET(FILE_BOTH_DIR_INFORMATION, FileAttributes)},
+            FIELD_OFFSET(FILE_BOTH_DIR_INFORMATION, FileAttributes)},
         {FIELD_OFFSET(FILE_BOTH_DIR_INFORMATION, ShortName), FIELD_OFFSET(FILE_BOTH_DIR_INFORMATION, FileName)}};
     for (const auto& range : ranges)
     {
@@ -63,13 +62,13 @@ void Mask(UCHAR* record, SIZE_T bytes)
     }
 }
 
-NTSTATUS Query(HANDLE folder, UCHAR* buffer, ULONG room, int kind, PUNICODE_STRING pattern, bool restart,
-               IO_STATUS_BLOCK* result)
+NTSTATUS Query(
+    HANDLE folder, UCHAR* buffer, ULONG room, int kind, PUNICODE_STRING pattern, bool restart, IO_STATUS_BLOCK* result)
 {
     Fill(buffer, Room);
     Fill(result, sizeof(*result));
     return ZwQueryDirectoryFile(folder, nullptr, nullptr, nullptr, result, buffer, room,
-                                static_cast<FILE_INFORMATION_CLASS>(kind), TRUE, pattern, restart);
+        static_cast<FILE_INFORMATION_CLASS>(kind), TRUE, pattern, restart);
 }
 
 void AskRooms(Answers& answers, const char* label, Name pattern, ULONG needed)
@@ -86,14 +85,14 @@ void AskRooms(Answers& answers, const char* label, Name pattern, ULONG needed)
         const NTSTATUS status = Query(folder, buffer, room, FileBothDirectoryInformation, &pattern, false, &result);
         if (NT_ERROR(status))
         {
-            answers.Line("ZwQueryDirectoryFile ", label, " room ", room, ": ", Status{status}, " ",
-                         Written{buffer, Room});
+            answers.Line(
+                "ZwQueryDirectoryFile ", label, " room ", room, ": ", Status{status}, " ", Written{buffer, Room});
         }
         else
         {
             Mask(buffer, room);
             answers.Line("ZwQueryDirectoryFile ", label, " room ", room, ": ", Status{status}, " block ",
-                         Status{result.Status}, " ", result.Information, " ", Written{buffer, Room});
+                Status{result.Status}, " ", result.Information, " ", Written{buffer, Room});
         }
         ZwClose(folder);
     }
@@ -116,7 +115,7 @@ void AskPattern(Answers& answers, const char* label, PUNICODE_STRING pattern)
         const auto* entry = reinterpret_cast<const FILE_BOTH_DIR_INFORMATION*>(buffer);
         const bool found = NT_SUCCESS(status);
         answers.Line("ZwQueryDirectoryFile ", label, " ", steps[step], ": ", Status{status}, " ",
-                     Text{found ? entry->FileName : nullptr, entry->FileNameLength / sizeof(WCHAR)});
+            Text{found ? entry->FileName : nullptr, entry->FileNameLength / sizeof(WCHAR)});
     }
     ZwClose(folder);
 }
@@ -151,7 +150,7 @@ void AskShortName(Answers& answers, const char* label, Name name)
     Name pattern(shortName, count);
     status = Query(folder, buffer, Room, FileBothDirectoryInformation, &pattern, false, &result);
     answers.Line("ZwQueryDirectoryFile by the short name of ", label, ": ", Status{status}, " ",
-                 Text{NT_SUCCESS(status) ? entry->FileName : nullptr, entry->FileNameLength / sizeof(WCHAR)});
+        Text{NT_SUCCESS(status) ? entry->FileName : nullptr, entry->FileNameLength / sizeof(WCHAR)});
     ZwClose(folder);
 }
 
@@ -167,8 +166,7 @@ void AskClasses(Answers& answers, HANDLE folder)
         ULONG nameBytes;
         RtlCopyMemory(&nameBytes, buffer + (kind == 12 ? 8 : 60), sizeof(nameBytes));
         const bool found = NT_SUCCESS(status) && nameBytes < 100;
-        answers.Line(
-            "ZwQueryDirectoryFile class ", kind, ": ", Status{status}, " ", result.Information, " ",
+        answers.Line("ZwQueryDirectoryFile class ", kind, ": ", Status{status}, " ", result.Information, " ",
             Text{found ? reinterpret_cast<const WCHAR*>(buffer + nameAt) : nullptr, nameBytes / sizeof(WCHAR)});
     }
     for (int kind : {0, 5, 99})
@@ -229,9 +227,9 @@ void AskWriteFile(Answers& answers)
         LONGLONG Offset;
         ULONG Length;
         bool AtPosition;
-    } writes[] = {{"at the start", 0, 10, false},        {"at the position", 0, 3, true},  {"inside", 4, 2, false},
-                  {"at the position again", 0, 1, true}, {"behind the end", 20, 4, false}, {"of nothing", 2, 0, false},
-                  {"at a negative place", -3, 1, false}};
+    } writes[] = {{"at the start", 0, 10, false}, {"at the position", 0, 3, true}, {"inside", 4, 2, false},
+        {"at the position again", 0, 1, true}, {"behind the end", 20, 4, false}, {"of nothing", 2, 0, false},
+        {"at a negative place", -3, 1, false}};
     for (const auto& write : writes)
     {
         IO_STATUS_BLOCK result;
@@ -239,11 +237,11 @@ void AskWriteFile(Answers& answers)
         LARGE_INTEGER offset;
         offset.QuadPart = write.Offset;
         const NTSTATUS status = ZwWriteFile(file, nullptr, nullptr, nullptr, &result, text, write.Length,
-                                            write.AtPosition ? nullptr : &offset, nullptr);
+            write.AtPosition ? nullptr : &offset, nullptr);
         if (NT_SUCCESS(status))
         {
             answers.Line("ZwWriteFile ", write.Label, ": ", Status{status}, " block ", Status{result.Status}, " ",
-                         result.Information);
+                result.Information);
         }
         else
         {
@@ -254,13 +252,13 @@ void AskWriteFile(Answers& answers)
     IO_STATUS_BLOCK result = {};
     LARGE_INTEGER offset = {};
     answers.Line("ZwWriteFile by a bad handle: ",
-                 Status{ZwWriteFile(BadHandle, nullptr, nullptr, nullptr, &result, text, 1, &offset, nullptr)});
+        Status{ZwWriteFile(BadHandle, nullptr, nullptr, nullptr, &result, text, 1, &offset, nullptr)});
     Name name(QUESTION_KEY);
     OpenAttributes attributes(&name);
     HANDLE key = nullptr;
     ZwOpenKey(&key, KEY_READ, &attributes);
     answers.Line("ZwWriteFile to a key: ",
-                 Status{ZwWriteFile(key, nullptr, nullptr, nullptr, &result, text, 1, &offset, nullptr)});
+        Status{ZwWriteFile(key, nullptr, nullptr, nullptr, &result, text, 1, &offset, nullptr)});
     ZwClose(key);
 }
 
@@ -292,12 +290,12 @@ void AskQueryDirectory(Answers& answers)
     IO_STATUS_BLOCK result;
     Name pattern(L"short.txt");
     answers.Line("ZwQueryDirectoryFile by a bad handle: ",
-                 Status{Query(BadHandle, buffer, Room, FileBothDirectoryInformation, &pattern, false, &result)});
+        Status{Query(BadHandle, buffer, Room, FileBothDirectoryInformation, &pattern, false, &result)});
     HANDLE file = nullptr;
     if (NT_SUCCESS(Open(&file, Name(QUESTION_FOLDER L"\\short.txt"), FILE_READ_DATA, FILE_NON_DIRECTORY_FILE)))
     {
         answers.Line("ZwQueryDirectoryFile of a file: ",
-                     Status{Query(file, buffer, Room, FileBothDirectoryInformation, &pattern, false, &result)});
+            Status{Query(file, buffer, Room, FileBothDirectoryInformation, &pattern, false, &result)});
         ZwClose(file);
     }
 }

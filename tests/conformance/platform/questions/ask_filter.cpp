@@ -23,8 +23,8 @@ FLT_REGISTRATION Registration()
     return registration;
 }
 
-void AskRegistration(Answers& answers, const char* label, PDRIVER_OBJECT driver, const FLT_REGISTRATION& registration,
-                     bool start)
+void AskRegistration(
+    Answers& answers, const char* label, PDRIVER_OBJECT driver, const FLT_REGISTRATION& registration, bool start)
 {
     PFLT_FILTER filter = nullptr;
     const NTSTATUS status = FltRegisterFilter(driver, &registration, &filter);

@@ -40,7 +40,7 @@ void AskText(Answers& answers, const char* label, const WCHAR* format, Arguments
     const int result = Format(buffer, Room, format, arguments...);
     const bool fits = result >= 0 && result < static_cast<int>(Room);
     answers.Line("_vsnwprintf ", label, ": ", result, " ", Text{buffer, fits ? static_cast<SIZE_T>(result) : 0},
-                 " then ", Hex{static_cast<USHORT>(buffer[fits ? result : 0])});
+        " then ", Hex{static_cast<USHORT>(buffer[fits ? result : 0])});
 }
 
 void AskNumbers(Answers& answers)
@@ -167,8 +167,8 @@ void AskOddFormats(Answers& answers)
     AskText(answers, "% at the end", L"100%");
     AskText(answers, "unknown conversion", L"<%y>");
     AskText(answers, "two in order", L"%d %s", 1, L"x");
-    AskText(answers, "what the driver writes", L"[%04d-%02d-%02d %02d:%02d:%02d.%03d] %s", 2020, 1, 2, 3, 4, 5, 6,
-            L"text");
+    AskText(
+        answers, "what the driver writes", L"[%04d-%02d-%02d %02d:%02d:%02d.%03d] %s", 2020, 1, 2, 3, 4, 5, 6, L"text");
 }
 
 void AskTruncation(Answers& answers)
@@ -199,8 +199,8 @@ void AskSafe(Answers& answers)
             const NTSTATUS status =
                 RtlStringCbPrintfExW(buffer, bytes, &end, &remaining, static_cast<ULONG>(flags), L"%s%d", L"abc", 42);
             answers.Line("RtlStringCbPrintfExW into ", bytes, " flags ", Hex{static_cast<ULONG>(flags)}, ": ",
-                         Status{status}, " at ", end != nullptr ? static_cast<LONGLONG>(end - buffer) : -1, " left ",
-                         remaining, " ", Written{buffer, sizeof(buffer)});
+                Status{status}, " at ", end != nullptr ? static_cast<LONGLONG>(end - buffer) : -1, " left ", remaining,
+                " ", Written{buffer, sizeof(buffer)});
         }
     }
 }

@@ -17,8 +17,8 @@ void AskOpen(Answers& answers, const char* label, OBJECT_ATTRIBUTES& attributes)
 {
     HANDLE link = NoHandle;
     const NTSTATUS status = ZwOpenSymbolicLinkObject(&link, GENERIC_READ, &attributes);
-    answers.Line("ZwOpenSymbolicLinkObject ", label, ": ", Status{status}, " handle ",
-                 link != NoHandle && link != nullptr);
+    answers.Line(
+        "ZwOpenSymbolicLinkObject ", label, ": ", Status{status}, " handle ", link != NoHandle && link != nullptr);
     if (NT_SUCCESS(status))
     {
         ZwClose(link);
@@ -41,8 +41,8 @@ void AskTarget(Answers& answers, HANDLE link, bool withLength)
         ULONG length = 0xA5A5A5A5;
         const NTSTATUS status = ZwQuerySymbolicLinkObject(link, &target, withLength ? &length : nullptr);
         answers.Line("ZwQuerySymbolicLinkObject with length ", withLength, " room ", room, ": ", Status{status}, " ",
-                     target.Length, " of ", target.MaximumLength, " returned ", Hex{length}, " ",
-                     Written{buffer, sizeof(buffer)});
+            target.Length, " of ", target.MaximumLength, " returned ", Hex{length}, " ",
+            Written{buffer, sizeof(buffer)});
     }
 }
 
@@ -65,8 +65,8 @@ void AskQuery(Answers& answers)
     ZwClose(link);
     WCHAR buffer[8];
     UNICODE_STRING target = {0, sizeof(buffer), buffer};
-    answers.Line("ZwQuerySymbolicLinkObject by a bad handle: ",
-                 Status{ZwQuerySymbolicLinkObject(BadHandle, &target, &length)});
+    answers.Line(
+        "ZwQuerySymbolicLinkObject by a bad handle: ", Status{ZwQuerySymbolicLinkObject(BadHandle, &target, &length)});
     Name keyName(QUESTION_KEY);
     OpenAttributes keyAttributes(&keyName);
     HANDLE key = nullptr;
@@ -78,11 +78,11 @@ void AskQuery(Answers& answers)
 void AskDevice(Answers& answers, const char* label, PDEVICE_OBJECT device)
 {
     answers.Line("IoCreateDevice ", label, " fields: type ", device->Type, " kind ", Hex{device->DeviceType}, " flags ",
-                 Hex{device->Flags}, " stack ", static_cast<int>(device->StackSize), " characteristics ",
-                 Hex{device->Characteristics}, " references ", device->ReferenceCount, " alignment ",
-                 device->AlignmentRequirement);
+        Hex{device->Flags}, " stack ", static_cast<int>(device->StackSize), " characteristics ",
+        Hex{device->Characteristics}, " references ", device->ReferenceCount, " alignment ",
+        device->AlignmentRequirement);
     answers.Line("IoCreateDevice ", label, " extension: ", Address{device->DeviceExtension}, " bytes ",
-                 device->Size - DeviceBytes);
+        device->Size - DeviceBytes);
 }
 
 void AskCreateDevice(Answers& answers, PDRIVER_OBJECT driver)
@@ -97,7 +97,7 @@ void AskCreateDevice(Answers& answers, PDRIVER_OBJECT driver)
     }
     AskDevice(answers, "named", device);
     answers.Line("IoCreateDevice named is the driver's: ", driver->DeviceObject == device, " ",
-                 device->DriverObject == driver, " ", Address{device->NextDevice});
+        device->DriverObject == driver, " ", Address{device->NextDevice});
     PDEVICE_OBJECT second = nullptr;
     status = IoCreateDevice(driver, 0, &name, FILE_DEVICE_UNKNOWN, 0, FALSE, &second);
     answers.Line("IoCreateDevice of a name taken: ", Status{status}, " ", Address{second});
@@ -108,7 +108,7 @@ void AskCreateDevice(Answers& answers, PDRIVER_OBJECT driver)
     {
         AskDevice(answers, "without a name", plain);
         answers.Line("IoCreateDevice without a name is the driver's: ", driver->DeviceObject == plain, " ",
-                     plain->NextDevice == device);
+            plain->NextDevice == device);
         bool zero = true;
         for (int index = 0; index < 40; ++index)
         {
@@ -142,7 +142,7 @@ void AskSymbolicLinks(Answers& answers)
     answers.Line("IoCreateSymbolicLink of a name taken: ", Status{IoCreateSymbolicLink(&name, &target)});
     Name alias(L"\\DosDevices\\PlatformQuestionsLink");
     answers.Line("IoCreateSymbolicLink of a name taken, by its other directory: ",
-                 Status{IoCreateSymbolicLink(&alias, &target)});
+        Status{IoCreateSymbolicLink(&alias, &target)});
     AskOpen(answers, "existing", Name(QUESTION_LINK));
     AskOpen(answers, "by other case", Name(L"\\??\\platformquestionsLINK"));
     AskOpen(answers, "by its other directory", Name(L"\\DosDevices\\PlatformQuestionsLink"));

@@ -38,17 +38,17 @@ void AskDescriptor(Answers& answers, UCHAR* memory, ULONG offset, ULONG bytes)
     }
     const auto start = ALIGN_DOWN_BY(memory + offset, PAGE_SIZE);
     answers.Line("IoAllocateMdl offset ", offset, " bytes ", bytes, ": bytes ", mdl->ByteCount, " start ",
-                 reinterpret_cast<ULONG_PTR>(mdl->StartVa) == reinterpret_cast<ULONG_PTR>(start), " offset ",
-                 mdl->ByteOffset == BYTE_OFFSET(memory + offset), " next ", Address{mdl->Next}, " address ",
-                 MmGetMdlVirtualAddress(mdl) == memory + offset);
+        reinterpret_cast<ULONG_PTR>(mdl->StartVa) == reinterpret_cast<ULONG_PTR>(start), " offset ",
+        mdl->ByteOffset == BYTE_OFFSET(memory + offset), " next ", Address{mdl->Next}, " address ",
+        MmGetMdlVirtualAddress(mdl) == memory + offset);
     answers.Line("IoAllocateMdl offset ", offset, " bytes ", bytes, " flags: ", Hex{static_cast<ULONG>(mdl->MdlFlags)});
     const ULONG pages = ADDRESS_AND_SIZE_TO_SPAN_PAGES(memory + offset, bytes);
     answers.Line("IoAllocateMdl offset ", offset, " bytes ", bytes,
-                 " size covers pages: ", mdl->Size == static_cast<int>(sizeof(MDL) + pages * sizeof(PVOID)));
+        " size covers pages: ", mdl->Size == static_cast<int>(sizeof(MDL) + pages * sizeof(PVOID)));
     MmBuildMdlForNonPagedPool(mdl);
     answers.Line("MmBuildMdlForNonPagedPool offset ", offset, " bytes ", bytes, ": mapped ",
-                 mdl->MappedSystemVa == memory + offset, " non-paged ",
-                 (mdl->MdlFlags & MDL_SOURCE_IS_NONPAGED_POOL) != 0, " no process ", mdl->Process == nullptr);
+        mdl->MappedSystemVa == memory + offset, " non-paged ", (mdl->MdlFlags & MDL_SOURCE_IS_NONPAGED_POOL) != 0,
+        " no process ", mdl->Process == nullptr);
     IoFreeMdl(mdl);
 }
 
@@ -115,7 +115,7 @@ void AskStack(Answers& answers)
         Call call;
         const NTSTATUS status = KeExpandKernelStackAndCallout(CountCall, &call, bytes);
         answers.Line("KeExpandKernelStackAndCallout ", Hex{bytes}, ": ", Status{status}, " calls ", call.Count,
-                     " inside its limits ", call.Inside);
+            " inside its limits ", call.Inside);
     }
     Call call;
     const NTSTATUS status = KeExpandKernelStackAndCallout(CountCall, &call, 0x100000);
@@ -150,7 +150,7 @@ void AskMemoryRoutines(Answers& answers)
     answers.Line("memmove down: ", Written{bytes, sizeof(bytes)});
     const auto sign = [](int value) { return value < 0 ? -1 : value > 0 ? 1 : 0; };
     answers.Line("memcmp: ", sign(__builtin_memcmp("abcdefgh", "abcdefgh", length)), " ",
-                 sign(__builtin_memcmp("abcdefgh", "abcdefgi", length)), " ",
-                 sign(__builtin_memcmp("\x80", "\x7F", length - 7)), " ", sign(__builtin_memcmp("a", "b", length - 8)));
+        sign(__builtin_memcmp("abcdefgh", "abcdefgi", length)), " ", sign(__builtin_memcmp("\x80", "\x7F", length - 7)),
+        " ", sign(__builtin_memcmp("a", "b", length - 8)));
 }
 }

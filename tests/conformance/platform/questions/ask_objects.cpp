@@ -22,14 +22,14 @@ void AskEvent(Answers& answers, const char* label, EVENT_TYPE type, bool state)
     Fill(&event, sizeof(event));
     KeInitializeEvent(&event, type, state);
     answers.Line("KeInitializeEvent ", label, ": type ", static_cast<int>(event.Header.Type), " words ",
-                 static_cast<int>(event.Header.Size), " state ", event.Header.SignalState, " nobody waits ",
-                 event.Header.WaitListHead.Flink == &event.Header.WaitListHead &&
-                     event.Header.WaitListHead.Blink == &event.Header.WaitListHead);
+        static_cast<int>(event.Header.Size), " state ", event.Header.SignalState, " nobody waits ",
+        event.Header.WaitListHead.Flink == &event.Header.WaitListHead &&
+            event.Header.WaitListHead.Blink == &event.Header.WaitListHead);
     answers.Line("KeSetEvent ", label, ": ", KeSetEvent(&event, 0, FALSE));
     answers.Line("KeSetEvent ", label, " again: ", KeSetEvent(&event, 0, FALSE), " state ", event.Header.SignalState);
     answers.Line("KeWaitForSingleObject ", label, ": ",
-                 Status{KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, nullptr)}, " state ",
-                 event.Header.SignalState);
+        Status{KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, nullptr)}, " state ",
+        event.Header.SignalState);
 }
 }
 
@@ -58,7 +58,7 @@ void AskHandles(Answers& answers)
     HANDLE opened = nullptr;
     IO_STATUS_BLOCK result;
     if (NT_SUCCESS(ZwOpenFile(&opened, FILE_READ_DATA | SYNCHRONIZE, &fileAttributes, &result, FILE_SHARE_READ,
-                              FILE_SYNCHRONOUS_IO_NONALERT)))
+            FILE_SYNCHRONOUS_IO_NONALERT)))
     {
         AskReference(answers, "of a file as an event", opened, *ExEventObjectType, KernelMode);
         AskReference(answers, "of a file as anything", opened, nullptr, KernelMode);
@@ -77,10 +77,10 @@ void AskEvents(Answers& answers)
     const KIRQL before = KeGetCurrentIrql();
     ExAcquireFastMutex(&mutex);
     answers.Line("ExAcquireFastMutex: count ", mutex.Count, " owner ", Address{mutex.Owner}, " level ",
-                 static_cast<int>(KeGetCurrentIrql()) - before);
+        static_cast<int>(KeGetCurrentIrql()) - before);
     ExReleaseFastMutex(&mutex);
     answers.Line("ExReleaseFastMutex: count ", mutex.Count, " owner ", Address{mutex.Owner}, " contention ",
-                 mutex.Contention, " level ", static_cast<int>(KeGetCurrentIrql()) - before);
+        mutex.Contention, " level ", static_cast<int>(KeGetCurrentIrql()) - before);
     ExAcquireFastMutex(&mutex);
     ExReleaseFastMutex(&mutex);
     answers.Line("ExReleaseFastMutex again: count ", mutex.Count);

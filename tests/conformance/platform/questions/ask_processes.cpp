@@ -122,7 +122,7 @@ void AskList(Answers& answers, const char* routine, SystemQuery query, UCHAR* bu
         answers.Line(routine, " steps aligned: ", listing.AlignedSteps, " cover threads ", listing.StepsCoverThreads);
         answers.Line(routine, " ids are multiples of four: ", listing.IdsAreMultiplesOfFour);
         answers.Line(routine, " finds the program: ", Address{listing.Running}, " with a parent ",
-                     listing.RunningHasParent, " among more ", listing.Named > 1);
+            listing.RunningHasParent, " among more ", listing.Named > 1);
     }
     for (ULONG kind : {227u, 0x7000u, 0xFFFFFFFFu})
     {
@@ -130,8 +130,8 @@ void AskList(Answers& answers, const char* routine, SystemQuery query, UCHAR* bu
         {
             Fill(buffer, 512);
             const NTSTATUS refused = query(static_cast<SYSTEM_INFORMATION_CLASS>(kind), buffer, room, nullptr);
-            answers.Line(routine, " class ", Hex{kind}, " room ", room, ": ", Status{refused}, " ",
-                         Written{buffer, 512});
+            answers.Line(
+                routine, " class ", Hex{kind}, " room ", room, ": ", Status{refused}, " ", Written{buffer, 512});
         }
     }
 }
@@ -173,10 +173,10 @@ void AskImageRoom(Answers& answers, ProcessQuery query, HANDLE process, const ch
         return index == sizeof(answer);
     }();
     answers.Line("ZwQueryInformationProcess image ", label, ": ", Status{status}, " length ",
-                 length == needed       ? "needed"
-                 : length == 0xA5A5A5A5 ? "untouched"
-                                        : "other",
-                 " rest untouched ", untouched);
+        length == needed       ? "needed"
+        : length == 0xA5A5A5A5 ? "untouched"
+                               : "other",
+        " rest untouched ", untouched);
 }
 
 void AskImage(Answers& answers, ProcessQuery query, HANDLE process)
@@ -184,7 +184,7 @@ void AskImage(Answers& answers, ProcessQuery query, HANDLE process)
     ULONG needed = 0;
     const NTSTATUS first = query(process, ProcessImageFileName, nullptr, 0, &needed);
     answers.Line("ZwQueryInformationProcess image size: ", Status{first}, " more than a string ",
-                 needed > sizeof(UNICODE_STRING), " even ", needed % 2 == 0);
+        needed > sizeof(UNICODE_STRING), " even ", needed % 2 == 0);
     if (needed <= sizeof(UNICODE_STRING) + 3 || needed + 2 > sizeof(ImageAnswer))
     {
         return;
@@ -194,8 +194,8 @@ void AskImage(Answers& answers, ProcessQuery query, HANDLE process)
         const char* const labels[] = {"room 0", "room 1", "room 15", "room 16", "room 17", "room 18"};
         AskImageRoom(answers, query, process, labels[room < 2 ? room : room - 13], room, needed);
     }
-    const char* const labels[] = {"room needed - 3", "room needed - 2", "room needed - 1",
-                                  "room needed",     "room needed + 1", "room needed + 2"};
+    const char* const labels[] = {
+        "room needed - 3", "room needed - 2", "room needed - 1", "room needed", "room needed + 1", "room needed + 2"};
     for (ULONG step = 0; step < 6; ++step)
     {
         AskImageRoom(answers, query, process, labels[step], needed - 3 + step, needed);
@@ -206,8 +206,8 @@ void AskImage(Answers& answers, ProcessQuery query, HANDLE process)
     {
         const UNICODE_STRING& name = answer.Name;
         answers.Line("ZwQueryInformationProcess image string: behind the record ", name.Buffer == answer.Text,
-                     " room less length ", name.MaximumLength - name.Length, " needed less length ",
-                     needed - name.Length, " terminated ", answer.Text[name.Length / sizeof(WCHAR)] == 0);
+            " room less length ", name.MaximumLength - name.Length, " needed less length ", needed - name.Length,
+            " terminated ", answer.Text[name.Length / sizeof(WCHAR)] == 0);
         const SIZE_T program = sizeof(RunningProgram) / sizeof(WCHAR) - 1;
         const SIZE_T count = name.Length / sizeof(WCHAR);
         UNICODE_STRING last = name;
@@ -220,14 +220,12 @@ void AskImage(Answers& answers, ProcessQuery query, HANDLE process)
         answers.Line("ZwQueryInformationProcess image is on a device: ", IsNamed(last, device.Buffer));
     }
     answers.Line("ZwQueryInformationProcess image without a length: ",
-                 Status{query(process, ProcessImageFileName, &answer, sizeof(answer), nullptr)});
+        Status{query(process, ProcessImageFileName, &answer, sizeof(answer), nullptr)});
     answers.Line("ZwQueryInformationProcess of no class: ",
-                 Status{query(process, static_cast<PROCESSINFOCLASS>(0x7000), &answer, sizeof(answer), &length)});
+        Status{query(process, static_cast<PROCESSINFOCLASS>(0x7000), &answer, sizeof(answer), &length)});
 }
 
-void NTAPI IgnoreProcess(PEPROCESS, HANDLE, PPS_CREATE_NOTIFY_INFO)
-{
-}
+void NTAPI IgnoreProcess(PEPROCESS, HANDLE, PPS_CREATE_NOTIFY_INFO) {}
 
 void AskPointer(Answers& answers, PEPROCESS process, ProcessQuery query)
 {
@@ -241,7 +239,7 @@ void AskPointer(Answers& answers, PEPROCESS process, ProcessQuery query)
     {
         ULONG needed = 0;
         answers.Line("ZwQueryInformationProcess by a handle without access: ",
-                     Status{query(handle, ProcessImageFileName, nullptr, 0, &needed)});
+            Status{query(handle, ProcessImageFileName, nullptr, 0, &needed)});
         ZwClose(handle);
     }
     handle = NoHandle;
@@ -266,14 +264,14 @@ void AskPointer(Answers& answers, PEPROCESS process, ProcessQuery query)
 
 void AskNotification(Answers& answers)
 {
-    answers.Line("PsSetCreateProcessNotifyRoutineEx: ",
-                 Status{PsSetCreateProcessNotifyRoutineEx(IgnoreProcess, FALSE)});
-    answers.Line("PsSetCreateProcessNotifyRoutineEx again: ",
-                 Status{PsSetCreateProcessNotifyRoutineEx(IgnoreProcess, FALSE)});
-    answers.Line("PsSetCreateProcessNotifyRoutineEx removed: ",
-                 Status{PsSetCreateProcessNotifyRoutineEx(IgnoreProcess, TRUE)});
+    answers.Line(
+        "PsSetCreateProcessNotifyRoutineEx: ", Status{PsSetCreateProcessNotifyRoutineEx(IgnoreProcess, FALSE)});
+    answers.Line(
+        "PsSetCreateProcessNotifyRoutineEx again: ", Status{PsSetCreateProcessNotifyRoutineEx(IgnoreProcess, FALSE)});
+    answers.Line(
+        "PsSetCreateProcessNotifyRoutineEx removed: ", Status{PsSetCreateProcessNotifyRoutineEx(IgnoreProcess, TRUE)});
     answers.Line("PsSetCreateProcessNotifyRoutineEx removed again: ",
-                 Status{PsSetCreateProcessNotifyRoutineEx(IgnoreProcess, TRUE)});
+        Status{PsSetCreateProcessNotifyRoutineEx(IgnoreProcess, TRUE)});
 }
 
 void AskProcesses(Answers& answers)
@@ -282,9 +280,9 @@ void AskProcesses(Answers& answers)
     const HANDLE process = PsGetCurrentProcessId();
     const HANDLE thread = PsGetCurrentThreadId();
     answers.Line("PsGetCurrentProcessId: ", Address{process}, " stays ", PsGetCurrentProcessId() == process,
-                 " multiple of four ", reinterpret_cast<ULONG_PTR>(process) % 4 == 0);
+        " multiple of four ", reinterpret_cast<ULONG_PTR>(process) % 4 == 0);
     answers.Line("PsGetCurrentThreadId: ", Address{thread}, " stays ", PsGetCurrentThreadId() == thread,
-                 " multiple of four ", reinterpret_cast<ULONG_PTR>(thread) % 4 == 0);
+        " multiple of four ", reinterpret_cast<ULONG_PTR>(thread) % 4 == 0);
     AskLookup(answers, "of the caller", process);
     AskLookup(answers, "of nothing", nullptr);
     AskLookup(answers, "of no process", BadHandle);
@@ -305,9 +303,9 @@ void AskProcessImage(Answers& answers)
     UCHAR buffer[64];
     ULONG length = 0;
     answers.Line("ZwQueryInformationProcess by a bad handle: ",
-                 Status{query(BadHandle, ProcessImageFileName, buffer, sizeof(buffer), &length)});
+        Status{query(BadHandle, ProcessImageFileName, buffer, sizeof(buffer), &length)});
     answers.Line("ZwQueryInformationProcess by no handle: ",
-                 Status{query(nullptr, ProcessImageFileName, buffer, sizeof(buffer), &length)});
+        Status{query(nullptr, ProcessImageFileName, buffer, sizeof(buffer), &length)});
     PEPROCESS process = nullptr;
     const NTSTATUS status = PsLookupProcessByProcessId(running, &process);
     answers.Line("PsLookupProcessByProcessId of the program: ", Status{status});

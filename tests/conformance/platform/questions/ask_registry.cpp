@@ -43,10 +43,10 @@ void AskValue(Answers& answers, HANDLE key, const char* label, Name name, ULONG 
             ULONG length = 0xA5A5A5A5;
             const NTSTATUS status =
                 ZwQueryValueKey(key, &name, static_cast<KEY_VALUE_INFORMATION_CLASS>(kind), buffer, room, &length);
-            answers.Line("ZwQueryValueKey ", label, " class ", kind, " room ", room, ": ", Status{status}, " ",
-                         Hex{length});
+            answers.Line(
+                "ZwQueryValueKey ", label, " class ", kind, " room ", room, ": ", Status{status}, " ", Hex{length});
             answers.Line("ZwQueryValueKey writes ", label, " class ", kind, " room ", room, ": ",
-                         Written{buffer, sizeof(buffer)});
+                Written{buffer, sizeof(buffer)});
         }
     }
 }
@@ -59,7 +59,7 @@ void AskOneRoom(Answers& answers, HANDLE key, const char* label, PUNICODE_STRING
     const NTSTATUS status =
         ZwQueryValueKey(key, name, static_cast<KEY_VALUE_INFORMATION_CLASS>(kind), buffer, sizeof(buffer), &length);
     answers.Line("ZwQueryValueKey ", label, " class ", kind, ": ", Status{status}, " ", Hex{length}, " ",
-                 Written{buffer, sizeof(buffer)});
+        Written{buffer, sizeof(buffer)});
 }
 
 void AskMissingValues(Answers& answers, HANDLE key)
@@ -74,10 +74,10 @@ void AskMissingValues(Answers& answers, HANDLE key)
             ULONG length = 0xA5A5A5A5;
             const NTSTATUS status =
                 ZwQueryValueKey(key, &missing, static_cast<KEY_VALUE_INFORMATION_CLASS>(kind), buffer, room, &length);
-            answers.Line("ZwQueryValueKey missing class ", kind, " room ", room, ": ", Status{status}, " ",
-                         Hex{length});
-            answers.Line("ZwQueryValueKey writes missing class ", kind, " room ", room, ": ",
-                         Written{buffer, sizeof(buffer)});
+            answers.Line(
+                "ZwQueryValueKey missing class ", kind, " room ", room, ": ", Status{status}, " ", Hex{length});
+            answers.Line(
+                "ZwQueryValueKey writes missing class ", kind, " room ", room, ": ", Written{buffer, sizeof(buffer)});
         }
     }
 }
@@ -111,10 +111,10 @@ void AskSet(Answers& answers, HANDLE key, const char* label, Name name, ULONG ty
     {
         Fill(buffer, sizeof(buffer));
         ULONG length = 0;
-        const NTSTATUS read = ZwQueryValueKey(key, &name, static_cast<KEY_VALUE_INFORMATION_CLASS>(kind), buffer,
-                                              sizeof(buffer), &length);
+        const NTSTATUS read = ZwQueryValueKey(
+            key, &name, static_cast<KEY_VALUE_INFORMATION_CLASS>(kind), buffer, sizeof(buffer), &length);
         answers.Line("ZwSetValueKey ", label, " read back by class ", kind, ": ", Status{read}, " ", length, " ",
-                     Written{buffer, sizeof(buffer)});
+            Written{buffer, sizeof(buffer)});
     }
 }
 }
@@ -200,8 +200,8 @@ void AskSetValue(Answers& answers)
     AskSet(answers, key, "the default", Name(L""), REG_SZ, L"new", 8);
     Name name(L"Set bad");
     ULONG data = number;
-    answers.Line("ZwSetValueKey by a bad handle: ",
-                 Status{ZwSetValueKey(BadHandle, &name, 0, REG_DWORD, &data, sizeof(data))});
+    answers.Line(
+        "ZwSetValueKey by a bad handle: ", Status{ZwSetValueKey(BadHandle, &name, 0, REG_DWORD, &data, sizeof(data))});
     ZwClose(key);
 }
 }

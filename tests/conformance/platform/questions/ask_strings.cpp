@@ -17,7 +17,7 @@ void AskOneHash(Answers& answers, const char* label, const UNICODE_STRING& strin
             ULONG hash = 0xA5A5A5A5;
             const NTSTATUS status = RtlHashUnicodeString(&string, insensitive, algorithm, &hash);
             answers.Line("RtlHashUnicodeString ", label, " algorithm ", Hex{algorithm}, " insensitive ", insensitive,
-                         ": ", Status{status}, " ", Hex{hash});
+                ": ", Status{status}, " ", Hex{hash});
         }
     }
 }
@@ -32,7 +32,7 @@ void AskInit(Answers& answers, ULONG length, WCHAR* text)
     UNICODE_STRING string;
     RtlInitUnicodeString(&string, text);
     answers.Line("RtlInitUnicodeString ", length, " characters: ", string.Length, " of ", string.MaximumLength,
-                 " same buffer ", string.Buffer == text);
+        " same buffer ", string.Buffer == text);
 }
 }
 
@@ -45,8 +45,8 @@ void AskUpcase(Answers& answers)
     }
     for (ULONG unit = 0; unit < Units; ++unit)
     {
-        answers.Line("towupper ", Hex{unit}, ": ",
-                     Hex{static_cast<USHORT>(towupper(static_cast<unsigned short>(unit)))});
+        answers.Line(
+            "towupper ", Hex{unit}, ": ", Hex{static_cast<USHORT>(towupper(static_cast<unsigned short>(unit)))});
     }
 }
 
@@ -58,12 +58,12 @@ void AskHash(Answers& answers)
     AskOneHash(answers, "of a zero inside", Name(L"a\0b"));
     AskOneHash(answers, "of accents", Name(L"\x00E9\x00DF\x0101\x0153\xFF41"));
     AskOneHash(answers, "of an odd length",
-               []
-               {
-                   Name name(L"abc");
-                   name.Length -= 1;
-                   return name;
-               }());
+        []
+        {
+            Name name(L"abc");
+            name.Length -= 1;
+            return name;
+        }());
     AskOneHash(answers, "without a buffer", UNICODE_STRING{});
     for (ULONG unit = 0; unit < 0x180; ++unit)
     {
@@ -84,8 +84,8 @@ void AskCountedStrings(Answers& answers)
     UNICODE_STRING string;
     Fill(&string, sizeof(string));
     RtlInitUnicodeString(&string, nullptr);
-    answers.Line("RtlInitUnicodeString of nothing: ", string.Length, " of ", string.MaximumLength, " ",
-                 Address{string.Buffer});
+    answers.Line(
+        "RtlInitUnicodeString of nothing: ", string.Length, " of ", string.MaximumLength, " ", Address{string.Buffer});
     constexpr ULONG Most = 70000;
     auto* text = static_cast<WCHAR*>(ExAllocatePoolWithTag(PagedPool, (Most + 1) * sizeof(WCHAR), Tag));
     if (text == nullptr)

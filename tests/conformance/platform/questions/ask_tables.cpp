@@ -17,9 +17,7 @@ PVOID NTAPI Allocate(PRTL_GENERIC_TABLE, ULONG)
     return nullptr;
 }
 
-void NTAPI Free(PRTL_GENERIC_TABLE, PVOID)
-{
-}
+void NTAPI Free(PRTL_GENERIC_TABLE, PVOID) {}
 
 void AskRoutine(Answers& answers, const char* label, Name name)
 {
@@ -34,22 +32,20 @@ void AskGenericTable(Answers& answers)
     ULONG context = 0;
     RtlInitializeGenericTable(&table, Compare, Allocate, Free, &context);
     answers.Line("RtlInitializeGenericTable: root ", Address{table.TableRoot}, " list ",
-                 table.InsertOrderList.Flink == &table.InsertOrderList &&
-                     table.InsertOrderList.Blink == &table.InsertOrderList,
-                 " ordered ", table.OrderedPointer == &table.InsertOrderList, " which ", table.WhichOrderedElement,
-                 " elements ", table.NumberGenericTableElements);
+        table.InsertOrderList.Flink == &table.InsertOrderList && table.InsertOrderList.Blink == &table.InsertOrderList,
+        " ordered ", table.OrderedPointer == &table.InsertOrderList, " which ", table.WhichOrderedElement, " elements ",
+        table.NumberGenericTableElements);
     answers.Line("RtlInitializeGenericTable routines: ", table.CompareRoutine == &Compare, " ",
-                 table.AllocateRoutine == &Allocate, " ", table.FreeRoutine == &Free, " ",
-                 table.TableContext == &context);
+        table.AllocateRoutine == &Allocate, " ", table.FreeRoutine == &Free, " ", table.TableContext == &context);
     answers.Line("RtlNumberGenericTableElements of an empty table: ", RtlNumberGenericTableElements(&table));
     for (ULONG index : {0u, 1u, 0xFFFFFFFFu})
     {
         answers.Line("RtlGetElementGenericTable of an empty table, ", Hex{index}, ": ",
-                     Address{RtlGetElementGenericTable(&table, index)});
+            Address{RtlGetElementGenericTable(&table, index)});
     }
     ULONG record = 7;
-    answers.Line("RtlLookupElementGenericTable in an empty table: ",
-                 Address{RtlLookupElementGenericTable(&table, &record)});
+    answers.Line(
+        "RtlLookupElementGenericTable in an empty table: ", Address{RtlLookupElementGenericTable(&table, &record)});
 }
 
 void AskSystemRoutines(Answers& answers)

@@ -16,7 +16,7 @@ void AskFields(Answers& answers, LONGLONG time)
     Fill(&fields, sizeof(fields));
     RtlTimeToTimeFields(&when, &fields);
     answers.Line("RtlTimeToTimeFields ", time, ": ", fields.Year, "-", fields.Month, "-", fields.Day, " ", fields.Hour,
-                 ":", fields.Minute, ":", fields.Second, ".", fields.Milliseconds, " weekday ", fields.Weekday);
+        ":", fields.Minute, ":", fields.Second, ".", fields.Milliseconds, " weekday ", fields.Weekday);
 }
 
 void AskLocal(Answers& answers, LONGLONG time)
@@ -81,11 +81,11 @@ void AskVersion(Answers& answers)
         }
         answers.Line("RtlGetVersion ", bytes, " bytes: ", Status{status}, " size ", version.Common.dwOSVersionInfoSize);
         answers.Line("RtlGetVersion ", bytes, " bytes version: ", version.Common.dwMajorVersion, ".",
-                     version.Common.dwMinorVersion, ".", version.Common.dwBuildNumber);
+            version.Common.dwMinorVersion, ".", version.Common.dwBuildNumber);
         answers.Line("RtlGetVersion ", bytes, " bytes platform: ", version.Common.dwPlatformId);
         answers.Line("RtlGetVersion ", bytes, " bytes service pack: ", Text{version.Common.szCSDVersion, length});
         answers.Line("RtlGetVersion ", bytes, " bytes service pack numbers: ", Hex{version.ServicePackMajor}, " ",
-                     Hex{version.ServicePackMinor});
+            Hex{version.ServicePackMinor});
         answers.Line("RtlGetVersion ", bytes, " bytes suite: ", Hex{version.SuiteMask});
         answers.Line("RtlGetVersion ", bytes, " bytes product: ", Hex{version.ProductType});
     }

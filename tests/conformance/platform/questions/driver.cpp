@@ -8,11 +8,10 @@ namespace
 NTSTATUS AskAll(Answers& answers, PDRIVER_OBJECT driver)
 {
     using Question = void (*)(Answers&);
-    const Question all[] = {AskUpcase,   AskHash,         AskCountedStrings, AskFormatting,        AskTime,
-                            AskVersion,  AskOpenKey,      AskQueryValue,     AskSetValue,          AskSymbolicLinks,
-                            AskOpenFile, AskWriteFile,    AskQueryDirectory, AskProcesses,         AskProcessImage,
-                            AskHandles,  AskEvents,       AskPool,           AskMemoryDescriptors, AskStack,
-                            AskProbe,    AskGenericTable, AskSystemRoutines, AskMemoryRoutines};
+    const Question all[] = {AskUpcase, AskHash, AskCountedStrings, AskFormatting, AskTime, AskVersion, AskOpenKey,
+        AskQueryValue, AskSetValue, AskSymbolicLinks, AskOpenFile, AskWriteFile, AskQueryDirectory, AskProcesses,
+        AskProcessImage, AskHandles, AskEvents, AskPool, AskMemoryDescriptors, AskStack, AskProbe, AskGenericTable,
+        AskSystemRoutines, AskMemoryRoutines};
     for (const Question question : all)
     {
         question(answers);
@@ -37,7 +36,7 @@ extern "C" NTSTATUS NTAPI PlatformQuestions(PDRIVER_OBJECT driver, PUNICODE_STRI
     IO_STATUS_BLOCK result;
     HANDLE file = nullptr;
     NTSTATUS status = ZwOpenFile(&file, FILE_WRITE_DATA | SYNCHRONIZE, &attributes, &result, FILE_SHARE_READ,
-                                 FILE_NON_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT);
+        FILE_NON_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT);
     if (!NT_SUCCESS(status))
     {
         return status;

@@ -13,7 +13,7 @@ namespace platform
 {
 namespace
 {
-using namespace host;
+using namespace hosted;
 
 constexpr LONGLONG UnitsPerHour = 36000000000LL;
 

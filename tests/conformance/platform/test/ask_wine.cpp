@@ -50,10 +50,9 @@ AnswerList AskWine()
     WriteFile(prefix.Disk() / "keys.reg", AsUtf16(Keys));
     // The version counts for the programs of the next system.
     prefix.Run({"reg add HKCU\\Software\\Wine /v Version /d win7 /f"});
-    const wine::Prefix::Outcome outcome =
-        prefix.Run({"reg import C:\\keys.reg",
-                    "sc create PlatformQuestions binPath= C:\\PlatformQuestions.sys type= kernel start= demand",
-                    "sc start PlatformQuestions"});
+    const wine::Prefix::Outcome outcome = prefix.Run({"reg import C:\\keys.reg",
+        "sc create PlatformQuestions binPath= C:\\PlatformQuestions.sys type= kernel start= demand",
+        "sc start PlatformQuestions"});
     try
     {
         AnswerList answers = ParseAnswers(ReadFile(prefix.Disk() / AnswerFile));

@@ -65,10 +65,7 @@ protected:
         }
     }
     // Every test fails, instead of being skipped, when the questions could not be asked.
-    void SetUp() override
-    {
-        ASSERT_EQ(problem, "");
-    }
+    void SetUp() override { ASSERT_EQ(problem, ""); }
 
     static AnswerList hosted;
     static AnswerList wine;
@@ -145,7 +142,7 @@ TEST_F(PlatformAnswers, CoverEveryExportThatIsNotNamedAsLeftOut)
         EXPECT_NE(reason, "") << routine;
     }
     size_t count;
-    const host::ExportedRoutine* routines = host::ExportedRoutines(&count);
+    const hosted::ExportedRoutine* routines = hosted::ExportedRoutines(&count);
     for (size_t index = 0; index < count; ++index)
     {
         const std::string name = routines[index].Name;

@@ -62,9 +62,7 @@ TEST(Crashing, EndsTheProgram)
     std::abort();
 }
 
-TEST(Crashing, ComesBehind)
-{
-}
+TEST(Crashing, ComesBehind) {}
 
 // What is left over is seen only when the program ends, with a result file that knows of no failure.
 TEST(Leaking, LeavesMemory)

@@ -1,8 +1,8 @@
 // What ./test counts, over real CTest runs of programs that pass, fail, skip, crash, leak or are not there.
 
-#include "tests/shell.h"
-#include "tests/temporary_folder.h"
-#include "tests/text.h"
+#include "tests/support/shell.h"
+#include "tests/support/temporary_folder.h"
+#include "tests/support/text.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -32,7 +32,7 @@ protected:
     std::vector<std::string> Count() const
     {
         const std::string script =
-            "passed=0; failed=0; . " TARNVEIL_SOURCES "/cmake/count_results.sh; count_results \"$0\"; "
+            "passed=0; failed=0; . " TARNVEIL_SOURCES "/scripts/count_results.sh; count_results \"$0\"; "
             "echo \"$passed passed, $failed failed\"";
         return Lines(RunShell("bash -uc '" + script + "' " + Quoted(build_.Path()) + " 2>&1").Output);
     }
@@ -43,8 +43,7 @@ protected:
 TEST_F(CountedResults, EveryOutcomeCountsAsWhatItIs)
 {
     RunTestsOf({OUTCOMES_PROGRAM});
-    EXPECT_THAT(
-        Count(),
+    EXPECT_THAT(Count(),
         UnorderedElementsAre(
             StartsWith("failed Failing.Differs: Expected equality of these values:   std::string(\"<a> & 'b'\")"),
             StartsWith("failed Failing.Throws: C++ exception with description \"thrown\""),

@@ -72,8 +72,8 @@ Expected Model(const Text& text)
     Expected expected;
     for (size_t i = 0; i < fullCharacters; i += 4)
     {
-        AppendBytes(Digits(text[i]) + Digits(text[i + 1]) + Digits(text[i + 2]) + Digits(text[i + 3]), 3,
-            &expected.Bytes);
+        AppendBytes(
+            Digits(text[i]) + Digits(text[i + 1]) + Digits(text[i + 2]) + Digits(text[i + 3]), 3, &expected.Bytes);
     }
     expected.Room = static_cast<ULONG>(expected.Bytes.size()) + 1;
     if (isShort)
@@ -111,10 +111,7 @@ struct Decoded
         std::copy(text.begin(), text.end(), exact.get());
         Succeeded = DecodeBase64(exact.get(), static_cast<ULONG>(text.size()), Output.data(), &Size);
     }
-    std::string Bytes() const
-    {
-        return {reinterpret_cast<const char*>(Output.data()), Size};
-    }
+    std::string Bytes() const { return {reinterpret_cast<const char*>(Output.data()), Size}; }
     // Whether everything from that byte on is as it was.
     bool UntouchedFrom(size_t first) const
     {

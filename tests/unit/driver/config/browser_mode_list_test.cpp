@@ -36,23 +36,26 @@ protected:
     Texts Patterns()
     {
         Texts patterns;
-        WithLock(Global.BrowserModeList.Lock, [&]() REQUIRES_LOCK(Global.BrowserModeList.Lock)
-            { Global.BrowserModeList.Settings.ForEach(
-                  [&](SettingInfo* entry) { patterns.push_back(Narrow(View(entry->Pattern))); }); });
+        WithLock(Global.BrowserModeList.Lock,
+            [&]() REQUIRES_LOCK(Global.BrowserModeList.Lock)
+            {
+                Global.BrowserModeList.Settings.ForEach(
+                    [&](SettingInfo* entry) { patterns.push_back(Narrow(View(entry->Pattern))); });
+            });
         return patterns;
     }
     std::vector<HANDLE> Processes()
     {
         std::vector<HANDLE> ids;
-        WithLock(Global.BrowserModeList.Lock, [&]() REQUIRES_LOCK(Global.BrowserModeList.Lock)
-            { Global.BrowserModeList.Processes.ForEach(
-                  [&](ApplicationProcess* entry) { ids.push_back(entry->ProcessId); }); });
+        WithLock(Global.BrowserModeList.Lock,
+            [&]() REQUIRES_LOCK(Global.BrowserModeList.Lock)
+            {
+                Global.BrowserModeList.Processes.ForEach(
+                    [&](ApplicationProcess* entry) { ids.push_back(entry->ProcessId); });
+            });
         return ids;
     }
-    static bool IsIn(const Program& program)
-    {
-        return NT_SUCCESS(BRPLLookup(program.Id()));
-    }
+    static bool IsIn(const Program& program) { return NT_SUCCESS(BRPLLookup(program.Id())); }
     static NTSTATUS Insert(ULONG id, WideView path)
     {
         const UNICODE_STRING name = Counted(path);
@@ -69,19 +72,18 @@ TEST_F(BrowserModeList, BuiltAtLoadWithTheProductFolder)
 {
     SetMode('0');
     SetInstallFolder(L"C:\\Bay\\");
-    EXPECT_EQ(BuildPrintsOfLoad(), Named(ModeTexts('0') + Texts{"ProductPath = C:\\Bay\\\n",
-                                             "Added SettingInfo = C:\\Bay\\*\n"} + ProgramPatterns));
+    EXPECT_EQ(BuildPrintsOfLoad(),
+        Named(
+            ModeTexts('0') + Texts{"ProductPath = C:\\Bay\\\n", "Added SettingInfo = C:\\Bay\\*\n"} + ProgramPatterns));
     EXPECT_TRUE(IsBrowserModeActive());
-    EXPECT_THAT(Patterns(),
-        ElementsAre("C:\\Bay\\*", "*\\msedgewebview2.exe", "*\\spoolsv.exe", "*\\splwow64.exe"));
+    EXPECT_THAT(Patterns(), ElementsAre("C:\\Bay\\*", "*\\msedgewebview2.exe", "*\\spoolsv.exe", "*\\splwow64.exe"));
 }
 
 TEST_F(BrowserModeList, WithoutAnInstallFolderTheUsualOneIsTaken)
 {
     SetMode('2');
     EXPECT_EQ(BuildPrintsOfLoad(),
-        Named(ModeTexts('2') + Texts{FolderMissing, "Added SettingInfo = *\\Orvane Hollowbay\\*\n"} +
-              ProgramPatterns));
+        Named(ModeTexts('2') + Texts{FolderMissing, "Added SettingInfo = *\\Orvane Hollowbay\\*\n"} + ProgramPatterns));
     EXPECT_TRUE(IsBrowserModeActive());
 }
 
@@ -102,8 +104,8 @@ TEST_F(BrowserModeList, ModeOneLeavesItInactiveForGood)
     EXPECT_THAT(Patterns(), IsEmpty());
     const Program agent = computer_.StartProcess(L"C:\\agent.exe");
     SetMode('0');
-    EXPECT_THAT(PrintsOf([&] { EXPECT_EQ(agent.StartDriver(), STATUS_SUCCESS); }),
-        ElementsAre("Tarnveil - IOCTL_START\n"));
+    EXPECT_THAT(
+        PrintsOf([&] { EXPECT_EQ(agent.StartDriver(), STATUS_SUCCESS); }), ElementsAre("Tarnveil - IOCTL_START\n"));
     EXPECT_FALSE(IsBrowserModeActive());
     EXPECT_THAT(Patterns(), IsEmpty());
 }
@@ -120,13 +122,13 @@ TEST_F(BrowserModeList, AStartRequestBuildsItOnceTheInstallerHasWritten)
     SetInstallFolder(L"D:\\Bay");
     EXPECT_EQ(PrintsOf([&] { EXPECT_EQ(agent.StartDriver(), STATUS_SUCCESS); }),
         Texts{"Tarnveil - IOCTL_START\n"} +
-            Named(ModeTexts('0') + Texts{"ProductPath = D:\\Bay\n", "Added SettingInfo = D:\\Bay*\n"} +
-                  ProgramPatterns));
+            Named(
+                ModeTexts('0') + Texts{"ProductPath = D:\\Bay\n", "Added SettingInfo = D:\\Bay*\n"} + ProgramPatterns));
     EXPECT_TRUE(IsBrowserModeActive());
     // Built once per load, whatever becomes of the values.
     SetMode('1');
-    EXPECT_THAT(PrintsOf([&] { EXPECT_EQ(agent.StartDriver(), STATUS_SUCCESS); }),
-        ElementsAre("Tarnveil - IOCTL_START\n"));
+    EXPECT_THAT(
+        PrintsOf([&] { EXPECT_EQ(agent.StartDriver(), STATUS_SUCCESS); }), ElementsAre("Tarnveil - IOCTL_START\n"));
     EXPECT_TRUE(IsBrowserModeActive());
     EXPECT_EQ(Patterns().size(), 4u);
 }
@@ -199,8 +201,7 @@ TEST_F(BrowserModeList, AProcessThatStartsIsTakenInByItsImage)
     EXPECT_TRUE(IsIn(*spooler));
     std::optional<Program> product;
     EXPECT_EQ(PrintsOf([&] { product.emplace(computer_.StartProcess(L"C:\\bay\\sub\\any.exe")); }),
-        Named({"[BRPL] Insert PID = " + std::to_string(product->ProcessId()) +
-               " ProcName = C:\\bay\\sub\\any.exe\n"}));
+        Named({"[BRPL] Insert PID = " + std::to_string(product->ProcessId()) + " ProcName = C:\\bay\\sub\\any.exe\n"}));
     std::optional<Program> other;
     EXPECT_THAT(PrintsOf([&] { other.emplace(computer_.StartProcess(L"C:\\Bayou\\any.exe")); }), IsEmpty());
     EXPECT_FALSE(IsIn(*other));

@@ -15,15 +15,14 @@
 
 namespace product_test
 {
-using namespace host;
+using namespace hosted;
 using testing::ElementsAre;
 using testing::ElementsAreArray;
 using testing::IsEmpty;
 
 typedef std::vector<std::string> Texts;
 
-inline constexpr char ProductKeyText[] =
-    "\\Registry\\Machine\\SOFTWARE\\WOW6432Node\\Orvane Works\\Hollowbay";
+inline constexpr char ProductKeyText[] = "\\Registry\\Machine\\SOFTWARE\\WOW6432Node\\Orvane Works\\Hollowbay";
 
 inline std::vector<UCHAR> BytesOf(WideView text)
 {
@@ -95,15 +94,9 @@ protected:
     {
         computer_.Registry().SetString(Machine::ProductKey, L"InstallFolder", path);
     }
-    void SetSandbox(WideView path)
-    {
-        computer_.Registry().SetString(Machine::ServiceKey, L"SandboxPath", path);
-    }
+    void SetSandbox(WideView path) { computer_.Registry().SetString(Machine::ServiceKey, L"SandboxPath", path); }
 
-    void Load()
-    {
-        ASSERT_EQ(computer_.LoadDriver(Image::Native), STATUS_SUCCESS);
-    }
+    void Load() { ASSERT_EQ(computer_.LoadDriver(Image::Native), STATUS_SUCCESS); }
     // The prints of the load that begin with one of the words, and the calls with the driver's name before them.
     Texts LoadPrints()
     {

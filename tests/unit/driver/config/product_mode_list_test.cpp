@@ -38,10 +38,7 @@ protected:
     {
         return {"[HBPL] HBFolder " + folder + "\n", "[HBPL] HBSubFolder " + folder + "\\*\n"};
     }
-    static bool IsIn(const Program& program)
-    {
-        return NT_SUCCESS(HBPLLookup(program.Id()));
-    }
+    static bool IsIn(const Program& program) { return NT_SUCCESS(HBPLLookup(program.Id())); }
     static std::string Inserted(const Program& program, const std::string& path)
     {
         return "[HBPL] Insert PID = " + std::to_string(program.ProcessId()) + " ProcName = " + path + "\n";
@@ -54,8 +51,8 @@ protected:
     size_t Patterns()
     {
         size_t count = 0;
-        WithLock(Global.ProductModeList.Lock, [&]() REQUIRES_LOCK(Global.ProductModeList.Lock)
-            { count = Global.ProductModeList.Settings.Count(); });
+        WithLock(Global.ProductModeList.Lock,
+            [&]() REQUIRES_LOCK(Global.ProductModeList.Lock) { count = Global.ProductModeList.Settings.Count(); });
         return count;
     }
 };
@@ -64,19 +61,18 @@ TEST_F(ProductModeList, BuiltBetweenTheSandboxFolderAndItsPrefix)
 {
     SetSandbox(Sandbox);
     const Texts prints = LoadPrints();
-    const Texts expected = Texts{"Tarnveil Driver Entry " + Narrow(Machine::ServiceKey) + "\n"} +
-                          Named({std::string("Failed to ZwOpenKey. Path = ") + ProductKeyText +
-                                 " NTStatus = c0000034\n"}) +
-                          Texts{"Tarnveil - OS Version: 0x06010000\n", "SandboxCryptKey Query c0000034\n",
-                              "SandboxPath \\Device\\HarddiskVolume1\\Bay\\S\n"} +
-                          Named(FolderTexts("\\Device\\HarddiskVolume1\\Bay") + PatternTexts) +
-                          // The process that every system lists and nobody can look up.
-                          Texts{"PsLookupProcessByProcessId Failed: 0xC000000DL, ProcessId = 0\n",
-                              "PrefixSandboxPath \\Device\\HarddiskVolume1\\Bay\\S\\\n",
-                              "Tarnveil - ZwQueryValueKey ValueName = ProtectionFiles NTStatus = c0000034\n",
-                              "Create NT Device \\Device\\Tarnveil\n",
-                              "Tarnveil - IoCreateSymbolicLink success \\DosDevices\\Tarnveil\n",
-                              "Tarnveil DriverEntry return 0\n"};
+    const Texts expected =
+        Texts{"Tarnveil Driver Entry " + Narrow(Machine::ServiceKey) + "\n"} +
+        Named({std::string("Failed to ZwOpenKey. Path = ") + ProductKeyText + " NTStatus = c0000034\n"}) +
+        Texts{"Tarnveil - OS Version: 0x06010000\n", "SandboxCryptKey Query c0000034\n",
+            "SandboxPath \\Device\\HarddiskVolume1\\Bay\\S\n"} +
+        Named(FolderTexts("\\Device\\HarddiskVolume1\\Bay") + PatternTexts) +
+        // The process that every system lists and nobody can look up.
+        Texts{"PsLookupProcessByProcessId Failed: 0xC000000DL, ProcessId = 0\n",
+            "PrefixSandboxPath \\Device\\HarddiskVolume1\\Bay\\S\\\n",
+            "Tarnveil - ZwQueryValueKey ValueName = ProtectionFiles NTStatus = c0000034\n",
+            "Create NT Device \\Device\\Tarnveil\n", "Tarnveil - IoCreateSymbolicLink success \\DosDevices\\Tarnveil\n",
+            "Tarnveil DriverEntry return 0\n"};
     EXPECT_EQ(prints, expected);
     EXPECT_TRUE(Global.ProductModeList.Built);
 }

@@ -15,10 +15,7 @@ const std::string OpenFailure = std::string("Failed to ZwOpenKey. Path = ") + Pr
 class ProductSettings : public ProductTest
 {
 protected:
-    void SetUp() override
-    {
-        Load();
-    }
+    void SetUp() override { Load(); }
 
     struct ModeAnswer
     {
@@ -39,10 +36,7 @@ protected:
         EXPECT_EQ(answer.Mode, mode);
         EXPECT_EQ(answer.Prints, Named(messages));
     }
-    void ExpectNoMode(NTSTATUS status, const Texts& messages)
-    {
-        ExpectMode(status, -1, messages);
-    }
+    void ExpectNoMode(NTSTATUS status, const Texts& messages) { ExpectMode(status, -1, messages); }
 
     void ExpectPath(NTSTATUS status, const std::string& path, const Texts& messages)
     {
@@ -89,7 +83,9 @@ TEST_F(ProductSettings, OnlyUnitsSixAndSevenAreLookedAt)
     SetType(L"      2@ and more");
     ExpectMode(STATUS_SUCCESS, 2, {"Decoded InstallerType =       2@ and more\n", "Installer Mode = 2\n"});
     // The first unit ends what is printed, not what is looked at.
-    SetType(WideView(L"\0\0\0\0\0\0" L"2@", 8));
+    SetType(WideView(L"\0\0\0\0\0\0"
+                     L"2@",
+        8));
     ExpectMode(STATUS_SUCCESS, 2, {"Decoded InstallerType = \n", "Installer Mode = 2\n"});
 }
 
@@ -98,8 +94,8 @@ TEST_F(ProductSettings, WithoutTheMagicCodeThereIsNoMode)
     SetType(L"ABCDEF1A");
     ExpectNoMode(STATUS_UNSUCCESSFUL, {"Decoded InstallerType = ABCDEF1A\n", "Invalid Magic Code = 0x0041\n"});
     SetType(L"ABCDEF1\x2603");
-    ExpectNoMode(STATUS_UNSUCCESSFUL,
-        {"Decoded InstallerType = ABCDEF1\xe2\x98\x83\n", "Invalid Magic Code = 0x2603\n"});
+    ExpectNoMode(
+        STATUS_UNSUCCESSFUL, {"Decoded InstallerType = ABCDEF1\xe2\x98\x83\n", "Invalid Magic Code = 0x2603\n"});
     // Too short a text reads as zeros there.
     SetType(L"ABCD");
     ExpectNoMode(STATUS_UNSUCCESSFUL, {"Decoded InstallerType = ABCD\n", "Invalid Magic Code = 0x0000\n"});
@@ -109,14 +105,15 @@ TEST_F(ProductSettings, TextThatDoesNotDecodeGivesNoMode)
 {
     SetType(L"ABCDEF0@");
     const stand_in::Answer answer(stand_in::Answer::FailBase64);
-    ExpectNoMode(STATUS_UNSUCCESSFUL, {std::string("Failed to Base64Decode. Path = ") + ProductKeyText +
-                                          " ValueName = InstallerType\n"});
+    ExpectNoMode(STATUS_UNSUCCESSFUL,
+        {std::string("Failed to Base64Decode. Path = ") + ProductKeyText + " ValueName = InstallerType\n"});
 }
 
 TEST_F(ProductSettings, UrlSafeCharactersDecodeLikeTheStandardOnes)
 {
     // 0xFBFF and 0xFFBF are "+/+/"-like groups when encoded.
-    WideString text = EncodeBase64(BytesOf(L"\xfffb\xfbff\xfffb" L"DEF0@"));
+    WideString text = EncodeBase64(BytesOf(L"\xfffb\xfbff\xfffb"
+                                           L"DEF0@"));
     ASSERT_NE(text.find(L'/'), WideString::npos);
     for (WCHAR& character : text)
     {
@@ -135,10 +132,8 @@ TEST_F(ProductSettings, WithoutTheKeyThereIsNeither)
 TEST_F(ProductSettings, WithoutTheValueThereIsNeither)
 {
     computer_.Registry().CreateKey(Machine::ProductKey);
-    ExpectNoMode(
-        STATUS_OBJECT_NAME_NOT_FOUND, {QueryFailure + " ValueName = InstallerType NTStatus = c0000034\n"});
-    ExpectPath(STATUS_OBJECT_NAME_NOT_FOUND, "",
-        {QueryFailure + " ValueName = InstallFolder NTStatus = c0000034\n"});
+    ExpectNoMode(STATUS_OBJECT_NAME_NOT_FOUND, {QueryFailure + " ValueName = InstallerType NTStatus = c0000034\n"});
+    ExpectPath(STATUS_OBJECT_NAME_NOT_FOUND, "", {QueryFailure + " ValueName = InstallFolder NTStatus = c0000034\n"});
 }
 
 TEST_F(ProductSettings, TypeThatIsNotBinaryIsRejected)
@@ -163,8 +158,8 @@ TEST_F(ProductSettings, TypeOfLessThanSixteenBytesIsRejected)
     for (size_t bytes = 1; bytes < 16; ++bytes)
     {
         SetTypeBytes(std::vector<UCHAR>(bytes, 'A'));
-        ExpectNoMode(STATUS_UNSUCCESSFUL,
-            {"(InstallerType) DataLength is too short. (size = " + std::to_string(bytes) + ")\n"});
+        ExpectNoMode(
+            STATUS_UNSUCCESSFUL, {"(InstallerType) DataLength is too short. (size = " + std::to_string(bytes) + ")\n"});
     }
 }
 
@@ -186,8 +181,7 @@ TEST_F(ProductSettings, ModeFailsStepByStep)
     ExpectNoMode(STATUS_INSUFFICIENT_RESOURCES, {OpenFailure + " NTStatus = c000009a\n"});
     ResetFailures();
     FailRoutine("ZwQueryValueKey", 1);
-    ExpectNoMode(
-        STATUS_INSUFFICIENT_RESOURCES, {QueryFailure + " ValueName = InstallerType NTStatus = c000009a\n"});
+    ExpectNoMode(STATUS_INSUFFICIENT_RESOURCES, {QueryFailure + " ValueName = InstallerType NTStatus = c000009a\n"});
     ResetFailures();
     // A value that is there but cannot be read has a status of its own.
     FailRoutine("ZwQueryValueKey", 2);
@@ -250,8 +244,8 @@ TEST_F(ProductSettings, PathFailsStepByStep)
     for (const uint64_t number : {1, 2})
     {
         FailRoutine("ZwQueryValueKey", number);
-        ExpectPath(STATUS_INSUFFICIENT_RESOURCES, "",
-            {QueryFailure + " ValueName = InstallFolder NTStatus = c000009a\n"});
+        ExpectPath(
+            STATUS_INSUFFICIENT_RESOURCES, "", {QueryFailure + " ValueName = InstallFolder NTStatus = c000009a\n"});
         ResetFailures();
     }
     FailRoutine("ExAllocatePoolWithTag", 1);

@@ -11,24 +11,17 @@ namespace
 class ProtectionFiles : public ProductTest
 {
 protected:
-    void SetUp() override
-    {
-        SetSandbox(L"\\Device\\HarddiskVolume1\\Sandbox");
-    }
+    void SetUp() override { SetSandbox(L"\\Device\\HarddiskVolume1\\Sandbox"); }
     void Store(const std::vector<UCHAR>& bytes, ULONG type = REG_MULTI_SZ)
     {
         computer_.Registry().SetValue(Machine::ServiceKey, L"ProtectionFiles", type, bytes);
     }
-    void StoreText(WideView text)
-    {
-        Store(BytesOf(text));
-    }
+    void StoreText(WideView text) { Store(BytesOf(text)); }
     // What the load prints between the prefix of the sandbox folder and the control device.
     Texts ReadingPrints()
     {
         const Texts prints = LoadPrints();
-        const auto begin =
-            std::ranges::find(prints, "PrefixSandboxPath \\Device\\HarddiskVolume1\\Sandbox\\\n");
+        const auto begin = std::ranges::find(prints, "PrefixSandboxPath \\Device\\HarddiskVolume1\\Sandbox\\\n");
         const auto end = std::ranges::find(prints, "Create NT Device \\Device\\Tarnveil\n");
         EXPECT_NE(begin, prints.end());
         EXPECT_NE(end, prints.end());
@@ -62,7 +55,8 @@ protected:
 
 TEST_F(ProtectionFiles, EachStringIsProtectedInOrder)
 {
-    EXPECT_THAT(ReadText(WideView(L"\\D\\one\0\\D\\two*\0three\0\0", 22)), ElementsAre("\\D\\one", "\\D\\two*", "three"));
+    EXPECT_THAT(
+        ReadText(WideView(L"\\D\\one\0\\D\\two*\0three\0\0", 22)), ElementsAre("\\D\\one", "\\D\\two*", "three"));
 }
 
 TEST_F(ProtectionFiles, TheListEndsAtItsFirstEmptyString)
@@ -117,8 +111,8 @@ TEST_F(ProtectionFiles, AValueWithoutDataIsRejected)
 
 TEST_F(ProtectionFiles, AMissingValueIsPrinted)
 {
-    EXPECT_THAT(ReadingPrints(),
-        ElementsAre("Tarnveil - ZwQueryValueKey ValueName = ProtectionFiles NTStatus = c0000034\n"));
+    EXPECT_THAT(
+        ReadingPrints(), ElementsAre("Tarnveil - ZwQueryValueKey ValueName = ProtectionFiles NTStatus = c0000034\n"));
 }
 
 // Queries of the load in order: the key's probe, the folder's probe and the folder, then the size and the data.

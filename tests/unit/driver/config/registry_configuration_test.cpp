@@ -13,7 +13,7 @@ extern "C" NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT driverObject, PUNICODE_STRI
 
 namespace
 {
-using namespace host;
+using namespace hosted;
 using testing::ElementsAre;
 using testing::ElementsAreArray;
 
@@ -195,8 +195,8 @@ TEST_F(RegistryConfiguration, FolderThatFitsTheProbeIsNotRead)
 TEST_F(RegistryConfiguration, ShortestFolderThatIsReadHasFourCharacters)
 {
     SetFolder(L"\\abc");
-    EXPECT_THAT(Load(), ElementsAre("SandboxCryptKey Query c0000034\n", "SandboxPath \\abc\n",
-                            "PrefixSandboxPath \\abc\\\n"));
+    EXPECT_THAT(
+        Load(), ElementsAre("SandboxCryptKey Query c0000034\n", "SandboxPath \\abc\n", "PrefixSandboxPath \\abc\\\n"));
     ExpectFolder("\\abc");
 }
 
@@ -220,20 +220,19 @@ TEST_F(RegistryConfiguration, FolderThatIsEmptyTextGivesABareBackslash)
 {
     const std::vector<UCHAR> zeros(10);
     Computer.Registry().SetBinary(Machine::ServiceKey, L"SandboxPath", zeros);
-    EXPECT_THAT(Load(),
-        ElementsAre("SandboxCryptKey Query c0000034\n", "SandboxPath \n", "PrefixSandboxPath \\\n"));
+    EXPECT_THAT(Load(), ElementsAre("SandboxCryptKey Query c0000034\n", "SandboxPath \n", "PrefixSandboxPath \\\n"));
     ExpectFolder("");
 }
 
 TEST_F(RegistryConfiguration, MissingServiceKeyIsSilent)
 {
     EXPECT_EQ(Computer.LoadDriver(DriverEntry, L"\\Registry\\Machine\\System\\None"), STATUS_SUCCESS);
-    EXPECT_THAT(DebugPrints(), ElementsAre("Tarnveil Driver Entry \\Registry\\Machine\\System\\None\n", "Tarnveil.sys: ",
-                                   "Failed to ZwOpenKey. Path = \\Registry\\Machine\\SOFTWARE\\WOW6432Node\\"
-                                   "Orvane Works\\Hollowbay NTStatus = c0000034\n",
-                                   "Tarnveil - OS Version: 0x06010000\n", "Create NT Device \\Device\\Tarnveil\n",
-                                   "Tarnveil - IoCreateSymbolicLink success \\DosDevices\\Tarnveil\n",
-                                   "Tarnveil DriverEntry return 0\n"));
+    EXPECT_THAT(DebugPrints(),
+        ElementsAre("Tarnveil Driver Entry \\Registry\\Machine\\System\\None\n", "Tarnveil.sys: ",
+            "Failed to ZwOpenKey. Path = \\Registry\\Machine\\SOFTWARE\\WOW6432Node\\"
+            "Orvane Works\\Hollowbay NTStatus = c0000034\n",
+            "Tarnveil - OS Version: 0x06010000\n", "Create NT Device \\Device\\Tarnveil\n",
+            "Tarnveil - IoCreateSymbolicLink success \\DosDevices\\Tarnveil\n", "Tarnveil DriverEntry return 0\n"));
     EXPECT_EQ(Narrow(View(Global.RegistryPath)), "\\Registry\\Machine\\System\\None");
     ExpectNoFolder();
 }
@@ -294,8 +293,7 @@ TEST_F(RegistryConfiguration, FailedAllocationStopsTheReadingThere)
 TEST_F(RegistryConfiguration, FailedAllocationOfThePrefixStopsTheReadingThere)
 {
     SetFolder(Folder);
-    const std::string protectionText =
-        "Tarnveil - ZwQueryValueKey ValueName = ProtectionFiles NTStatus = c0000034\n";
+    const std::string protectionText = "Tarnveil - ZwQueryValueKey ValueName = ProtectionFiles NTStatus = c0000034\n";
     size_t stops = 0;
     bool failed = true;
     for (uint64_t number = 4; failed; ++number)

@@ -13,8 +13,8 @@ namespace product_test
 {
 namespace
 {
-constexpr ULONG Types[] = {REG_NONE, REG_SZ, REG_EXPAND_SZ, REG_BINARY, REG_DWORD, 5, 6, REG_MULTI_SZ, 8, 9, 10, 11,
-    0xffffffff};
+constexpr ULONG Types[] = {
+    REG_NONE, REG_SZ, REG_EXPAND_SZ, REG_BINARY, REG_DWORD, 5, 6, REG_MULTI_SZ, 8, 9, 10, 11, 0xffffffff};
 constexpr size_t LongestValue = 64;
 
 // What fills a value: a byte for each place.
@@ -38,10 +38,7 @@ MachineOptions GuardedMachine()
 class RegistrySweep : public testing::Test
 {
 protected:
-    void TearDown() override
-    {
-        ResetFailures();
-    }
+    void TearDown() override { ResetFailures(); }
     // Calls body(type, bytes) for each value, which is set before.
     template <class Body>
     void ForEachValue(WideView key, WideView name, Body&& body)
@@ -106,8 +103,8 @@ TEST_F(RegistrySweep, CryptKey)
             EXPECT_THAT(Global.CryptKey, ElementsAreArray(key));
             EXPECT_EQ(Global.XorByte, isKey && bytes.size() != 25 ? bytes.back() : 0);
             const auto prints = computer_.DebugPrints();
-            EXPECT_THAT(prints, testing::Contains(
-                isRead ? "SandboxCryptKey Query 80000005\n" : "SandboxCryptKey Query 0\n"));
+            EXPECT_THAT(
+                prints, testing::Contains(isRead ? "SandboxCryptKey Query 80000005\n" : "SandboxCryptKey Query 0\n"));
             if (isRead && !isKey)
             {
                 EXPECT_THAT(prints, testing::Contains("KeyLength fail " + std::to_string(bytes.size() - 1) + "\n"));
@@ -197,8 +194,8 @@ TEST_F(RegistrySweep, InstallerType)
             EXPECT_EQ(status, STATUS_UNSUCCESSFUL);
             const bool isDecoded = type == REG_BINARY && bytes.size() >= 16;
             const auto prints = computer_.DebugPrints();
-            EXPECT_EQ(std::ranges::any_of(prints,
-                          [](const std::string& text) { return text.starts_with("Invalid Magic Code"); }),
+            EXPECT_EQ(std::ranges::any_of(
+                          prints, [](const std::string& text) { return text.starts_with("Invalid Magic Code"); }),
                 isDecoded);
             computer_.ClearDebugPrints();
         });

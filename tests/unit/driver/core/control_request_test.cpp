@@ -19,10 +19,7 @@ namespace
 class ControlRequest : public RequestTest
 {
 protected:
-    std::string Key() const
-    {
-        return std::string(reinterpret_cast<const char*>(Global.CryptKey), Global.KeyLength);
-    }
+    std::string Key() const { return std::string(reinterpret_cast<const char*>(Global.CryptKey), Global.KeyLength); }
 };
 
 TEST_F(ControlRequest, KeyOfAWrongLengthIsRefused)
@@ -236,8 +233,7 @@ TEST_F(ControlRequest, StartLoggingPrintsHandleAndFlags)
 {
     const HANDLE none = reinterpret_cast<HANDLE>(static_cast<ULONG_PTR>(0xabc0));
     EXPECT_FALSE(NT_SUCCESS(Agent->StartLogging(none, 0x4a)));
-    EXPECT_EQ(
-        DebugPrints().at(0), "Tarnveil - IOCTL_START_LOGGING: Handle = 000000000000ABC0 Flags = 0x0000004A\n");
+    EXPECT_EQ(DebugPrints().at(0), "Tarnveil - IOCTL_START_LOGGING: Handle = 000000000000ABC0 Flags = 0x0000004A\n");
     Computer.ClearDebugPrints();
     EXPECT_EQ(Agent->StopLogging(), STATUS_SUCCESS);
     EXPECT_EQ(DebugPrints().at(0), "Tarnveil - IOCTL_STOP_LOGGING\n");

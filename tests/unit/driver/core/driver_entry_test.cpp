@@ -18,13 +18,12 @@ extern "C" NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT driverObject, PUNICODE_STRI
 
 namespace
 {
-using namespace host;
+using namespace hosted;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::Not;
 
-const char EntryText[] =
-    "Tarnveil Driver Entry \\Registry\\Machine\\System\\CurrentControlSet\\Services\\Tarnveil\n";
+const char EntryText[] = "Tarnveil Driver Entry \\Registry\\Machine\\System\\CurrentControlSet\\Services\\Tarnveil\n";
 // The browser-mode list asks which product is installed; here there is none.
 const char DriverNameText[] = "Tarnveil.sys: ";
 const char ProductText[] = "Failed to ZwOpenKey. Path = \\Registry\\Machine\\SOFTWARE\\WOW6432Node\\Orvane "
@@ -80,8 +79,9 @@ TEST(DriverLoad, GoesOnWithoutANameCache)
     Machine machine;
     const stand_in::Answer answer(stand_in::Answer::FailCacheInitialization);
     ASSERT_EQ(machine.LoadDriver(DriverEntry), STATUS_SUCCESS);
-    EXPECT_THAT(DebugPrints(), ElementsAre(EntryText, "Tarnveil - CTInitialize(ProcessCache) failed: c0000001\n",
-                                   DriverNameText, ProductText, VersionText, KeyText, DeviceText, LinkText, ReturnText));
+    EXPECT_THAT(
+        DebugPrints(), ElementsAre(EntryText, "Tarnveil - CTInitialize(ProcessCache) failed: c0000001\n",
+                           DriverNameText, ProductText, VersionText, KeyText, DeviceText, LinkText, ReturnText));
 }
 
 TEST(DriverLoad, UnloadPrintsItsTwoTextsAndForgetsEverything)
@@ -104,8 +104,8 @@ TEST(DriverLoad, CanBeRepeated)
     {
         machine.ClearDebugPrints();
         EXPECT_EQ(machine.LoadDriver(DriverEntry), STATUS_SUCCESS);
-        EXPECT_THAT(DebugPrints(),
-            ElementsAre(EntryText, DriverNameText, ProductText, VersionText, KeyText, DeviceText, LinkText, ReturnText));
+        EXPECT_THAT(DebugPrints(), ElementsAre(EntryText, DriverNameText, ProductText, VersionText, KeyText, DeviceText,
+                                       LinkText, ReturnText));
         EXPECT_EQ(machine.UnloadDriver(), STATUS_SUCCESS);
     }
 }
@@ -221,9 +221,8 @@ TEST(DriverLoad, FailedFilterRegistrationFailsTheLoadAndUndoesNothing)
     const NTSTATUS status = machine.LoadDriver(DriverEntry);
     ResetFailures();
     EXPECT_FALSE(NT_SUCCESS(status));
-    EXPECT_THAT(DebugPrints(),
-        ElementsAre(EntryText, DriverNameText, ProductText, VersionText, KeyText, DeviceText, LinkText,
-                                   Hex("FltRegisterFilter fail %x\n", status)));
+    EXPECT_THAT(DebugPrints(), ElementsAre(EntryText, DriverNameText, ProductText, VersionText, KeyText, DeviceText,
+                                   LinkText, Hex("FltRegisterFilter fail %x\n", status)));
     EXPECT_NE(Global.ControlDevice, nullptr);
     EXPECT_NE(Global.RegistryPath.Buffer, nullptr);
     EXPECT_FALSE(IsProcessNotifyRegistered());
@@ -238,9 +237,8 @@ TEST(DriverLoad, SucceedsWithoutAnActiveFilterWhenFilteringDoesNotStart)
     FailRoutine("FltStartFiltering");
     EXPECT_EQ(machine.LoadDriver(DriverEntry), STATUS_SUCCESS);
     ResetFailures();
-    EXPECT_THAT(DebugPrints(),
-        ElementsAre(EntryText, DriverNameText, ProductText, VersionText, KeyText, DeviceText, LinkText,
-                                   "FltStartFiltering fail c000009a\n", ReturnText));
+    EXPECT_THAT(DebugPrints(), ElementsAre(EntryText, DriverNameText, ProductText, VersionText, KeyText, DeviceText,
+                                   LinkText, "FltStartFiltering fail c000009a\n", ReturnText));
     EXPECT_FALSE(HasInstance(machine.VolumeNamed(L"C:")));
     // The filter was unregistered, and must not be again.
     EXPECT_EQ(Global.Filter, nullptr);
@@ -273,8 +271,7 @@ TEST(DriverLoad, FailsWhenNeitherFilteringNorTheProcessRoutineStarts)
     EXPECT_FALSE(NT_SUCCESS(status));
     EXPECT_THAT(DebugPrints(),
         ElementsAre(EntryText, DriverNameText, ProductText, VersionText, KeyText, DeviceText, LinkText,
-            "FltStartFiltering fail c000009a\n",
-            Hex("Tarnveil - PsSetCreateProcessNotifyRoutineEx - %08x\n", status),
+            "FltStartFiltering fail c000009a\n", Hex("Tarnveil - PsSetCreateProcessNotifyRoutineEx - %08x\n", status),
             Hex("Tarnveil DriverEntry return %x\n", status)));
     UnloadWithoutFilter();
     EXPECT_EQ(LivePoolAllocations(), 0u) << DescribeLivePool();
@@ -288,10 +285,9 @@ TEST(DriverLoad, FailedProcessRoutineFailsTheLoadAlthoughFilteringRuns)
     const NTSTATUS status = machine.LoadDriver(DriverEntry);
     ResetFailures();
     EXPECT_FALSE(NT_SUCCESS(status));
-    EXPECT_THAT(DebugPrints(),
-        ElementsAre(EntryText, DriverNameText, ProductText, VersionText, KeyText, DeviceText, LinkText,
-            Hex("Tarnveil - PsSetCreateProcessNotifyRoutineEx - %08x\n", status),
-            Hex("Tarnveil DriverEntry return %x\n", status)));
+    EXPECT_THAT(DebugPrints(), ElementsAre(EntryText, DriverNameText, ProductText, VersionText, KeyText, DeviceText,
+                                   LinkText, Hex("Tarnveil - PsSetCreateProcessNotifyRoutineEx - %08x\n", status),
+                                   Hex("Tarnveil DriverEntry return %x\n", status)));
     EXPECT_NE(Global.Filter, nullptr);
     EXPECT_FALSE(IsProcessNotifyRegistered());
     machine.AbandonDriver();
@@ -308,15 +304,14 @@ TEST(DriverLoad, UnloadGoesOnWhenTheProcessRoutineRefusesRemoval)
     const std::vector<std::string> prints = DebugPrints();
     ASSERT_EQ(prints.size(), 3u);
     EXPECT_EQ(prints[0], "Tarnveil Unload\n");
-    EXPECT_THAT(prints[1],
-        testing::MatchesRegex("Tarnveil - PsSetCreateProcessNotifyRoutineEx - c[0-9a-f]*\n"));
+    EXPECT_THAT(prints[1], testing::MatchesRegex("Tarnveil - PsSetCreateProcessNotifyRoutineEx - c[0-9a-f]*\n"));
     EXPECT_EQ(prints[2], "Tarnveil Unload STATUS_SUCCESS\n");
     EXPECT_TRUE(IsProcessNotifyRegistered());
     EXPECT_EQ(Global.ControlDevice, nullptr);
     ResetNotifyRoutines();
 }
 
-TEST(DriverLoad, AttachesToDiskFileSystemsOnly)
+TEST(DriverLoad, AttachesToStoreFileSystemsOnly)
 {
     EXPECT_EQ(InstanceSetup(nullptr, 0, FILE_DEVICE_DISK_FILE_SYSTEM, FLT_FSTYPE_NTFS), STATUS_SUCCESS);
     for (DEVICE_TYPE kind : {FILE_DEVICE_NETWORK_FILE_SYSTEM, FILE_DEVICE_CD_ROM_FILE_SYSTEM, FILE_DEVICE_DISK})

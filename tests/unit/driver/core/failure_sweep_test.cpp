@@ -14,7 +14,7 @@
 
 namespace
 {
-using namespace host;
+using namespace hosted;
 using testing::AnyOf;
 using testing::Contains;
 using testing::StartsWith;
@@ -171,8 +171,7 @@ protected:
     }
     void SweepAdd(const ProcessNameSettingList& list, ControlAnswer (ControlClient::*add)(WideView) const)
     {
-        Sweep([&] { return ((*Agent).*add)(L"C:\\New.exe").Status; },
-            {0, 0xC00000A0, 0xC000009A, 0xC000000D},
+        Sweep([&] { return ((*Agent).*add)(L"C:\\New.exe").Status; }, {0, 0xC00000A0, 0xC000009A, 0xC000000D},
             [&list](NTSTATUS status)
             {
                 const UNICODE_STRING path = Counted(L"C:\\New.exe");
@@ -247,8 +246,7 @@ TEST_F(RequestFailureSweep, SetCryptKey)
 
 TEST_F(RequestFailureSweep, SetEncryption)
 {
-    Sweep([this] { return Agent->SetEncryption(0); }, {0},
-        [](NTSTATUS) { EXPECT_EQ(Global.EncryptionEnabled, 0u); });
+    Sweep([this] { return Agent->SetEncryption(0); }, {0}, [](NTSTATUS) { EXPECT_EQ(Global.EncryptionEnabled, 0u); });
     EXPECT_GT(Swept, 0u);
 }
 

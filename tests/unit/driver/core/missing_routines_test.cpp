@@ -15,7 +15,7 @@
 
 namespace
 {
-using namespace host;
+using namespace hosted;
 using testing::ExitedWithCode;
 using testing::HasSubstr;
 
@@ -25,14 +25,8 @@ const char NoSystemQuery[] = "[DlExtFunc] Cannot resolve ZwQuerySystemInformatio
 class MissingRoutines : public testing::TestWithParam<SystemModel>
 {
 protected:
-    void SetUp() override
-    {
-        GTEST_FLAG_SET(death_test_style, "threadsafe");
-    }
-    void TearDown() override
-    {
-        GTEST_FLAG_SET(death_test_style, "fast");
-    }
+    void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+    void TearDown() override { GTEST_FLAG_SET(death_test_style, "fast"); }
     static std::string EntryPrints(const std::string& unresolved)
     {
         char version[60];
@@ -87,10 +81,10 @@ TEST_P(MissingRoutines, AllOfThemArePrintedAndTheLoadSucceeds)
 
 TEST_P(MissingRoutines, EachIsPrintedAlone)
 {
-    EXPECT_EXIT(LoadAndTell(GetParam(), {L"ZwQueryInformationProcess", L"NtQuerySystemInformation"}),
-        ExitedWithCode(0), HasSubstr("<" + EntryPrints(NoProcessQuery) + ">"));
-    EXPECT_EXIT(LoadAndTell(GetParam(), {L"ZwQuerySystemInformation", L"NtQuerySystemInformation"}),
-        ExitedWithCode(0), HasSubstr("<" + EntryPrints(NoSystemQuery) + ">"));
+    EXPECT_EXIT(LoadAndTell(GetParam(), {L"ZwQueryInformationProcess", L"NtQuerySystemInformation"}), ExitedWithCode(0),
+        HasSubstr("<" + EntryPrints(NoProcessQuery) + ">"));
+    EXPECT_EXIT(LoadAndTell(GetParam(), {L"ZwQuerySystemInformation", L"NtQuerySystemInformation"}), ExitedWithCode(0),
+        HasSubstr("<" + EntryPrints(NoSystemQuery) + ">"));
 }
 
 TEST_P(MissingRoutines, WithoutThePoolQuestionTheDriverZeroesItself)
@@ -126,8 +120,8 @@ TEST_P(MissingRoutines, WithoutThePoolQuestionTheDriverZeroesItself)
 TEST_P(MissingRoutines, AreLookedUpAgainWhenTheyAreNeeded)
 {
     EXPECT_EXIT(QueryBeforeAndAfterTheyAppear(GetParam()), ExitedWithCode(0),
-        HasSubstr(std::string("<") + NoProcessQuery + NoSystemQuery + NoProcessQuery + NoProcessQuery +
-                  NoSystemQuery + ">"));
+        HasSubstr(
+            std::string("<") + NoProcessQuery + NoSystemQuery + NoProcessQuery + NoProcessQuery + NoSystemQuery + ">"));
 }
 
 TEST_P(MissingRoutines, SettingWithoutTheProcessListIsNotAdded)

@@ -13,7 +13,7 @@
 
 namespace request_test
 {
-using namespace host;
+using namespace hosted;
 using testing::ElementsAre;
 using testing::IsEmpty;
 

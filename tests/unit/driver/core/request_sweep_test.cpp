@@ -17,7 +17,7 @@ namespace request_sweep_test
 {
 namespace
 {
-using namespace host;
+using namespace hosted;
 
 std::string Bytes(WideView text)
 {
@@ -111,10 +111,7 @@ protected:
     }
 
     // Whether a program can be answered in that buffer. What the driver gets is null when there are no bytes.
-    static bool IsWritable(OutputBuffer kind)
-    {
-        return kind == OutputBuffer::Ordinary || kind == OutputBuffer::Exact;
-    }
+    static bool IsWritable(OutputBuffer kind) { return kind == OutputBuffer::Ordinary || kind == OutputBuffer::Exact; }
 
     // What the request must answer; every check that nothing has changed that should not have is made here too.
     void Judge(const RequestCase& request, const std::string& input, ULONG output, OutputBuffer kind,
@@ -157,8 +154,8 @@ protected:
         JudgeOthers(request, input, output, writable, result);
     }
 
-    void JudgeOthers(const RequestCase& request, const std::string& input, ULONG output, bool writable,
-        const ControlResult& result)
+    void JudgeOthers(
+        const RequestCase& request, const std::string& input, ULONG output, bool writable, const ControlResult& result)
     {
         const NTSTATUS status = result.Status;
         switch (request.Code)
@@ -210,8 +207,7 @@ protected:
         }
         else if (output < 4)
         {
-            EXPECT_TRUE(IsOneOf(result.Status,
-                {STATUS_BUFFER_TOO_SMALL, STATUS_INVALID_PARAMETER}));
+            EXPECT_TRUE(IsOneOf(result.Status, {STATUS_BUFFER_TOO_SMALL, STATUS_INVALID_PARAMETER}));
         }
         else if (!writable)
         {
@@ -221,9 +217,9 @@ protected:
         {
             EXPECT_EQ(result.Status, output < 8 ? STATUS_BUFFER_TOO_SMALL : STATUS_SUCCESS);
             EXPECT_EQ(result.Output.substr(0, 4), Word(1));
-            EXPECT_EQ(result.Output.substr(4),
-                output < 8 ? std::string(output - 4, '\xee')
-                           : Word(editor_->ProcessId()) + std::string(output - 8, '\xee'));
+            EXPECT_EQ(result.Output.substr(4), output < 8
+                                                   ? std::string(output - 4, '\xee')
+                                                   : Word(editor_->ProcessId()) + std::string(output - 8, '\xee'));
         }
     }
 
@@ -302,8 +298,8 @@ TEST_F(RequestSweep, PathsWithoutATerminatorEndWithTheInput)
     const std::string protection = Word(100) + Bytes(L"C:\\bare.txt");
     const ControlResult first = agent_->DeviceControl(IOCTL_ADD_FILE_PROTECTION, protection, 4);
     EXPECT_EQ(first.Status, STATUS_SUCCESS);
-    EXPECT_EQ(agent_->DeviceControl(IOCTL_ADD_FILE_PROTECTION, protection + std::string(2, '\0'), 4).Output,
-        first.Output);
+    EXPECT_EQ(
+        agent_->DeviceControl(IOCTL_ADD_FILE_PROTECTION, protection + std::string(2, '\0'), 4).Output, first.Output);
     FileProtection* found = nullptr;
     ASSERT_EQ(GetFileProtectionAt(0, &found), STATUS_SUCCESS);
     EXPECT_EQ(Narrow(View(found->Path)), "\\Device\\HarddiskVolume1\\bare.txt");
@@ -338,8 +334,7 @@ TEST_F(RequestSweep, PathsBeyondACountedLength)
             for (const ULONG code : {IOCTL_ADD_PARENT_PROCESS, IOCTL_ADD_PROCESS, IOCTL_ADD_EXC_PROCESS})
             {
                 const NTSTATUS status = agent_->DeviceControl(code, bytes, 4).Status;
-                EXPECT_TRUE(IsOneOf(status,
-                    {STATUS_SUCCESS, STATUS_INVALID_PARAMETER, STATUS_INSUFFICIENT_RESOURCES}))
+                EXPECT_TRUE(IsOneOf(status, {STATUS_SUCCESS, STATUS_INVALID_PARAMETER, STATUS_INSUFFICIENT_RESOURCES}))
                     << std::hex << status;
             }
             EXPECT_TRUE(IsOneOf(agent_->DeviceControl(IOCTL_ADD_FILE_PROTECTION, Word(100) + bytes, 4).Status,

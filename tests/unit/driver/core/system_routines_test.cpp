@@ -11,7 +11,7 @@
 
 namespace
 {
-using namespace host;
+using namespace hosted;
 using testing::ElementsAre;
 using testing::ElementsAreArray;
 using testing::IsEmpty;
@@ -46,14 +46,8 @@ protected:
         EXPECT_EQ(LivePoolAllocations(), Allocations) << DescribeLivePool();
     }
 
-    bool OfProcess() const
-    {
-        return GetParam() == Wrapper::OfProcess;
-    }
-    const char* Routine() const
-    {
-        return OfProcess() ? "ZwQueryInformationProcess" : "ZwQuerySystemInformation";
-    }
+    bool OfProcess() const { return GetParam() == Wrapper::OfProcess; }
+    const char* Routine() const { return OfProcess() ? "ZwQueryInformationProcess" : "ZwQuerySystemInformation"; }
     // What the wrapper under test prints: the first text or the second.
     std::string Text(const std::string& ofProcess, const std::string& ofSystem) const
     {
@@ -117,8 +111,9 @@ TEST_P(SizeProbe, SlotInUseIsInvalidAndKept)
     EXPECT_EQ(Slot, &taken);
     Slot = nullptr;
     EXPECT_THAT(Lengths, IsEmpty());
-    EXPECT_THAT(DebugPrints(), ElementsAre(Text("[DlExtFunc] QueryInformationProcess : ProcessInformationLength is zero.\n",
-                                   "[DlExtFunc] QuerySystemInformation : SystemInformationLength is zero.\n")));
+    EXPECT_THAT(
+        DebugPrints(), ElementsAre(Text("[DlExtFunc] QueryInformationProcess : ProcessInformationLength is zero.\n",
+                           "[DlExtFunc] QuerySystemInformation : SystemInformationLength is zero.\n")));
 }
 
 TEST_P(SizeProbe, OnlyALengthMismatchIsRetried)
@@ -132,9 +127,9 @@ TEST_P(SizeProbe, OnlyALengthMismatchIsRetried)
         EXPECT_THAT(Lengths, ElementsAre(0));
         char status[16];
         snprintf(status, sizeof(status), "%08X", refusal);
-        EXPECT_THAT(DebugPrints(), ElementsAre(Text(
-            std::string("[DlExtFunc] QueryInformationProcess failed : non-mismatch ") + status + "\n",
-            std::string("[DlExtFunc] QuerySystemInformation failed : non-mismatch ") + status + "\n")));
+        EXPECT_THAT(DebugPrints(),
+            ElementsAre(Text(std::string("[DlExtFunc] QueryInformationProcess failed : non-mismatch ") + status + "\n",
+                std::string("[DlExtFunc] QuerySystemInformation failed : non-mismatch ") + status + "\n")));
     }
 }
 
@@ -144,9 +139,9 @@ TEST_P(SizeProbe, RequiredLengthOfZeroEndsTheQuery)
     EXPECT_EQ(Query(), STATUS_INSUFFICIENT_RESOURCES);
     EXPECT_EQ(Slot, nullptr);
     EXPECT_THAT(Lengths, ElementsAre(0));
-    EXPECT_THAT(DebugPrints(), ElementsAre(Text(
-        "[DlExtFunc] QueryInformationProcess : the size of buffer required is zero.\n",
-        "[DlExtFunc] QuerySystemInformation : the size of buffer required is zero.\n")));
+    EXPECT_THAT(
+        DebugPrints(), ElementsAre(Text("[DlExtFunc] QueryInformationProcess : the size of buffer required is zero.\n",
+                           "[DlExtFunc] QuerySystemInformation : the size of buffer required is zero.\n")));
 }
 
 TEST_P(SizeProbe, NoMemoryEndsTheQuery)
@@ -154,9 +149,8 @@ TEST_P(SizeProbe, NoMemoryEndsTheQuery)
     FailRoutine("ExAllocatePoolWithTag");
     EXPECT_EQ(Query(), STATUS_INSUFFICIENT_RESOURCES);
     EXPECT_EQ(Slot, nullptr);
-    EXPECT_THAT(DebugPrints(), ElementsAre(Text(
-        "[DlExtFunc] QueryInformationProcess : resource allocation error\n",
-        "[DlExtFunc] QuerySystemInformation : resource allocation error\n")));
+    EXPECT_THAT(DebugPrints(), ElementsAre(Text("[DlExtFunc] QueryInformationProcess : resource allocation error\n",
+                                   "[DlExtFunc] QuerySystemInformation : resource allocation error\n")));
 }
 
 TEST_P(SizeProbe, NoMemoryForALargerBufferFreesTheSmaller)
@@ -165,9 +159,8 @@ TEST_P(SizeProbe, NoMemoryForALargerBufferFreesTheSmaller)
     FailRoutine("ExAllocatePoolWithTag", 2);
     EXPECT_EQ(Query(), STATUS_INSUFFICIENT_RESOURCES);
     EXPECT_EQ(Slot, nullptr);
-    EXPECT_THAT(DebugPrints(), ElementsAre(Text(
-        "[DlExtFunc] QueryInformationProcess : resource allocation error\n",
-        "[DlExtFunc] QuerySystemInformation : resource allocation error\n")));
+    EXPECT_THAT(DebugPrints(), ElementsAre(Text("[DlExtFunc] QueryInformationProcess : resource allocation error\n",
+                                   "[DlExtFunc] QuerySystemInformation : resource allocation error\n")));
 }
 
 TEST_P(SizeProbe, AnswerThatKeepsGrowingIsAskedForAgain)
@@ -197,9 +190,8 @@ TEST_P(SizeProbe, FailureOfALaterQueryFreesTheBuffer)
     EXPECT_EQ(InjectedFailures(), 1u);
     EXPECT_EQ(Slot, nullptr);
     EXPECT_EQ(LivePoolAllocations(), Allocations);
-    EXPECT_THAT(DebugPrints(), ElementsAre(Text(
-        "[DlExtFunc] QueryInformationProcess failed : non-mismatch C000009A\n",
-        "[DlExtFunc] QuerySystemInformation failed : non-mismatch C000009A\n")));
+    EXPECT_THAT(DebugPrints(), ElementsAre(Text("[DlExtFunc] QueryInformationProcess failed : non-mismatch C000009A\n",
+                                   "[DlExtFunc] QuerySystemInformation failed : non-mismatch C000009A\n")));
 }
 
 TEST_P(SizeProbe, AnswerThatNeedsNoBufferIsASuccessWithoutOne)
@@ -219,8 +211,8 @@ TEST(SystemQueries, ProcessQueryGivesTheImageName)
     InitializePoolPolicy();
     Program app = machine.StartProcess(L"C:\\Apps\\Editor.exe");
     PUNICODE_STRING name = nullptr;
-    ASSERT_EQ(app.As([&] { return QueryInformationProcess(reinterpret_cast<HANDLE>(LONG_PTR{-1}), &name); }),
-        STATUS_SUCCESS);
+    ASSERT_EQ(
+        app.As([&] { return QueryInformationProcess(reinterpret_cast<HANDLE>(LONG_PTR{-1}), &name); }), STATUS_SUCCESS);
     EXPECT_EQ(Narrow(View(*name)), "\\Device\\HarddiskVolume1\\Apps\\Editor.exe");
     FreePool(name);
 }
@@ -243,8 +235,8 @@ TEST(SystemQueries, SystemQueryGivesEveryProcessWithItsParent)
         {
             break;
         }
-        record = reinterpret_cast<PSYSTEM_PROCESS_INFORMATION>(
-            reinterpret_cast<PUCHAR>(record) + record->NextEntryOffset);
+        record =
+            reinterpret_cast<PSYSTEM_PROCESS_INFORMATION>(reinterpret_cast<PUCHAR>(record) + record->NextEntryOffset);
     }
     EXPECT_THAT(seen, testing::Contains(std::to_string(child.ProcessId()) + " of " +
                                         std::to_string(parent.ProcessId()) + " Child.exe"));

@@ -26,10 +26,7 @@ protected:
         }
         SelectCipherFamily(GetParam());
     }
-    void TearDown() override
-    {
-        SelectCipherFamily(CipherFamily::Portable);
-    }
+    void TearDown() override { SelectCipherFamily(CipherFamily::Portable); }
 
     static std::string Encipher(const std::string& key, const std::string& plain)
     {
@@ -136,9 +133,7 @@ TEST_P(BlockCipher, RefusesOtherKeyLengthsAndLeavesTheScheduleAlone)
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Families, BlockCipher,
-                         testing::Values(CipherFamily::Portable, CipherFamily::Instructions),
-                         [](const auto& info)
-                         { return info.param == CipherFamily::Portable ? "Portable" : "Instructions"; });
+INSTANTIATE_TEST_SUITE_P(Families, BlockCipher, testing::Values(CipherFamily::Portable, CipherFamily::Instructions),
+    [](const auto& info) { return info.param == CipherFamily::Portable ? "Portable" : "Instructions"; });
 }
 }

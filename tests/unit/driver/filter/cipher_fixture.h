@@ -17,7 +17,7 @@
 
 namespace cipher_test
 {
-using namespace host;
+using namespace hosted;
 
 constexpr UCHAR Mask = 0xa5;
 
@@ -29,12 +29,9 @@ struct Fault
     uint64_t Number;
     bool AfterMdl;
 };
-inline constexpr Fault SwapFaults[] = {{"FltGetStreamContext", 1, false},
-                                       {"MmMapLockedPagesSpecifyCache", 1, false},
-                                       {"FltAllocatePoolAlignedWithTag", 1, false},
-                                       {"ExAllocatePoolWithTag", 1, false},
-                                       {"IoAllocateMdl", 1, false},
-                                       {"ExAllocatePoolWithTag", 2, true}};
+inline constexpr Fault SwapFaults[] = {{"FltGetStreamContext", 1, false}, {"MmMapLockedPagesSpecifyCache", 1, false},
+    {"FltAllocatePoolAlignedWithTag", 1, false}, {"ExAllocatePoolWithTag", 1, false}, {"IoAllocateMdl", 1, false},
+    {"ExAllocatePoolWithTag", 2, true}};
 
 inline bool wantContext = true;
 inline PFLT_INSTANCE lastInstance = nullptr;
@@ -45,17 +42,15 @@ inline FLT_PREOP_CALLBACK_STATUS NTAPI PermitCreate(PFLT_CALLBACK_DATA, PCFLT_RE
     return wantContext ? FLT_PREOP_SUCCESS_WITH_CALLBACK : FLT_PREOP_SUCCESS_NO_CALLBACK;
 }
 
-inline NTSTATUS NTAPI RememberInstance(PCFLT_RELATED_OBJECTS objects, FLT_INSTANCE_SETUP_FLAGS, DEVICE_TYPE,
-                                       FLT_FILESYSTEM_TYPE)
+inline NTSTATUS NTAPI RememberInstance(
+    PCFLT_RELATED_OBJECTS objects, FLT_INSTANCE_SETUP_FLAGS, DEVICE_TYPE, FLT_FILESYSTEM_TYPE)
 {
     lastInstance = objects->Instance;
     return STATUS_SUCCESS;
 }
 
-inline const FLT_OPERATION_REGISTRATION cipherOperations[] = {
-    {IRP_MJ_CREATE, 0, PermitCreate, PostCreate, nullptr},
-    {IRP_MJ_WRITE, 0, PreWrite, PostWrite, nullptr},
-    {IRP_MJ_READ, 0, PreRead, PostRead, nullptr},
+inline const FLT_OPERATION_REGISTRATION cipherOperations[] = {{IRP_MJ_CREATE, 0, PermitCreate, PostCreate, nullptr},
+    {IRP_MJ_WRITE, 0, PreWrite, PostWrite, nullptr}, {IRP_MJ_READ, 0, PreRead, PostRead, nullptr},
     {IRP_MJ_SET_INFORMATION, 0, PreSetInformation, PostSetInformation, nullptr},
     {IRP_MJ_OPERATION_END, 0, nullptr, nullptr, nullptr}};
 
@@ -108,10 +103,7 @@ protected:
     }
 
     // What the file system says of the stream.
-    void SetSize(LONGLONG size)
-    {
-        files_->Stream.FileSize.QuadPart = size;
-    }
+    void SetSize(LONGLONG size) { files_->Stream.FileSize.QuadPart = size; }
 
     PFILE_OBJECT OpenStream(ULONG options = 0)
     {
@@ -168,8 +160,8 @@ protected:
         char* data = nullptr;
         if (transfer)
         {
-            data = static_cast<char*>(write.MdlAddress != nullptr ? MdlSystemAddress(write.MdlAddress)
-                                                                  : write.WriteBuffer);
+            data = static_cast<char*>(
+                write.MdlAddress != nullptr ? MdlSystemAddress(write.MdlAddress) : write.WriteBuffer);
             seenBuffer_ = data;
             seenLength_ = write.Length;
         }

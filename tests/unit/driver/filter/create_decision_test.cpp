@@ -30,8 +30,7 @@ protected:
         block.TargetFileObject = file_;
         block.TargetInstance = lastInstance;
         ShownOperation shown{ShownSignature, lastInstance, block,
-                             {FLTFL_CALLBACK_DATA_IRP_OPERATION, AsThread(CurrentThread()), &shown.Block, {}, nullptr,
-                              {}, UserMode}};
+            {FLTFL_CALLBACK_DATA_IRP_OPERATION, AsThread(CurrentThread()), &shown.Block, {}, nullptr, {}, UserMode}};
         shown.Data.IoStatus.Information = 7;
         const FLT_RELATED_OBJECTS related = RelatedObjects(lastInstance, file_);
         PVOID context = nullptr;

@@ -47,21 +47,21 @@ TEST_F(CreateTrace, ADeniedProgramIsTracedOnDemand)
     EXPECT_THAT(PrintsOf([&] { EXPECT_EQ(agent.Create(Plan).Status(), STATUS_ACCESS_DENIED); }), testing::IsEmpty());
     Global.VerboseTrace = TRUE;
     EXPECT_THAT(PrintsOf([&] { EXPECT_EQ(agent.Create(Plan).Status(), STATUS_ACCESS_DENIED); }),
-                testing::ElementsAre("Tarnveil - PID(" + std::to_string(agent.ProcessId()) +
-                                     ") IRP = CREATE Ope = PRE status = ACCESS_DENIED path = " + PlanPath + "\n"));
+        testing::ElementsAre("Tarnveil - PID(" + std::to_string(agent.ProcessId()) +
+                             ") IRP = CREATE Ope = PRE status = ACCESS_DENIED path = " + PlanPath + "\n"));
 }
 
 TEST_F(CreateTrace, APermittedOpenAndADenialForWantOfAKeyAreNotTraced)
 {
     Global.VerboseTrace = TRUE;
-    EXPECT_THAT(PrintsOf([&] { EXPECT_EQ(scenario_->Editor->Create(Plan).Status(), STATUS_SUCCESS); }),
-                testing::IsEmpty());
+    EXPECT_THAT(
+        PrintsOf([&] { EXPECT_EQ(scenario_->Editor->Create(Plan).Status(), STATUS_SUCCESS); }), testing::IsEmpty());
     const ULONG keyLength = Global.KeyLength;
     Global.KeyLength = 0;
-    EXPECT_THAT(PrintsOf([&] { EXPECT_EQ(scenario_->Editor->Open(Plan).Status(), STATUS_ACCESS_DENIED); }),
-                testing::IsEmpty());
-    EXPECT_THAT(PrintsOf([&] { EXPECT_EQ(scenario_->Agent->Open(Plan).Status(), STATUS_ACCESS_DENIED); }),
-                testing::IsEmpty())
+    EXPECT_THAT(
+        PrintsOf([&] { EXPECT_EQ(scenario_->Editor->Open(Plan).Status(), STATUS_ACCESS_DENIED); }), testing::IsEmpty());
+    EXPECT_THAT(
+        PrintsOf([&] { EXPECT_EQ(scenario_->Agent->Open(Plan).Status(), STATUS_ACCESS_DENIED); }), testing::IsEmpty())
         << "the key is asked for first";
     Global.KeyLength = keyLength;
 }

@@ -14,7 +14,7 @@ protected:
     {
         Shown(UCHAR major, PFILE_OBJECT file, ULONG irpFlags, KPROCESSOR_MODE mode, const FLT_PARAMETERS& parameters)
             : Operation{ShownSignature, lastInstance, {},
-                        {FLTFL_CALLBACK_DATA_IRP_OPERATION, nullptr, &Operation.Block, {}, nullptr, {}, mode}},
+                  {FLTFL_CALLBACK_DATA_IRP_OPERATION, nullptr, &Operation.Block, {}, nullptr, {}, mode}},
               Related(RelatedObjects(lastInstance, file))
         {
             Operation.Block.MajorFunction = major;
@@ -27,22 +27,16 @@ protected:
         Shown(const Shown&) = delete;
         Shown& operator=(const Shown&) = delete;
 
-        bool Dirty() const
-        {
-            return (Operation.Data.Flags & FLTFL_CALLBACK_DATA_DIRTY) != 0;
-        }
-        FLT_PARAMETERS& Parameters()
-        {
-            return Operation.Block.Parameters;
-        }
+        bool Dirty() const { return (Operation.Data.Flags & FLTFL_CALLBACK_DATA_DIRTY) != 0; }
+        FLT_PARAMETERS& Parameters() { return Operation.Block.Parameters; }
 
         ShownOperation Operation;
         FLT_RELATED_OBJECTS Related;
         PVOID Context = nullptr;
     };
 
-    static Shown Write(PFILE_OBJECT file, void* buffer, LONGLONG offset, ULONG length,
-                       KPROCESSOR_MODE mode = KernelMode)
+    static Shown Write(
+        PFILE_OBJECT file, void* buffer, LONGLONG offset, ULONG length, KPROCESSOR_MODE mode = KernelMode)
     {
         FLT_PARAMETERS parameters{};
         parameters.Write.WriteBuffer = buffer;
@@ -99,10 +93,10 @@ TEST_F(IoLimits, AboveApcLevelEverythingPassesUnchanged)
         EXPECT_EQ(PreWrite(&write.Operation.Data, &write.Related, &write.Context), FLT_PREOP_SUCCESS_NO_CALLBACK);
         EXPECT_EQ(PreWrite(&cached.Operation.Data, &cached.Related, &cached.Context), FLT_PREOP_SUCCESS_NO_CALLBACK);
         EXPECT_EQ(PreRead(&read.Operation.Data, &read.Related, &read.Context), FLT_PREOP_SUCCESS_NO_CALLBACK);
-        EXPECT_EQ(PreSetInformation(&change.Operation.Data, &change.Related, &change.Context),
-                  FLT_PREOP_SUCCESS_NO_CALLBACK);
-        EXPECT_EQ(PostSetInformation(&change.Operation.Data, &change.Related, nullptr, 0),
-                  FLT_POSTOP_FINISHED_PROCESSING);
+        EXPECT_EQ(
+            PreSetInformation(&change.Operation.Data, &change.Related, &change.Context), FLT_PREOP_SUCCESS_NO_CALLBACK);
+        EXPECT_EQ(
+            PostSetInformation(&change.Operation.Data, &change.Related, nullptr, 0), FLT_POSTOP_FINISHED_PROCESSING);
     }
     ExpectUntouched(write, page_, 512);
     ExpectUntouched(read, page_, 512);
@@ -130,12 +124,12 @@ TEST_F(IoLimits, AtApcLevelTransfersAreSwappedAsBelow)
 TEST_F(IoLimits, OnlyAnEndOfFileChangeIsFollowed)
 {
     PFILE_OBJECT file = OpenStream();
-    for (const FILE_INFORMATION_CLASS kind : {FileEndOfFileInformation, FileAllocationInformation,
-                                              FileValidDataLengthInformation, FileBasicInformation})
+    for (const FILE_INFORMATION_CLASS kind :
+        {FileEndOfFileInformation, FileAllocationInformation, FileValidDataLengthInformation, FileBasicInformation})
     {
         Shown change = Change(file, kind);
         EXPECT_EQ(PreSetInformation(&change.Operation.Data, &change.Related, &change.Context),
-                  kind == FileEndOfFileInformation ? FLT_PREOP_SUCCESS_WITH_CALLBACK : FLT_PREOP_SUCCESS_NO_CALLBACK)
+            kind == FileEndOfFileInformation ? FLT_PREOP_SUCCESS_WITH_CALLBACK : FLT_PREOP_SUCCESS_NO_CALLBACK)
             << kind;
     }
 }
@@ -145,8 +139,8 @@ TEST_F(IoLimits, AnEndOfFileChangeOfAStreamWithoutAContextIsNotFollowed)
     wantContext = false;
     PFILE_OBJECT file = OpenStream();
     Shown change = Change(file, FileEndOfFileInformation);
-    EXPECT_EQ(PreSetInformation(&change.Operation.Data, &change.Related, &change.Context),
-              FLT_PREOP_SUCCESS_NO_CALLBACK);
+    EXPECT_EQ(
+        PreSetInformation(&change.Operation.Data, &change.Related, &change.Context), FLT_PREOP_SUCCESS_NO_CALLBACK);
 }
 
 TEST_F(IoLimits, NothingToTransferIsNothingToSwap)
@@ -218,7 +212,7 @@ TEST_F(IoLimits, OffsetsBeyond4GiBAreComparedInFull)
         ULONG Length;
         size_t Treated;
     } const cases[] = {{Far + 100, 512, 100}, {Far + 512, 512, 512}, {Far, 512, 512}, {Far + 112, 100, 112},
-                       {Far + 111, 100, 100}, {1, 512, 512}};
+        {Far + 111, 100, 100}, {1, 512, 512}};
     for (const auto& one : cases)
     {
         SetSize(one.Size);

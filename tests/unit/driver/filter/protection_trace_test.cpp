@@ -10,7 +10,7 @@ namespace protection_trace_test
 {
 namespace
 {
-using namespace host;
+using namespace hosted;
 
 TEST(ProtectionTrace, AllowedAndDeniedOpensAreTracedOnDemand)
 {
@@ -29,10 +29,10 @@ TEST(ProtectionTrace, AllowedAndDeniedOpensAreTracedOnDemand)
     EXPECT_THAT(printsOf(agent, STATUS_SUCCESS), testing::IsEmpty());
     EXPECT_THAT(printsOf(other, STATUS_ACCESS_DENIED), testing::IsEmpty());
     Global.VerboseTrace = TRUE;
-    EXPECT_THAT(printsOf(agent, STATUS_SUCCESS),
-        testing::ElementsAre("Tarnveil - PID(" + std::to_string(agent.ProcessId()) +
-                             ") IRP = CREATE Ope = PRE status = STATUS_SUCCESS path = "
-                             "\\Device\\HarddiskVolume1\\Data\\a.txt\n"));
+    EXPECT_THAT(
+        printsOf(agent, STATUS_SUCCESS), testing::ElementsAre("Tarnveil - PID(" + std::to_string(agent.ProcessId()) +
+                                                              ") IRP = CREATE Ope = PRE status = STATUS_SUCCESS path = "
+                                                              "\\Device\\HarddiskVolume1\\Data\\a.txt\n"));
     EXPECT_THAT(printsOf(other, STATUS_ACCESS_DENIED),
         testing::ElementsAre("Tarnveil - PID(" + std::to_string(other.ProcessId()) +
                              ") IRP = CREATE Ope = PRE status = ACCESS_DENIED path = "

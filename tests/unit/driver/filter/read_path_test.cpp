@@ -126,7 +126,7 @@ TEST_F(ReadPath, AnOddLengthIsRoundedUpAndTheCallerGetsWhatItAskedFor)
     block.Parameters.Read.Length = 100;
     block.Parameters.Read.ReadBuffer = caller.data();
     ShownOperation shown{ShownSignature, lastInstance, block,
-                         {FLTFL_CALLBACK_DATA_IRP_OPERATION, nullptr, &shown.Block, {}, nullptr, {}, KernelMode}};
+        {FLTFL_CALLBACK_DATA_IRP_OPERATION, nullptr, &shown.Block, {}, nullptr, {}, KernelMode}};
     const FLT_RELATED_OBJECTS related = RelatedObjects(lastInstance, file);
     PVOID context = nullptr;
     ASSERT_EQ(PreRead(&shown.Data, &related, &context), FLT_PREOP_SUCCESS_WITH_CALLBACK);
@@ -157,7 +157,7 @@ TEST_F(ReadPath, ASwapWithoutABufferFailsTheRead)
     ASSERT_TRUE(swap);
     swap->Stream = static_cast<StreamCipherContext*>(stream);
     ShownOperation shown{ShownSignature, lastInstance, {},
-                         {FLTFL_CALLBACK_DATA_IRP_OPERATION, nullptr, &shown.Block, {}, nullptr, {}, KernelMode}};
+        {FLTFL_CALLBACK_DATA_IRP_OPERATION, nullptr, &shown.Block, {}, nullptr, {}, KernelMode}};
     shown.Data.IoStatus = {{STATUS_SUCCESS}, 4096};
     const FLT_RELATED_OBJECTS related = RelatedObjects(lastInstance, file);
     EXPECT_EQ(PostRead(&shown.Data, &related, swap.Detach(), 0), FLT_POSTOP_FINISHED_PROCESSING);

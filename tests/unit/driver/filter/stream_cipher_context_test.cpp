@@ -18,7 +18,7 @@ protected:
         block.TargetFileObject = file;
         block.TargetInstance = lastInstance;
         ShownOperation shown{ShownSignature, lastInstance, block,
-                             {FLTFL_CALLBACK_DATA_IRP_OPERATION, nullptr, &shown.Block, {}, nullptr, {}, UserMode}};
+            {FLTFL_CALLBACK_DATA_IRP_OPERATION, nullptr, &shown.Block, {}, nullptr, {}, UserMode}};
         shown.Data.IoStatus = {{status}, FILE_OPENED};
         const ULONG flags = file->Flags;
         file->Flags |= fileObjectFlags;

@@ -37,8 +37,8 @@ protected:
     {
         std::string caller(callerLength + 16, '\xee');
         const CallerSpan span = {reinterpret_cast<UCHAR*>(caller.data()), callerLength};
-        DecipherSpan(decryption_, mask, reinterpret_cast<const UCHAR*>(disk.data()), static_cast<ULONG>(disk.size()),
-                     span);
+        DecipherSpan(
+            decryption_, mask, reinterpret_cast<const UCHAR*>(disk.data()), static_cast<ULONG>(disk.size()), span);
         EXPECT_EQ(caller.substr(callerLength), std::string(16, '\xee')) << "written behind the caller's span";
         caller.resize(callerLength);
         return caller;
@@ -117,8 +117,8 @@ TEST_F(StreamCipher, ALengthenedSpanTakesWhatLiesBehindOnTheSamePage)
     std::unique_ptr<char, void (*)(void*)> page(static_cast<char*>(std::aligned_alloc(PAGE_SIZE, PAGE_SIZE)), free);
     std::memcpy(page.get(), plain.data(), plain.size());
     std::string output(112, '\0');
-    EncipherSpan(encryption_, Mask, {reinterpret_cast<UCHAR*>(page.get()), 100}, 112,
-                 reinterpret_cast<UCHAR*>(output.data()));
+    EncipherSpan(
+        encryption_, Mask, {reinterpret_cast<UCHAR*>(page.get()), 100}, 112, reinterpret_cast<UCHAR*>(output.data()));
     EXPECT_EQ(output, Crypt(key_, plain, true));
 }
 
@@ -130,8 +130,8 @@ TEST_F(StreamCipher, ALengthenedSpanDoesNotReadTheNextPage)
     char* begin = page.get() + PAGE_SIZE - 100;
     std::memcpy(begin, plain.data(), plain.size());
     std::string output(112, '\0');
-    EncipherSpan(encryption_, Mask, {reinterpret_cast<UCHAR*>(begin), 100}, 112,
-                 reinterpret_cast<UCHAR*>(output.data()));
+    EncipherSpan(
+        encryption_, Mask, {reinterpret_cast<UCHAR*>(begin), 100}, 112, reinterpret_cast<UCHAR*>(output.data()));
     EXPECT_EQ(output, Crypt(key_, plain + std::string(12, '\0'), true));
 }
 

@@ -59,9 +59,9 @@ TEST_F(DebugMailslot, LevelsHaveTheirNames)
         ULONG Level;
         const char* Name;
     };
-    for (const Case& row : {Case{0x01, "Info"}, {0x02, "Info"}, {0x04, "Warn"}, {0x08, "Warn"}, {0x10, "Error"},
-             {0x20, "Error"}, {0x40, "Trace"}, {0x0c, "Warn"}, {0x7f, "Info"}, {0x50, "Error"}, {0xc0, "Trace"},
-             {0x80000001, "Info"}})
+    for (const Case& row :
+        {Case{0x01, "Info"}, {0x02, "Info"}, {0x04, "Warn"}, {0x08, "Warn"}, {0x10, "Error"}, {0x20, "Error"},
+            {0x40, "Trace"}, {0x0c, "Warn"}, {0x7f, "Info"}, {0x50, "Error"}, {0xc0, "Trace"}, {0x80000001, "Info"}})
     {
         EXPECT_EQ(Write(row.Level, row.Level), STATUS_SUCCESS);
         EXPECT_THAT(Lines(), ElementsAre(Line(row.Name, "hello\r\n"))) << row.Level;
@@ -113,15 +113,15 @@ TEST_F(DebugMailslot, LocalTimeIsShownWithItsZeros)
 TEST_F(DebugMailslot, AMissingNamePrintsAsTheFormatterShowsIt)
 {
     EXPECT_EQ(WriteDebugMailslot(0x40, 0x40, mailslot_, 0, 0, nullptr, L"x\r\n"), STATUS_SUCCESS);
-    EXPECT_THAT(Lines(), ElementsAre(std::string("0|") + LocalTime +
-                                     " [(null) (0)] tid=0 Tarnveil : Trace [(null) (0)] x\r\n"));
+    EXPECT_THAT(Lines(),
+        ElementsAre(std::string("0|") + LocalTime + " [(null) (0)] tid=0 Tarnveil : Trace [(null) (0)] x\r\n"));
 }
 
 TEST_F(DebugMailslot, IdsPrintSigned)
 {
     EXPECT_EQ(WriteDebugMailslot(0x40, 0x40, mailslot_, 0xffffffff, 0x80000000, L"a", L"x"), STATUS_SUCCESS);
-    EXPECT_THAT(Lines(), ElementsAre(std::string("0|") + LocalTime +
-                                     " [a (-1)] tid=-2147483648 Tarnveil : Trace [a (-1)] x"));
+    EXPECT_THAT(
+        Lines(), ElementsAre(std::string("0|") + LocalTime + " [a (-1)] tid=-2147483648 Tarnveil : Trace [a (-1)] x"));
 }
 
 // 40960 bytes are 20480 characters, one of them the terminator.
@@ -157,27 +157,25 @@ TEST_F(DebugMailslot, WithoutMemoryNothingIsPrinted)
 TEST_F(DebugMailslot, AFailedWriteIsPrintedAndReturned)
 {
     char pointer[32];
-    std::snprintf(pointer, sizeof(pointer), "%016llX",
-        static_cast<unsigned long long>(reinterpret_cast<ULONG_PTR>(mailslot_)));
+    std::snprintf(
+        pointer, sizeof(pointer), "%016llX", static_cast<unsigned long long>(reinterpret_cast<ULONG_PTR>(mailslot_)));
     FailRoutine("ZwWriteFile");
     EXPECT_EQ(Write(0x40, 0x40), STATUS_INSUFFICIENT_RESOURCES);
     ResetFailures();
-    EXPECT_THAT(machine_.DebugPrints(), ElementsAre("Tarnveil.sys: ",
-                                            std::string("ZwWriteFile failed. Mailslot = ") + pointer +
-                                                " NTStatus = c000009a\n"));
+    EXPECT_THAT(machine_.DebugPrints(), ElementsAre("Tarnveil.sys: ", std::string("ZwWriteFile failed. Mailslot = ") +
+                                                                          pointer + " NTStatus = c000009a\n"));
     reader_.reset();
     machine_.ClearDebugPrints();
     EXPECT_EQ(Write(0x40, 0x40), STATUS_FILE_FORCED_CLOSED);
-    EXPECT_THAT(machine_.DebugPrints(), ElementsAre("Tarnveil.sys: ",
-                                            std::string("ZwWriteFile failed. Mailslot = ") + pointer +
-                                                " NTStatus = c00000b6\n"));
+    EXPECT_THAT(machine_.DebugPrints(), ElementsAre("Tarnveil.sys: ", std::string("ZwWriteFile failed. Mailslot = ") +
+                                                                          pointer + " NTStatus = c00000b6\n"));
 }
 
 TEST_F(DebugMailslot, WithoutAHandleTheWriteFails)
 {
     EXPECT_EQ(WriteDebugMailslot(0x40, 0x40, nullptr, 1, 2, L"a", L"x"), STATUS_INVALID_HANDLE);
-    EXPECT_THAT(machine_.DebugPrints(), ElementsAre("Tarnveil.sys: ",
-        "ZwWriteFile failed. Mailslot = 0000000000000000 NTStatus = c0000008\n"));
+    EXPECT_THAT(machine_.DebugPrints(),
+        ElementsAre("Tarnveil.sys: ", "ZwWriteFile failed. Mailslot = 0000000000000000 NTStatus = c0000008\n"));
 }
 
 struct FlagCase
@@ -188,8 +186,8 @@ struct FlagCase
 
 TEST_F(DebugMailslot, FlagsAreTheSecondLowestByte)
 {
-    for (const FlagCase& row : {FlagCase{0x00000040, 0x00}, {0x00004000, 0x40}, {0x0000c3ff, 0xc3},
-             {0x00004100, 0x41}, {0x000000ff, 0x00}, {0xffff00ff, 0x00}, {0xffffffff, 0xff}})
+    for (const FlagCase& row : {FlagCase{0x00000040, 0x00}, {0x00004000, 0x40}, {0x0000c3ff, 0xc3}, {0x00004100, 0x41},
+             {0x000000ff, 0x00}, {0xffff00ff, 0x00}, {0xffffffff, 0xff}})
     {
         SetLevel(row.Value);
         ULONG flags = 0xffffffff;
@@ -204,9 +202,8 @@ TEST_F(DebugMailslot, FlagsWithoutTheKey)
     ULONG flags = 0xffffffff;
     EXPECT_EQ(GetDebugLogFlags(&flags), STATUS_OBJECT_NAME_NOT_FOUND);
     EXPECT_EQ(flags, 0u);
-    EXPECT_THAT(machine_.DebugPrints(), ElementsAre("Tarnveil.sys: ",
-                                            std::string("ZwOpenKey failed. Path = ") + ProductKeyText +
-                                                " NTStatus = c0000034\n"));
+    EXPECT_THAT(machine_.DebugPrints(), ElementsAre("Tarnveil.sys: ", std::string("ZwOpenKey failed. Path = ") +
+                                                                          ProductKeyText + " NTStatus = c0000034\n"));
 }
 
 TEST_F(DebugMailslot, FlagsWithoutTheValue)
@@ -248,9 +245,8 @@ TEST_F(DebugMailslot, FlagsFailStepByStep)
         std::string Print;
     };
     const std::string query = "ZwQueryValueKey ValueName = DebugLogLevel NTStatus = c000009a\n";
-    for (const Case& row : {
-             Case{"ZwOpenKey", 1, STATUS_INSUFFICIENT_RESOURCES,
-                 std::string("ZwOpenKey failed. Path = ") + ProductKeyText + " NTStatus = c000009a\n"},
+    for (const Case& row : {Case{"ZwOpenKey", 1, STATUS_INSUFFICIENT_RESOURCES,
+                                std::string("ZwOpenKey failed. Path = ") + ProductKeyText + " NTStatus = c000009a\n"},
              Case{"ZwQueryValueKey", 1, STATUS_INSUFFICIENT_RESOURCES, query},
              // The status that told the size.
              Case{"ExAllocatePoolWithTag", 1, STATUS_BUFFER_TOO_SMALL, "DebugLogFlag allocate error\n"},

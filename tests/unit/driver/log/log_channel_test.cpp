@@ -50,8 +50,8 @@ TEST_F(LogChannelTest, ARegistrationIsItsFirstRecord)
         ElementsAre(Text("Tarnveil - IOCTL_START_LOGGING: Handle = %016llX Flags = 0x00000040\n",
             static_cast<unsigned long long>(reinterpret_cast<ULONG_PTR>(event_.Handle())))));
     EXPECT_TRUE(event_.IsSet());
-    EXPECT_THAT(agent_.DrainLog(),
-        ElementsAre(LogRecord{0x40, agent_.ProcessId(), "agent.exe", Registered(event_, 0x40)}));
+    EXPECT_THAT(
+        agent_.DrainLog(), ElementsAre(LogRecord{0x40, agent_.ProcessId(), "agent.exe", Registered(event_, 0x40)}));
 }
 
 TEST_F(LogChannelTest, ARegistrationWithoutTheTraceLevelIsNotRecorded)
@@ -133,8 +133,7 @@ TEST_F(LogChannelTest, AnInputOfAnotherLengthIsRefused)
         EXPECT_THAT(PrintsOf(
                         [&]
                         {
-                            EXPECT_EQ(
-                                agent_.DeviceControl(IOCTL_START_LOGGING, std::string(length, 0)).Status,
+                            EXPECT_EQ(agent_.DeviceControl(IOCTL_START_LOGGING, std::string(length, 0)).Status,
                                 STATUS_INVALID_PARAMETER);
                         }),
             ElementsAre("Tarnveil - IOCTL_START_LOGGING: STATUS_INVALID_PARAMETER\n"));
@@ -278,8 +277,8 @@ TEST_F(LogChannelTest, ALongProcessNameKeepsItsEnds)
     Listen();
     const Program named = machine_.StartProcess(L"C:\\x\\abcdefghijklmnopqrstuvwxyz0123456.exe");
     EXPECT_EQ(WriteLogRecord(0x40, named.Id(), nullptr, L"m"), STATUS_SUCCESS);
-    EXPECT_THAT(agent_.DrainLog(),
-        ElementsAre(LogRecord{0x40, named.ProcessId(), "abcdefghijklm ... yz0123456.exe", "m"}));
+    EXPECT_THAT(
+        agent_.DrainLog(), ElementsAre(LogRecord{0x40, named.ProcessId(), "abcdefghijklm ... yz0123456.exe", "m"}));
 }
 
 TEST_F(LogChannelTest, ARecordOfAnUnknownProcessIsLost)
@@ -325,8 +324,8 @@ TEST_F(LogChannelTest, AbovePassiveLevelOnlyTheDebuggerHears)
         machine_.ClearDebugPrints();
         {
             const RaisedIrql raised(level);
-            EXPECT_EQ(WriteLogRecord(0x02, reinterpret_cast<HANDLE>(1234), nullptr, L"%s = %d", L"a", 7),
-                STATUS_SUCCESS);
+            EXPECT_EQ(
+                WriteLogRecord(0x02, reinterpret_cast<HANDLE>(1234), nullptr, L"%s = %d", L"a", 7), STATUS_SUCCESS);
         }
         EXPECT_THAT(machine_.DebugPrints(),
             ElementsAre(Text("[Logging][Crypt]\n          IRQL        : %d\n          Level       : 2\n          "

@@ -9,8 +9,7 @@
 namespace agent_test
 {
 constexpr WideView MailslotPath = L"\\Device\\mailslot\\OrvaneSandbox_Dbg";
-constexpr char ProductKeyText[] =
-    "\\Registry\\Machine\\SOFTWARE\\WOW6432Node\\Orvane Works\\Hollowbay";
+constexpr char ProductKeyText[] = "\\Registry\\Machine\\SOFTWARE\\WOW6432Node\\Orvane Works\\Hollowbay";
 constexpr char LocalTime[] = "2024/03/05 09:07:02";
 
 typedef std::vector<std::string> Texts;
@@ -28,10 +27,7 @@ protected:
         machine_.SetTime(InitialSystemTime + (64 * 86400 + 8 * 3600 + 7 * 60 + 2) * Second);
         reader_ = machine_.CreateMailslot(MailslotPath);
     }
-    void SetLevel(ULONG value)
-    {
-        machine_.Registry().SetDword(Machine::ProductKey, L"DebugLogLevel", value);
-    }
+    void SetLevel(ULONG value) { machine_.Registry().SetDword(Machine::ProductKey, L"DebugLogLevel", value); }
     // Every waiting message, each of which must be whole characters and end in exactly one terminator.
     Texts Lines()
     {

@@ -18,8 +18,7 @@ protected:
     void Configure()
     {
         ASSERT_EQ(machine_.UnloadDriver(), STATUS_SUCCESS);
-        machine_.Registry().SetString(
-            Machine::ServiceKey, L"SandboxPath", L"\\Device\\HarddiskVolume1\\Bay\\Sandbox");
+        machine_.Registry().SetString(Machine::ServiceKey, L"SandboxPath", L"\\Device\\HarddiskVolume1\\Bay\\Sandbox");
         ASSERT_EQ(machine_.LoadDriver(Image::Native), STATUS_SUCCESS);
         ASSERT_EQ(agent_.SetCryptKey("0123456789abcdef", 0x5a), STATUS_SUCCESS);
         for (const WideView path : {L"C:\\Apps\\Launcher.exe", L"C:\\Apps\\Shell.exe"})
@@ -55,14 +54,8 @@ protected:
         return std::string("0|") + LocalTime + " " + who + " tid=" + std::to_string(thread_) + " Tarnveil : " + level +
                " " + who + " " + message + "\r\n";
     }
-    std::string Header(const std::string& message)
-    {
-        return Line("Trace", "agent.exe", message);
-    }
-    static std::string Pid(const Program& program)
-    {
-        return "PID = " + std::to_string(program.ProcessId());
-    }
+    std::string Header(const std::string& message) { return Line("Trace", "agent.exe", message); }
+    static std::string Pid(const Program& program) { return "PID = " + std::to_string(program.ProcessId()); }
 
     // A line of the dump, and whether it is an item of a list.
     struct Expected
@@ -106,13 +99,13 @@ protected:
     Texts EmptyLines()
     {
         Texts lines;
-        for (const std::string& message : {std::string("IRP = DEV_CTRL IOCTL = OUTPUT_PARAM"),
-                 "Param : RegPath = " + Narrow(Machine::ServiceKey),
-                 std::string("Param : Length = 0 Key = Empty Xor = Empty Encryption = Enable"),
-                 std::string("Param : SandboxPath = (null)"), std::string("Param : PrefixSandboxPath = (null)"),
-                 std::string("Param : ParentName : Count = 0"), std::string("Param : ProcessName : Count = 0"),
-                 std::string("Param : ExcProcName : Count = 0"), std::string("Param : Parent : Count = 0"),
-                 std::string("Param : Child : Count = 0"), std::string("Param : Cache : Process : Count = 0")})
+        for (const std::string& message :
+            {std::string("IRP = DEV_CTRL IOCTL = OUTPUT_PARAM"), "Param : RegPath = " + Narrow(Machine::ServiceKey),
+                std::string("Param : Length = 0 Key = Empty Xor = Empty Encryption = Enable"),
+                std::string("Param : SandboxPath = (null)"), std::string("Param : PrefixSandboxPath = (null)"),
+                std::string("Param : ParentName : Count = 0"), std::string("Param : ProcessName : Count = 0"),
+                std::string("Param : ExcProcName : Count = 0"), std::string("Param : Parent : Count = 0"),
+                std::string("Param : Child : Count = 0"), std::string("Param : Cache : Process : Count = 0")})
         {
             lines.push_back(Header(message));
         }
@@ -139,8 +132,8 @@ protected:
     }
     static Texts Flags(const char* flags)
     {
-        return {"Tarnveil - IOCTL_OUTPUT_CURRENT_PARAM\n", "Tarnveil.sys: ",
-            std::string("DebugLogFlags ") + flags + "\n"};
+        return {
+            "Tarnveil - IOCTL_OUTPUT_CURRENT_PARAM\n", "Tarnveil.sys: ", std::string("DebugLogFlags ") + flags + "\n"};
     }
     static Texts Then(Texts prints, const Texts& more)
     {
@@ -207,14 +200,13 @@ TEST_F(ParameterDump, KeyStateIsToldAndNotTheKey)
 
 TEST_F(ParameterDump, WithoutTheFlagsNothingIsWritten)
 {
-    EXPECT_THAT(Dump(),
-        ElementsAre("Tarnveil - IOCTL_OUTPUT_CURRENT_PARAM\n", "Tarnveil.sys: ",
-            std::string("ZwOpenKey failed. Path = ") + ProductKeyText + " NTStatus = c0000034\n", "Tarnveil.sys: ",
-            "GetDebugLogFlags failed.\n"));
-    machine_.Registry().CreateKey(Machine::ProductKey);
     EXPECT_THAT(Dump(), ElementsAre("Tarnveil - IOCTL_OUTPUT_CURRENT_PARAM\n", "Tarnveil.sys: ",
-                            "ZwQueryValueKey ValueName = DebugLogLevel NTStatus = c0000034\n", "Tarnveil.sys: ",
-                            "GetDebugLogFlags failed.\n"));
+                            std::string("ZwOpenKey failed. Path = ") + ProductKeyText + " NTStatus = c0000034\n",
+                            "Tarnveil.sys: ", "GetDebugLogFlags failed.\n"));
+    machine_.Registry().CreateKey(Machine::ProductKey);
+    EXPECT_THAT(Dump(), ElementsAre("Tarnveil - IOCTL_OUTPUT_CURRENT_PARAM\n",
+                            "Tarnveil.sys: ", "ZwQueryValueKey ValueName = DebugLogLevel NTStatus = c0000034\n",
+                            "Tarnveil.sys: ", "GetDebugLogFlags failed.\n"));
     EXPECT_THAT(Lines(), IsEmpty());
     EXPECT_EQ(OutputParameters(), STATUS_OBJECT_NAME_NOT_FOUND);
 }
@@ -222,8 +214,8 @@ TEST_F(ParameterDump, WithoutTheFlagsNothingIsWritten)
 TEST_F(ParameterDump, FlagsOfAnotherTypeStillWriteTheHeaders)
 {
     machine_.Registry().SetString(Machine::ProductKey, L"DebugLogLevel", L"AAAA");
-    EXPECT_THAT(Dump(), ElementsAre("Tarnveil - IOCTL_OUTPUT_CURRENT_PARAM\n", "Tarnveil.sys: ",
-                            "REG_XXX type = 00000001\n", "Tarnveil.sys: ", "DebugLogFlags 0x40\n"));
+    EXPECT_THAT(Dump(), ElementsAre("Tarnveil - IOCTL_OUTPUT_CURRENT_PARAM\n",
+                            "Tarnveil.sys: ", "REG_XXX type = 00000001\n", "Tarnveil.sys: ", "DebugLogFlags 0x40\n"));
     EXPECT_EQ(Lines(), EmptyLines());
 }
 
@@ -231,12 +223,12 @@ TEST_F(ParameterDump, WithoutAMailslotOnlyTheFailureIsAttempted)
 {
     SetLevel(0x4100);
     reader_.reset();
-    EXPECT_EQ(Dump(),
-        Then(Flags("0x41"), {"Tarnveil.sys: ",
-                                "ZwOpenFile failed. ObjectName = \\Device\\mailslot\\OrvaneSandbox_Dbg NTStatus = "
-                                "c0000034\n",
-                                "Tarnveil.sys: ",
-                                "ZwWriteFile failed. Mailslot = 0000000000000000 NTStatus = c0000008\n"}));
+    EXPECT_EQ(
+        Dump(), Then(Flags("0x41"),
+                    {"Tarnveil.sys: ",
+                        "ZwOpenFile failed. ObjectName = \\Device\\mailslot\\OrvaneSandbox_Dbg NTStatus = "
+                        "c0000034\n",
+                        "Tarnveil.sys: ", "ZwWriteFile failed. Mailslot = 0000000000000000 NTStatus = c0000008\n"}));
     EXPECT_EQ(OutputParameters(), STATUS_OBJECT_NAME_NOT_FOUND);
 }
 
@@ -274,9 +266,8 @@ TEST_F(ParameterDump, WithoutTheProcessNameOnlyTheFailureIsWritten)
 {
     SetLevel(0x4100);
     FailRoutine("ZwQuerySystemInformation", 2);
-    EXPECT_EQ(Dump(),
-        Then(Flags("0x41"), {"[DlExtFunc] QuerySystemInformation failed : non-mismatch C000009A\n", "Tarnveil.sys: ",
-                                "Cannot resolve process name.\n"}));
+    EXPECT_EQ(Dump(), Then(Flags("0x41"), {"[DlExtFunc] QuerySystemInformation failed : non-mismatch C000009A\n",
+                                              "Tarnveil.sys: ", "Cannot resolve process name.\n"}));
     ResetFailures();
     EXPECT_THAT(Lines(), ElementsAre(Line("Trace", "(null)", StatusMessage("0xC000009AL"))));
 }
@@ -285,8 +276,7 @@ TEST_F(ParameterDump, WithoutTheCacheCountTheFailureEndsIt)
 {
     SetLevel(0x4100);
     const stand_in::Answer answer(stand_in::Answer::FailCacheCount);
-    EXPECT_EQ(Dump(),
-        Then(Flags("0x41"), {"Tarnveil.sys: ", "CTGetElementCount failed. NTStatus = 0xc0000001\n"}));
+    EXPECT_EQ(Dump(), Then(Flags("0x41"), {"Tarnveil.sys: ", "CTGetElementCount failed. NTStatus = 0xc0000001\n"}));
     Texts expected = EmptyLines();
     expected.back() = Header("IRP = DEV_CTRL IOCTL = OUTPUT_PARAM status = 0xC0000001L");
     EXPECT_EQ(Lines(), expected);
@@ -373,8 +363,7 @@ TEST_F(ParameterDump, AFailedCountOfTheCacheIsPrintedAndEndsTheDump)
 {
     SetLevel(0x4100);
     const stand_in::Answer answer(stand_in::Answer::FailCacheCount);
-    EXPECT_EQ(Dump(),
-        Then(Flags("0x41"), {"Tarnveil.sys: ", "CTGetElementCount failed. NTStatus = 0xc0000001\n"}));
+    EXPECT_EQ(Dump(), Then(Flags("0x41"), {"Tarnveil.sys: ", "CTGetElementCount failed. NTStatus = 0xc0000001\n"}));
     Texts expected = EmptyLines();
     expected.back() = Header(StatusMessage("0xC0000001L"));
     EXPECT_EQ(Lines(), expected);

@@ -94,8 +94,7 @@ TEST_F(CreateTargetName, NormalizedNameIsAskedForWhenThatFails)
     EXPECT_EQ(Name(0, "FltGetVolumeName"), STATUS_SUCCESS);
     EXPECT_EQ(Result, "\\Device\\HarddiskVolume7\\dir\\longna~1.txt");
     EXPECT_THAT(DebugPrints(),
-        ElementsAre("FltGetVolumeName fail\n",
-            "CreateFullPathNameFromFltObjects fail c01c000b \\Dir\\LONGNA~1.TXT\n"));
+        ElementsAre("FltGetVolumeName fail\n", "CreateFullPathNameFromFltObjects fail c01c000b \\Dir\\LONGNA~1.TXT\n"));
 }
 
 TEST_F(CreateTargetName, NameByIdIsTheNormalizedName)
@@ -123,9 +122,8 @@ TEST_F(CreateTargetName, NameFromInformationWithoutMemoryIsDenied)
     EXPECT_EQ(Name(0, "ExAllocatePoolWithTag", 3), STATUS_ACCESS_DENIED);
     EXPECT_EQ(Failed, 1u);
     EXPECT_EQ(Result, "");
-    EXPECT_THAT(DebugPrints(),
-        ElementsAre(NamelessText, FallbackText,
-            "PreCreate - CreateFullPathNameFromNameInfo fail c000009a \\Dir\\LONGNA~1.TXT\n"));
+    EXPECT_THAT(DebugPrints(), ElementsAre(NamelessText, FallbackText,
+                                   "PreCreate - CreateFullPathNameFromNameInfo fail c000009a \\Dir\\LONGNA~1.TXT\n"));
 }
 
 TEST_F(CreateTargetName, FailedNameQueryIsDeniedAndSilent)
@@ -145,9 +143,8 @@ TEST_F(CreateTargetName, FailedNameQueryIsTraced)
     files_->NameStatus = STATUS_OBJECT_NAME_NOT_FOUND;
     Global.VerboseTrace = TRUE;
     EXPECT_EQ(Name(), STATUS_ACCESS_DENIED);
-    EXPECT_THAT(DebugPrints(),
-        ElementsAre(NamelessText, FallbackText,
-            "PreCreate - FltGetFileNameInformation fail c0000034 \\Dir\\LONGNA~1.TXT\n"));
+    EXPECT_THAT(DebugPrints(), ElementsAre(NamelessText, FallbackText,
+                                   "PreCreate - FltGetFileNameInformation fail c0000034 \\Dir\\LONGNA~1.TXT\n"));
 }
 
 TEST_F(CreateTargetName, NoInformationIsAnEmptyName)

@@ -13,7 +13,7 @@
 
 namespace
 {
-using namespace host;
+using namespace hosted;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -93,8 +93,8 @@ TEST_F(DosName, PathWithoutADriveLetterIsInvalid)
     {
         Computer.ClearDebugPrints();
         EXPECT_EQ(Convert(path), STATUS_INVALID_PARAMETER) << Narrow(path);
-        EXPECT_THAT(DebugPrints(),
-            ElementsAre("GetNtNameFromDosName failed: Invalid Parameter " + Narrow(path) + "\n"));
+        EXPECT_THAT(
+            DebugPrints(), ElementsAre("GetNtNameFromDosName failed: Invalid Parameter " + Narrow(path) + "\n"));
     }
 }
 

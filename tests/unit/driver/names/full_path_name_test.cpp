@@ -12,7 +12,7 @@
 
 namespace
 {
-using namespace host;
+using namespace hosted;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -26,10 +26,7 @@ protected:
         InitializePoolPolicy();
         Allocations = LivePoolAllocations();
     }
-    void TearDown() override
-    {
-        ResetFailures();
-    }
+    void TearDown() override { ResetFailures(); }
     void Opening(WideView name)
     {
         File.FileName = Counted(name);

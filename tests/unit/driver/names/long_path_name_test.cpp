@@ -12,7 +12,7 @@
 
 namespace
 {
-using namespace host;
+using namespace hosted;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -24,8 +24,7 @@ protected:
         // An earlier machine may have been another system.
         InitializePoolPolicy();
         ASSERT_EQ(CTInitialize(&Global.ProcessCache), STATUS_SUCCESS);
-        ASSERT_EQ(Computer.PutOnDisk(L"C:\\Program Files\\Long Editor Name\\editor program.exe", "MZ"),
-            STATUS_SUCCESS);
+        ASSERT_EQ(Computer.PutOnDisk(L"C:\\Program Files\\Long Editor Name\\editor program.exe", "MZ"), STATUS_SUCCESS);
         Computer.ClearDebugPrints();
     }
     void TearDown() override

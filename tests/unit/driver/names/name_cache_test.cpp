@@ -14,7 +14,7 @@
 
 namespace
 {
-using namespace host;
+using namespace hosted;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -226,16 +226,14 @@ TEST_F(NameCache, InsertWithoutMemoryForTheRecordLeavesNothing)
     FailRoutine("RtlInsertElementGenericTable");
     EXPECT_EQ(Insert(L"key", L"e"), STATUS_INSUFFICIENT_RESOURCES);
     ResetFailures();
-    EXPECT_THAT(DebugPrints(),
-        ElementsAre("RtlInsertElementGenericTable fail NTSTATUS = 0xc000009a path = key\n"));
+    EXPECT_THAT(DebugPrints(), ElementsAre("RtlInsertElementGenericTable fail NTSTATUS = 0xc000009a path = key\n"));
     EXPECT_EQ(Count(), 0u);
 
     Computer.ClearDebugPrints();
     FailRoutine("ExAllocatePoolWithTag");
     EXPECT_EQ(Insert(L"key", L"e"), STATUS_INSUFFICIENT_RESOURCES);
     ResetFailures();
-    EXPECT_THAT(DebugPrints(),
-        ElementsAre("RtlInsertElementGenericTable fail NTSTATUS = 0xc000009a path = key\n"));
+    EXPECT_THAT(DebugPrints(), ElementsAre("RtlInsertElementGenericTable fail NTSTATUS = 0xc000009a path = key\n"));
     EXPECT_EQ(Count(), 0u);
 }
 

@@ -13,7 +13,7 @@
 
 namespace
 {
-using namespace host;
+using namespace hosted;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -29,10 +29,7 @@ protected:
         Information.ImageFileName = &ImageName;
         Allocations = LivePoolAllocations();
     }
-    void TearDown() override
-    {
-        ResetFailures();
-    }
+    void TearDown() override { ResetFailures(); }
     // Null: a network file.
     void Image(Volume* volume, WideView name, WideView imageName)
     {
@@ -182,10 +179,7 @@ protected:
         ResetFailures();
         return status;
     }
-    std::string AppId() const
-    {
-        return std::to_string(App->ProcessId());
-    }
+    std::string AppId() const { return std::to_string(App->ProcessId()); }
 
     Machine Computer;
     std::optional<Program> App;
@@ -235,7 +229,8 @@ TEST_F(RunningImageName, FailedLookupGivesNoProcess)
 {
     EXPECT_EQ(GetFailing("PsLookupProcessByProcessId"), STATUS_INVALID_PARAMETER);
     EXPECT_FALSE(Referenced);
-    EXPECT_THAT(DebugPrints(), ElementsAre("PsLookupProcessByProcessId Failed: 0xC000000DL, ProcessId = " + AppId() + "\n"));
+    EXPECT_THAT(
+        DebugPrints(), ElementsAre("PsLookupProcessByProcessId Failed: 0xC000000DL, ProcessId = " + AppId() + "\n"));
 }
 
 TEST_F(RunningImageName, FailedOpenStillHandsTheProcessOver)
@@ -251,9 +246,8 @@ TEST_F(RunningImageName, FailedQueryStillHandsTheProcessOver)
     {
         EXPECT_EQ(GetFailing("ZwQueryInformationProcess", number), STATUS_INSUFFICIENT_RESOURCES);
         EXPECT_TRUE(Referenced);
-        EXPECT_THAT(DebugPrints(),
-            ElementsAre("[DlExtFunc] QueryInformationProcess failed : non-mismatch C000009A\n",
-                "QueryInformationProcess Failed: c000009a\n"));
+        EXPECT_THAT(DebugPrints(), ElementsAre("[DlExtFunc] QueryInformationProcess failed : non-mismatch C000009A\n",
+                                       "QueryInformationProcess Failed: c000009a\n"));
     }
 }
 

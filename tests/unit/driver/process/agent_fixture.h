@@ -8,7 +8,7 @@
 #include "hosted/machine/native_image.h"
 #include "hosted/ps/process_create.h"
 #include "hosted/ps/query_hooks.h"
-#include "tests/text.h"
+#include "tests/support/text.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -16,7 +16,7 @@
 
 namespace agent_test
 {
-using namespace host;
+using namespace hosted;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -40,10 +40,7 @@ protected:
     }
 
     // The number of a test's nth setting.
-    ULONG Id(ULONG n) const
-    {
-        return base_ + n;
-    }
+    ULONG Id(ULONG n) const { return base_ + n; }
 
     // All levels, with an empty queue.
     void Listen(ULONG levels = 0xffffffff)

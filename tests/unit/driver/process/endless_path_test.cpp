@@ -52,10 +52,7 @@ public:
     EndlessText& operator=(const EndlessText&) = delete;
 
     // Null when the address space cannot be had.
-    PCWSTR Text() const
-    {
-        return reinterpret_cast<PCWSTR>(base_);
-    }
+    PCWSTR Text() const { return reinterpret_cast<PCWSTR>(base_); }
 
 private:
     static constexpr size_t PieceBytes = 64 << 20;
@@ -79,8 +76,7 @@ TEST(EndlessPathTest, APathOfTheGreatestCountIsRefusedAndItsSettingsGo)
     EXPECT_EQ(AddSetting(ExclusionProcessNames, endless.Text(), &id), STATUS_INVALID_PARAMETER);
     EXPECT_THAT(machine.DebugPrints(), ElementsAre("Tarnveil - RtlStringCbLengthW error c000000d\n"));
     EXPECT_EQ(id, 77777u) << "no number was issued";
-    WithLock(ExclusionProcessNames.Settings.Lock,
-        []() REQUIRES_LOCK(ExclusionProcessNames.Settings.Lock)
+    WithLock(ExclusionProcessNames.Settings.Lock, []() REQUIRES_LOCK(ExclusionProcessNames.Settings.Lock)
         { EXPECT_TRUE(ExclusionProcessNames.Settings.Entries.IsEmpty()); });
 }
 }

@@ -26,10 +26,7 @@ protected:
         }
         return count;
     }
-    bool HasStored()
-    {
-        return machine_.Registry().GetValue(Machine::ServiceKey, L"ProtectionFiles").has_value();
-    }
+    bool HasStored() { return machine_.Registry().GetValue(Machine::ServiceKey, L"ProtectionFiles").has_value(); }
     std::string RequestText(ULONG id) const
     {
         return Text("Tarnveil - IOCTL_ADD_FILE_PROTECTION: pid =  100 path = 'C:\\s', id(%d)\n", static_cast<int>(id));
@@ -46,8 +43,7 @@ TEST_F(FileProtectionFailures, EachFailedAllocationHasItsAnswer)
         NTSTATUS Status;
         ULONG Paths;
     };
-    constexpr Case entry = {
-        "Tarnveil - file protection entry allocate error\n", STATUS_INSUFFICIENT_RESOURCES, 0};
+    constexpr Case entry = {"Tarnveil - file protection entry allocate error\n", STATUS_INSUFFICIENT_RESOURCES, 0};
     constexpr Case text = {"Tarnveil - file path buffer allocate error\n", STATUS_INSUFFICIENT_RESOURCES, 0};
     constexpr Case allowed = {"Tarnveil - allowed process entry allocate error\n", STATUS_MEMORY_NOT_ALLOCATED, 1};
     constexpr Case store = {"Tarnveil - REG_MULTI_SZ buffer allocate error\n", STATUS_SUCCESS, 1};
@@ -152,13 +148,14 @@ TEST_F(FileProtectionFailures, FrequentTracesOfAddingAndDeleting)
     ASSERT_GT(adding[0].size(), 17u);
     const std::string address = adding[0].substr(adding[0].size() - 17, 16);
     EXPECT_EQ(address.find_first_not_of("0123456789ABCDEF"), std::string::npos) << address;
-    EXPECT_EQ(adding[0], std::string("Tarnveil - FindFileProtection File      = ") + SecretNt + " Entry = " + address + "\n");
+    EXPECT_EQ(
+        adding[0], std::string("Tarnveil - FindFileProtection File      = ") + SecretNt + " Entry = " + address + "\n");
     EXPECT_EQ(adding[0], adding[3]);
     EXPECT_EQ(adding[1],
         std::string("Tarnveil -     NOT Found FileProtection = ") + SecretNt + " Entry = " + pointer(nullptr) + "\n");
     EXPECT_EQ(adding[2], std::string("Tarnveil - AddNewFileProtection File    = ") + SecretNt + "\n");
-    EXPECT_EQ(adding[4], std::string("Tarnveil -     Found FileProtection     = ") + SecretNt + " Entry = " +
-                             pointer(protection) + "\n");
+    EXPECT_EQ(adding[4], std::string("Tarnveil -     Found FileProtection     = ") + SecretNt +
+                             " Entry = " + pointer(protection) + "\n");
     EXPECT_EQ(adding[5], "Tarnveil.sys: ");
     EXPECT_EQ(adding[6], Text("[IDMan] IssueId = %u\n", Id(0)));
     EXPECT_EQ(adding[7], "Tarnveil - ZwSetValueKey ValueName = ProtectionFiles DataSize = 54 NTStatus = 0\n");
@@ -189,12 +186,11 @@ TEST_F(FileProtectionFailures, FrequentTracesOfClearing)
     EXPECT_THAT(PrintsOf([] { ClearFileProtections(); }),
         ElementsAre(Text("Tarnveil - Remove FindFileProtection = %s\n", SecretNt),
             Text("Tarnveil -        SettingId = %u ProcessId = 100\n", Id(0)), "Tarnveil.sys: ",
-            Text("[IDMan] ReleaseId = %u\n", Id(0)),
-            Text("Tarnveil -        SettingId = %u ProcessId = 200\n", Id(1)), "Tarnveil.sys: ",
-            Text("[IDMan] ReleaseId = %u\n", Id(1)),
+            Text("[IDMan] ReleaseId = %u\n", Id(0)), Text("Tarnveil -        SettingId = %u ProcessId = 200\n", Id(1)),
+            "Tarnveil.sys: ", Text("[IDMan] ReleaseId = %u\n", Id(1)),
             "Tarnveil - Remove FindFileProtection = \\Device\\HarddiskVolume1\\t\n",
-            Text("Tarnveil -        SettingId = %u ProcessId = 300\n", Id(2)), "Tarnveil.sys: ",
-            Text("[IDMan] ReleaseId = %u\n", Id(2))));
+            Text("Tarnveil -        SettingId = %u ProcessId = 300\n", Id(2)),
+            "Tarnveil.sys: ", Text("[IDMan] ReleaseId = %u\n", Id(2))));
     EXPECT_EQ(Count(), 0u);
 }
 

@@ -92,8 +92,8 @@ TEST_F(FileProtectionList, ANewPathIsProtectedStoredAndReported)
         ElementsAre("Tarnveil.sys: ", Text("[IDMan] IssueId = %u\n", Id(0)),
             Text("Tarnveil - IOCTL_ADD_FILE_PROTECTION: pid =  100 path = 'C:\\Data\\secret.txt', id(%u)\n", Id(0))));
     EXPECT_THAT(Messages(),
-        ElementsAre(Text("IRP = DEV_CTRL IOCTL = ADD_PROTECT status = ADDED_SETTING id = %u pid = 100 path = %s", Id(0),
-            SecretNt)));
+        ElementsAre(Text(
+            "IRP = DEV_CTRL IOCTL = ADD_PROTECT status = ADDED_SETTING id = %u pid = 100 path = %s", Id(0), SecretNt)));
     EXPECT_THAT(*Stored(), ElementsAre(SecretNt));
     EXPECT_EQ(Check(100, SecretNtWide), Allowed);
     EXPECT_EQ(Check(104, SecretNtWide), Refused);
@@ -122,8 +122,8 @@ TEST_F(FileProtectionList, AnotherProcessGetsItsOwnIdAndNothingIsStoredAnew)
     Listen();
     EXPECT_EQ(agent_.AddFileProtection(200, Secret), Added(Id(1)));
     EXPECT_THAT(Messages(),
-        ElementsAre(Text("IRP = DEV_CTRL IOCTL = ADD_PROTECT status = ADDED_SETTING id = %u pid = 200 path = %s", Id(1),
-            SecretNt)));
+        ElementsAre(Text(
+            "IRP = DEV_CTRL IOCTL = ADD_PROTECT status = ADDED_SETTING id = %u pid = 200 path = %s", Id(1), SecretNt)));
     EXPECT_FALSE(Stored().has_value());
     EXPECT_EQ(Check(100, SecretNtWide), Allowed);
     EXPECT_EQ(Check(200, SecretNtWide), Allowed);
@@ -136,8 +136,8 @@ TEST_F(FileProtectionList, EveryPathIsStoredInOrder)
     EXPECT_EQ(agent_.AddFileProtection(100, Secret), Added(Id(0)));
     EXPECT_EQ(agent_.AddFileProtection(100, L"C:\\a"), Added(Id(1)));
     EXPECT_EQ(agent_.AddFileProtection(100, L"C:\\Data\\*.doc"), Added(Id(2)));
-    EXPECT_THAT(*Stored(),
-        ElementsAre(SecretNt, "\\Device\\HarddiskVolume1\\a", "\\Device\\HarddiskVolume1\\Data\\*.doc"));
+    EXPECT_THAT(
+        *Stored(), ElementsAre(SecretNt, "\\Device\\HarddiskVolume1\\a", "\\Device\\HarddiskVolume1\\Data\\*.doc"));
 }
 
 // 20 and 30 characters.
@@ -203,8 +203,8 @@ TEST_F(FileProtectionList, DeletingAnIdTakesThatOneProcessOut)
     EXPECT_EQ(agent_.AddFileProtection(100, L"C:\\other"), Added(Id(2)));
     Listen();
     EXPECT_THAT(PrintsOf([&] { EXPECT_EQ(agent_.DelFileProtection(Id(0)), STATUS_SUCCESS); }),
-        ElementsAre(Text("Tarnveil - IOCTL_DEL_FILE_PROTECTION: id(%u)\n", Id(0)), "Tarnveil.sys: ",
-            Text("[IDMan] ReleaseId = %u\n", Id(0))));
+        ElementsAre(Text("Tarnveil - IOCTL_DEL_FILE_PROTECTION: id(%u)\n", Id(0)),
+            "Tarnveil.sys: ", Text("[IDMan] ReleaseId = %u\n", Id(0))));
     EXPECT_THAT(Messages(),
         ElementsAre(Text("IRP = DEV_CTRL IOCTL = DEL_PROTECT status = DELETED_SETTING id = %u pid = 100 path = %s",
             Id(0), SecretNt)));
@@ -241,9 +241,8 @@ TEST_F(FileProtectionList, ProcessExitTakesAllItsAllowancesAndLeavesThePaths)
     EXPECT_EQ(agent_.AddFileProtection(pid, L"C:\\other"), Added(Id(1)));
     EXPECT_EQ(agent_.AddFileProtection(agent_.ProcessId(), L"C:\\other"), Added(Id(2)));
     Listen();
-    EXPECT_THAT(PrintsOf([&] { reader.Exit(); }),
-        ElementsAre("Tarnveil.sys: ", Text("[IDMan] ReleaseId = %u\n", Id(0)), "Tarnveil.sys: ",
-            Text("[IDMan] ReleaseId = %u\n", Id(1))));
+    EXPECT_THAT(PrintsOf([&] { reader.Exit(); }), ElementsAre("Tarnveil.sys: ", Text("[IDMan] ReleaseId = %u\n", Id(0)),
+                                                      "Tarnveil.sys: ", Text("[IDMan] ReleaseId = %u\n", Id(1))));
     EXPECT_THAT(Messages(),
         ElementsAre(Text("PROC = EXITS status = DELETED_SETTING id = %u pid = %u path = %s", Id(0), pid, SecretNt),
             Text("PROC = EXITS status = DELETED_SETTING id = %u pid = %u path = \\Device\\HarddiskVolume1\\other",
@@ -257,8 +256,8 @@ TEST_F(FileProtectionList, StopLeavesAllProtectionsInPlace)
 {
     EXPECT_EQ(agent_.AddFileProtection(100, Secret), Added(Id(0)));
     Listen();
-    EXPECT_THAT(PrintsOf([&] { EXPECT_EQ(agent_.StopDriver(), STATUS_SUCCESS); }),
-        ElementsAre("Tarnveil - IOCTL_STOP\n"));
+    EXPECT_THAT(
+        PrintsOf([&] { EXPECT_EQ(agent_.StopDriver(), STATUS_SUCCESS); }), ElementsAre("Tarnveil - IOCTL_STOP\n"));
     EXPECT_THAT(Messages(), IsEmpty());
     EXPECT_EQ(Check(100, SecretNtWide), Allowed);
     EXPECT_EQ(Check(200, SecretNtWide), Refused);

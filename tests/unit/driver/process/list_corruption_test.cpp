@@ -84,9 +84,9 @@ TEST_F(ListCorruptionDeathTest, AMonitoredProcessIsNotUnlinkedFromABrokenNeighbo
     const HANDLE id = reinterpret_cast<HANDLE>(1000);
     ASSERT_EQ(InsertMonitoredProcess(AsProcess(agent_.Object()), id, 1, 1), STATUS_SUCCESS);
     ASSERT_EQ(InsertMonitoredParent(AsProcess(agent_.Object()), id, 1), STATUS_SUCCESS);
-    WithABrokenLink(Global.MonitoredProcessList, false,
-        [&] { EXPECT_DEATH(RemoveMonitoredProcessesByProcess(id), Stopped); });
-    WithABrokenLink(Global.MonitoredParentProcessList, false,
-        [&] { EXPECT_DEATH(ClearMonitoredParents(false), Stopped); });
+    WithABrokenLink(
+        Global.MonitoredProcessList, false, [&] { EXPECT_DEATH(RemoveMonitoredProcessesByProcess(id), Stopped); });
+    WithABrokenLink(
+        Global.MonitoredParentProcessList, false, [&] { EXPECT_DEATH(ClearMonitoredParents(false), Stopped); });
 }
 }

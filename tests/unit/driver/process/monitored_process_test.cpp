@@ -130,8 +130,7 @@ TEST_F(MonitoredProcessTest, RemovingMatchesTheProcessOrTheSetting)
     EXPECT_THAT(agent_.PidList().Ids, ElementsAre(1004u));
     RemoveMonitoredProcessesById(7);
     EXPECT_TRUE(IsMonitoredProcessListEmpty());
-    EXPECT_THAT(Messages(),
-        ElementsAre("IRP = DEV_CTRL IOCTL = DEL_PROCESS status = DELETED_CHILD id = 7 pid = 1004"));
+    EXPECT_THAT(Messages(), ElementsAre("IRP = DEV_CTRL IOCTL = DEL_PROCESS status = DELETED_CHILD id = 7 pid = 1004"));
 }
 
 TEST_F(MonitoredProcessTest, WithoutTheLogFlagAClearIsSilent)

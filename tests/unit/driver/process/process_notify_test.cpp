@@ -24,10 +24,7 @@ protected:
     {
         return Text("PROC = EXITS status = %s id = %u pid = %u", outcome, id, program.ProcessId());
     }
-    static ULONG System()
-    {
-        return static_cast<ULONG>(reinterpret_cast<ULONG_PTR>(SystemProcess()->Id));
-    }
+    static ULONG System() { return static_cast<ULONG>(reinterpret_cast<ULONG_PTR>(SystemProcess()->Id)); }
 };
 
 TEST_F(ProcessNotifyTest, DescendantsOfAParentAreChildrenToAnyDepth)
@@ -38,8 +35,8 @@ TEST_F(ProcessNotifyTest, DescendantsOfAParentAreChildrenToAnyDepth)
     const Program child = launcher.Start(L"C:\\x\\child.exe");
     const Program grandchild = child.Start(L"C:\\x\\grandchild.exe");
     EXPECT_THAT(agent_.DrainLog(),
-        ElementsAre(LogRecord{0x40, System(), "System",
-                        Created("ADDED_PARENT", Id(0), System(), launcher, "Launcher.exe")},
+        ElementsAre(
+            LogRecord{0x40, System(), "System", Created("ADDED_PARENT", Id(0), System(), launcher, "Launcher.exe")},
             LogRecord{0x40, launcher.ProcessId(), "Launcher.exe",
                 Created("ADDED_CHILD", Id(0), launcher.ProcessId(), child, "child.exe")},
             LogRecord{0x40, child.ProcessId(), "child.exe",
@@ -105,8 +102,8 @@ TEST_F(ProcessNotifyTest, AnImageOfBothKindsEntersBothLists)
     EXPECT_TRUE(FindMonitoredProcess(program.Id(), 1, &id));
     EXPECT_EQ(id, Id(1));
     program.Exit();
-    EXPECT_THAT(Messages(),
-        ElementsAre(Exited("DELETED_PARENT", Id(0), program), Exited("DELETED_PROCESS", Id(1), program)));
+    EXPECT_THAT(
+        Messages(), ElementsAre(Exited("DELETED_PARENT", Id(0), program), Exited("DELETED_PROCESS", Id(1), program)));
 }
 
 TEST_F(ProcessNotifyTest, AParentIsNeverItsCreatorsChild)
@@ -135,8 +132,8 @@ TEST_F(ProcessNotifyTest, AnExitIsRecordedInTheExitingProcess)
     const Program child = parent.Start(L"C:\\c.exe");
     Listen();
     parent.Exit();
-    EXPECT_THAT(agent_.DrainLog(), ElementsAre(LogRecord{0x40, parent.ProcessId(), "p.exe",
-                                       Exited("DELETED_PARENT", Id(0), parent)}));
+    EXPECT_THAT(agent_.DrainLog(),
+        ElementsAre(LogRecord{0x40, parent.ProcessId(), "p.exe", Exited("DELETED_PARENT", Id(0), parent)}));
     EXPECT_FALSE(IsUnder(parent));
     // The child goes on handing it down.
     const Program grandchild = child.Start(L"C:\\g.exe");
@@ -154,8 +151,7 @@ TEST_F(ProcessNotifyTest, DeletingASettingForgetsAllThatItPutThere)
     Listen();
     EXPECT_EQ(agent_.DelProcess(Id(0)), STATUS_SUCCESS);
     EXPECT_THAT(Messages(),
-        ElementsAre(
-            Text("IRP = DEV_CTRL IOCTL = DEL_PROCESS status = DELETED_SETTING id = %u path = C:\\p.exe", Id(0)),
+        ElementsAre(Text("IRP = DEV_CTRL IOCTL = DEL_PROCESS status = DELETED_SETTING id = %u path = C:\\p.exe", Id(0)),
             Text("IRP = DEV_CTRL IOCTL = DEL_PROCESS status = DELETED_PARENT id = %u pid = %u", Id(0),
                 parent.ProcessId()),
             Text("IRP = DEV_CTRL IOCTL = DEL_PROCESS status = DELETED_CHILD id = %u pid = %u", Id(0),
@@ -196,8 +192,8 @@ TEST_F(ProcessNotifyTest, DecisionsAreTracedOnDemand)
         Contains("Tarnveil - ParentProcessNameList:Exist: C:\\p.exe\n"));
     EXPECT_THAT(PrintsOf([&] { child = parent.Start(L"C:\\c.exe"); }),
         Contains("Tarnveil - MonitoredParentProcessList:Exist: C:\\c.exe\n"));
-    EXPECT_THAT(PrintsOf([&] { child.Start(L"C:\\g.exe"); }),
-        Contains("Tarnveil - MonitoredProcessList:Exist: C:\\g.exe\n"));
+    EXPECT_THAT(
+        PrintsOf([&] { child.Start(L"C:\\g.exe"); }), Contains("Tarnveil - MonitoredProcessList:Exist: C:\\g.exe\n"));
     EXPECT_THAT(PrintsOf([&] { machine_.StartProcess(L"C:\\a.exe"); }),
         Contains("Tarnveil - ProcessNameList:Exist: C:\\a.exe\n"));
     EXPECT_THAT(PrintsOf([&] { machine_.StartProcess(L"C:\\e.exe"); }),

@@ -10,16 +10,13 @@ namespace
 class ProcessScanTest : public AgentTest
 {
 protected:
-    std::string Registered(const char* label, const char* outcome, ULONG id, ULONG parent, const Program& program,
-        const char* name)
+    std::string Registered(
+        const char* label, const char* outcome, ULONG id, ULONG parent, const Program& program, const char* name)
     {
         return Text("IRP = DEV_CTRL %s status = %s id = %u ppid = %u pid = %u name = %s", label, outcome, id, parent,
             program.ProcessId(), name);
     }
-    static ULONG System()
-    {
-        return static_cast<ULONG>(reinterpret_cast<ULONG_PTR>(SystemProcess()->Id));
-    }
+    static ULONG System() { return static_cast<ULONG>(reinterpret_cast<ULONG_PTR>(SystemProcess()->Id)); }
 };
 
 TEST_F(ProcessScanTest, NullArgumentsAreRefused)
@@ -70,9 +67,8 @@ TEST_F(ProcessScanTest, TheSameSettingAgainFindsThemAllAdded)
     EXPECT_THAT(prints, Contains(Text("Tarnveil - p.exe (%u) has already been added.\n", parent.ProcessId())));
     EXPECT_THAT(prints, Contains(Text("Tarnveil - c.exe (%u) has already been added.\n", child.ProcessId())));
     Global.VerboseTrace = FALSE;
-    EXPECT_THAT(Messages(), ElementsAre(Text(
-                                "IRP = DEV_CTRL IOCTL = ADD_PARENT status = SETTING_EXISTS id = %u path = C:\\p.exe",
-                                Id(0))));
+    EXPECT_THAT(Messages(),
+        ElementsAre(Text("IRP = DEV_CTRL IOCTL = ADD_PARENT status = SETTING_EXISTS id = %u path = C:\\p.exe", Id(0))));
 }
 
 TEST_F(ProcessScanTest, ARunningProcessIsRegisteredWithoutItsChildren)
@@ -116,8 +112,7 @@ TEST_F(ProcessScanTest, AProcessThatCannotBeInspectedIsPassedOver)
     const auto prints = PrintsOf([&] { answer = agent_.AddProcess(L"C:\\b.exe"); });
     ResetFailures();
     EXPECT_EQ(answer, Added(Id(0)));
-    EXPECT_THAT(prints,
-        testing::Contains("Tarnveil - GetProcessImageNameFromProcessId Failed: 0xC000000DL\n"));
+    EXPECT_THAT(prints, testing::Contains("Tarnveil - GetProcessImageNameFromProcessId Failed: 0xC000000DL\n"));
     EXPECT_EQ(agent_.IsUnderSandbox(program.ProcessId()).Value, 0u);
 }
 
@@ -135,18 +130,9 @@ public:
             records_[i].InheritedFromUniqueProcessId = i == 0 ? nullptr : Id(i - 1);
         }
     }
-    static HANDLE Id(size_t i)
-    {
-        return reinterpret_cast<HANDLE>(0x10000 + 4 * i);
-    }
-    SYSTEM_PROCESS_INFORMATION& operator[](size_t i)
-    {
-        return records_[i];
-    }
-    const SYSTEM_PROCESS_INFORMATION* First() const
-    {
-        return records_.data();
-    }
+    static HANDLE Id(size_t i) { return reinterpret_cast<HANDLE>(0x10000 + 4 * i); }
+    SYSTEM_PROCESS_INFORMATION& operator[](size_t i) { return records_[i]; }
+    const SYSTEM_PROCESS_INFORMATION* First() const { return records_.data(); }
 
 private:
     std::vector<SYSTEM_PROCESS_INFORMATION> records_;

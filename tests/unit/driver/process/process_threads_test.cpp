@@ -80,8 +80,7 @@ TEST_F(ProcessThreadsTest, SettingsOfDifferentPathsKeepTheirNumbers)
                 EXPECT_EQ(agent_.DelProcess(ids[n][i]), STATUS_SUCCESS);
             }
         });
-    WithLock(ExclusionProcessNames.Settings.Lock,
-        []() REQUIRES_LOCK(ExclusionProcessNames.Settings.Lock)
+    WithLock(ExclusionProcessNames.Settings.Lock, []() REQUIRES_LOCK(ExclusionProcessNames.Settings.Lock)
         { EXPECT_EQ(ExclusionProcessNames.Settings.Entries.Count(), Threads * 8); });
     EXPECT_EQ(agent_.StopDriver(), STATUS_SUCCESS);
 }

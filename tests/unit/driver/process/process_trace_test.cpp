@@ -23,10 +23,7 @@ protected:
     {
         return Text("%016llX", static_cast<unsigned long long>(reinterpret_cast<ULONG_PTR>(program.Object())));
     }
-    static std::string Device(const char* path)
-    {
-        return std::string("\\Device\\HarddiskVolume1") + path;
-    }
+    static std::string Device(const char* path) { return std::string("\\Device\\HarddiskVolume1") + path; }
     // What a scan says of the idle process, which cannot be looked up, and of the system process, which has no image.
     static std::vector<std::string> Visited(const char* scan)
     {
@@ -34,8 +31,8 @@ protected:
             "Tarnveil - GetProcessImageNameFromProcessId Failed: 0xC000000DL\n",
             Text("Tarnveil - %s: 4 - System\n", scan), "Tarnveil - KernelGetLongPathName failed c000000d\n"};
     }
-    void ExpectTexts(const std::vector<std::string>& texts, std::vector<std::string> begin,
-        const std::vector<std::string>& rest)
+    void ExpectTexts(
+        const std::vector<std::string>& texts, std::vector<std::string> begin, const std::vector<std::string>& rest)
     {
         begin.insert(begin.end(), rest.begin(), rest.end());
         EXPECT_EQ(texts, begin);
@@ -102,12 +99,12 @@ TEST_F(ProcessTraceTest, ACreationTellsTheListsThatHoldTheImage)
     Program parent = agent_;
     Program child = agent_;
     EXPECT_THAT(Traced([&] { parent = machine_.StartProcess(L"C:\\p.exe"); }),
-        ElementsAre("Tarnveil - ParentProcessNameList:Exist: C:\\p.exe\n",
-            "Tarnveil - ProcessNameList:Exist: C:\\p.exe\n"));
+        ElementsAre(
+            "Tarnveil - ParentProcessNameList:Exist: C:\\p.exe\n", "Tarnveil - ProcessNameList:Exist: C:\\p.exe\n"));
     EXPECT_THAT(Traced([&] { child = parent.Start(L"C:\\c.exe"); }),
         ElementsAre("Tarnveil - MonitoredParentProcessList:Exist: C:\\c.exe\n"));
-    EXPECT_THAT(Traced([&] { child.Start(L"C:\\g.exe"); }),
-        ElementsAre("Tarnveil - MonitoredProcessList:Exist: C:\\g.exe\n"));
+    EXPECT_THAT(
+        Traced([&] { child.Start(L"C:\\g.exe"); }), ElementsAre("Tarnveil - MonitoredProcessList:Exist: C:\\g.exe\n"));
     EXPECT_THAT(Traced([&] { parent.Start(L"C:\\e.exe"); }),
         ElementsAre("Tarnveil - ExclusionProcessNameList:Exist: C:\\e.exe\n"));
     EXPECT_THAT(Traced([&] { machine_.StartProcess(L"C:\\s.exe"); }), IsEmpty());
@@ -119,8 +116,8 @@ TEST_F(ProcessTraceTest, ASettingThatCannotBecomeAnNtPathIsTakenBackAloud)
     const auto texts = [id](const char* scan, const char* request)
     {
         return std::vector<std::string>{"Tarnveil.sys: ", Text("[IDMan] %s = %u\n", "IssueId", id),
-            "GetNtNameFromDosName failed: Invalid Parameter a.exe\n",
-            Text("Tarnveil - %s error - c000000d\n", scan), "Tarnveil.sys: ", Text("[IDMan] ReleaseId = %u\n", id),
+            "GetNtNameFromDosName failed: Invalid Parameter a.exe\n", Text("Tarnveil - %s error - c000000d\n", scan),
+            "Tarnveil.sys: ", Text("[IDMan] ReleaseId = %u\n", id),
             Text("Tarnveil - %s: 'a.exe', id(%d)\n", request, id)};
     };
     EXPECT_EQ(PrintsOf([&] { EXPECT_EQ(agent_.AddParentProcess(L"a.exe").Status, STATUS_INVALID_PARAMETER); }),
@@ -173,13 +170,12 @@ TEST_F(ProcessTraceTest, WithoutMemoryForTheImagePathAProcessStaysUntracked)
     agent_.AddExclusion(L"\\??\\UNC\\server\\a.exe");
     Listen();
     NamedCreation creation(L"\\??\\UNC\\server\\a.exe");
-    const char* const failures[] = {"Tarnveil - GetFileNameFromCreateInfo failed c000009a\n",
-        "Tarnveil - KernelGetLongPathName failed c000009a\n"};
+    const char* const failures[] = {
+        "Tarnveil - GetFileNameFromCreateInfo failed c000009a\n", "Tarnveil - KernelGetLongPathName failed c000009a\n"};
     for (uint64_t i = 0; i < 2; ++i)
     {
         FailRoutine("ExAllocatePoolWithTag", i + 1);
-        EXPECT_THAT(PrintsOf([&] { creation.Notify(agent_); }),
-            ElementsAre("Memory allocation error\n", failures[i]));
+        EXPECT_THAT(PrintsOf([&] { creation.Notify(agent_); }), ElementsAre("Memory allocation error\n", failures[i]));
         EXPECT_EQ(InjectedFailures(), 1u);
         ResetFailures();
     }
@@ -193,8 +189,8 @@ TEST_F(ProcessTraceTest, AnImageWithAnEmptyNameStaysUntracked)
 {
     Listen();
     NamedCreation creation(L"");
-    EXPECT_THAT(PrintsOf([&] { creation.Notify(agent_); }),
-        ElementsAre("Tarnveil - KernelGetLongPathName failed c000000d\n"));
+    EXPECT_THAT(
+        PrintsOf([&] { creation.Notify(agent_); }), ElementsAre("Tarnveil - KernelGetLongPathName failed c000000d\n"));
     EXPECT_THAT(Messages(), IsEmpty());
 }
 }

@@ -14,9 +14,9 @@ TEST_F(SettingIdTest, NumbersCountUpWithoutDeletions)
     EXPECT_EQ(IssueId(), Id(0));
     EXPECT_EQ(IssueId(), Id(1));
     EXPECT_EQ(IssueId(), Id(2));
-    EXPECT_THAT(machine_.DebugPrints(),
-        ElementsAre("Tarnveil.sys: ", Text("[IDMan] IssueId = %u\n", Id(0)), "Tarnveil.sys: ",
-            Text("[IDMan] IssueId = %u\n", Id(1)), "Tarnveil.sys: ", Text("[IDMan] IssueId = %u\n", Id(2))));
+    EXPECT_THAT(machine_.DebugPrints(), ElementsAre("Tarnveil.sys: ", Text("[IDMan] IssueId = %u\n", Id(0)),
+                                            "Tarnveil.sys: ", Text("[IDMan] IssueId = %u\n", Id(1)),
+                                            "Tarnveil.sys: ", Text("[IDMan] IssueId = %u\n", Id(2))));
 }
 
 TEST_F(SettingIdTest, AddsOfAllKindsShareOneCounter)
@@ -37,9 +37,9 @@ TEST_F(SettingIdTest, ReleasedNumbersComeBackInTheOrderOfTheirRelease)
     EXPECT_EQ(IssueId(), second);
     EXPECT_EQ(IssueId(), first);
     EXPECT_EQ(IssueId(), third + 1);
-    EXPECT_THAT(machine_.DebugPrints(),
-        ElementsAre("Tarnveil.sys: ", Text("[IDMan] ReuseId = %u\n", second), "Tarnveil.sys: ",
-            Text("[IDMan] ReuseId = %u\n", first), "Tarnveil.sys: ", Text("[IDMan] IssueId = %u\n", third + 1)));
+    EXPECT_THAT(machine_.DebugPrints(), ElementsAre("Tarnveil.sys: ", Text("[IDMan] ReuseId = %u\n", second),
+                                            "Tarnveil.sys: ", Text("[IDMan] ReuseId = %u\n", first),
+                                            "Tarnveil.sys: ", Text("[IDMan] IssueId = %u\n", third + 1)));
 }
 
 TEST_F(SettingIdTest, ANumberReleasedTwiceIsKeptOnce)
@@ -70,8 +70,8 @@ TEST_F(SettingIdTest, WithoutMemoryAReleasedNumberIsLost)
     FailRoutine("ExAllocatePoolWithTag");
     EXPECT_EQ(ReleaseId(id), STATUS_INSUFFICIENT_RESOURCES);
     ResetFailures();
-    EXPECT_THAT(machine_.DebugPrints(),
-        ElementsAre("Tarnveil.sys: ", "[IDMan] ReleasedId information allocate error\n"));
+    EXPECT_THAT(
+        machine_.DebugPrints(), ElementsAre("Tarnveil.sys: ", "[IDMan] ReleasedId information allocate error\n"));
     EXPECT_EQ(IssueId(), id + 1);
 }
 

@@ -23,8 +23,8 @@ const ListCase Lists[] = {
         "IOCTL_ADD_PARENT_PROCESS", "IOCTL = ADD_PARENT", 2},
     {"Process", &ProcessNames, &ControlClient::AddProcess, IOCTL_ADD_PROCESS, "IOCTL_ADD_PROCESS",
         "IOCTL = ADD_PROCESS", 1},
-    {"Exclusion", &ExclusionProcessNames, &ControlClient::AddExclusion, IOCTL_ADD_EXC_PROCESS,
-        "IOCTL_ADD_EXC_PROCESS", "IOCTL = ADD_EXC_PROC", 1},
+    {"Exclusion", &ExclusionProcessNames, &ControlClient::AddExclusion, IOCTL_ADD_EXC_PROCESS, "IOCTL_ADD_EXC_PROCESS",
+        "IOCTL = ADD_EXC_PROC", 1},
 };
 
 void PrintTo(const ListCase& list, std::ostream* stream)
@@ -35,10 +35,7 @@ void PrintTo(const ListCase& list, std::ostream* stream)
 class SettingListTest : public AgentTest, public testing::WithParamInterface<ListCase>
 {
 protected:
-    ControlAnswer Add(WideView path)
-    {
-        return (agent_.*GetParam().Add)(path);
-    }
+    ControlAnswer Add(WideView path) { return (agent_.*GetParam().Add)(path); }
     std::string Record(const char* operation, const char* outcome, ULONG id, const char* path)
     {
         return Text("IRP = DEV_CTRL %s status = %s id = %u path = %s", operation, outcome, id, path);
@@ -66,14 +63,11 @@ protected:
         const UNICODE_STRING name = Counted(path);
         return FindSetting(*GetParam().List, &name, id);
     }
-    const char* Label() const
-    {
-        return GetParam().Label;
-    }
+    const char* Label() const { return GetParam().Label; }
 };
 
-INSTANTIATE_TEST_SUITE_P(Lists, SettingListTest, testing::ValuesIn(Lists),
-    [](const auto& info) { return std::string(info.param.Name); });
+INSTANTIATE_TEST_SUITE_P(
+    Lists, SettingListTest, testing::ValuesIn(Lists), [](const auto& info) { return std::string(info.param.Name); });
 
 TEST_P(SettingListTest, AnAddIsPrintedAndRecorded)
 {
@@ -168,12 +162,9 @@ TEST_P(SettingListTest, AnOutputOfOtherThanFourBytesAddsNothing)
     const std::string path("C\0:\0\\\0a\0\0\0", 10);
     for (const ULONG size : {0u, 3u, 5u, 8u})
     {
-        EXPECT_THAT(PrintsOf(
-                        [&]
-                        {
-                            EXPECT_EQ(agent_.DeviceControl(GetParam().Code, path, size).Status,
-                                STATUS_INVALID_PARAMETER);
-                        }),
+        EXPECT_THAT(
+            PrintsOf(
+                [&] { EXPECT_EQ(agent_.DeviceControl(GetParam().Code, path, size).Status, STATUS_INVALID_PARAMETER); }),
             IsEmpty());
     }
     ULONG id = 0;
@@ -186,8 +177,8 @@ TEST_P(SettingListTest, DeletingByIdRecordsTheDeletion)
     Add(L"C:\\b.exe");
     Listen();
     EXPECT_THAT(PrintsOf([&] { EXPECT_EQ(agent_.DelProcess(Id(0)), STATUS_SUCCESS); }),
-        ElementsAre(Text("Tarnveil - IOCTL_DEL_PROCESS: id(%d)\n", Id(0)), "Tarnveil.sys: ",
-            Text("[IDMan] ReleaseId = %u\n", Id(0))));
+        ElementsAre(Text("Tarnveil - IOCTL_DEL_PROCESS: id(%d)\n", Id(0)),
+            "Tarnveil.sys: ", Text("[IDMan] ReleaseId = %u\n", Id(0))));
     EXPECT_THAT(Messages(), ElementsAre(Record("IOCTL = DEL_PROCESS", "DELETED_SETTING", Id(0), "C:\\a.exe")));
     ULONG id = 0;
     EXPECT_FALSE(Find(L"C:\\a.exe", &id));
@@ -271,11 +262,8 @@ TEST_P(SettingListTest, WithoutMemoryNothingIsAdded)
     {
         ULONG id = 77777;
         FailRoutine("ExAllocatePoolWithTag", i + 1);
-        EXPECT_THAT(PrintsOf(
-                        [&]
-                        {
-                            EXPECT_EQ(AddSetting(*GetParam().List, L"C:\\a.exe", &id), STATUS_MEMORY_NOT_ALLOCATED);
-                        }),
+        EXPECT_THAT(
+            PrintsOf([&] { EXPECT_EQ(AddSetting(*GetParam().List, L"C:\\a.exe", &id), STATUS_MEMORY_NOT_ALLOCATED); }),
             ElementsAre(prints[i]));
         ResetFailures();
         EXPECT_EQ(id, 77777u);
@@ -319,8 +307,8 @@ TEST_P(SettingListTest, AFailedSnapshotTakesTheSettingBack)
     EXPECT_EQ(answer, (ControlAnswer{STATUS_ACCESS_DENIED, Id(0)}));
     EXPECT_THAT(prints, ElementsAre("Tarnveil.sys: ", Text("[IDMan] IssueId = %u\n", Id(0)),
                             "[DlExtFunc] QuerySystemInformation failed : non-mismatch C0000022\n",
-                            "Tarnveil - QuerySystemInformation error c0000022\n", "Tarnveil.sys: ",
-                            Text("[IDMan] ReleaseId = %u\n", Id(0)),
+                            "Tarnveil - QuerySystemInformation error c0000022\n",
+                            "Tarnveil.sys: ", Text("[IDMan] ReleaseId = %u\n", Id(0)),
                             Text("Tarnveil - %s: 'C:\\a.exe', id(%d)\n", GetParam().Request, Id(0))));
     EXPECT_THAT(Messages(), ElementsAre(Record(Label(), "ADDED_SETTING", Id(0), "C:\\a.exe"),
                                 Record(Label(), "DELETED_SETTING", Id(0), "C:\\a.exe")));
@@ -339,8 +327,7 @@ TEST_F(SettingListsTest, APathMayStandInAllThreeLists)
     Listen();
     agent_.StopDriver();
     EXPECT_THAT(Messages(),
-        ElementsAre(
-            Text("IRP = DEV_CTRL IOCTL = STOP status = DELETED_SETTING id = %u path = C:\\a.exe", Id(0)),
+        ElementsAre(Text("IRP = DEV_CTRL IOCTL = STOP status = DELETED_SETTING id = %u path = C:\\a.exe", Id(0)),
             Text("IRP = DEV_CTRL IOCTL = STOP status = DELETED_SETTING id = %u path = C:\\a.exe", Id(1)),
             Text("IRP = DEV_CTRL IOCTL = STOP status = DELETED_SETTING id = %u path = C:\\a.exe", Id(2))));
 }
@@ -348,8 +335,7 @@ TEST_F(SettingListsTest, APathMayStandInAllThreeLists)
 TEST_F(SettingListsTest, APathThatIsNoDrivePathIsTakenBack)
 {
     Listen();
-    EXPECT_THAT(
-        PrintsOf([&] { EXPECT_EQ(agent_.AddParentProcess(L"a.exe").Status, STATUS_INVALID_PARAMETER); }),
+    EXPECT_THAT(PrintsOf([&] { EXPECT_EQ(agent_.AddParentProcess(L"a.exe").Status, STATUS_INVALID_PARAMETER); }),
         testing::Contains("Tarnveil - RegistMonitoredParentProcess error - c000000d\n"));
     EXPECT_THAT(PrintsOf([&] { EXPECT_EQ(agent_.AddProcess(L"a.exe").Status, STATUS_INVALID_PARAMETER); }),
         testing::Contains("Tarnveil - RegistMonitoredProcess error - c000000d\n"));
@@ -369,7 +355,6 @@ TEST_F(SettingListsTest, AFailedScanForChildrenTakesTheParentSettingBack)
     EXPECT_THAT(PrintsOf([&] { EXPECT_EQ(agent_.AddParentProcess(L"C:\\a.exe").Status, STATUS_UNSUCCESSFUL); }),
         testing::Contains("Tarnveil - RegistMonitoredChildrenProcess error - c0000001\n"));
     constexpr char record[] = "IRP = DEV_CTRL IOCTL = ADD_PARENT status = %s id = %u path = C:\\a.exe";
-    EXPECT_THAT(Messages(),
-        ElementsAre(Text(record, "ADDED_SETTING", Id(0)), Text(record, "DELETED_SETTING", Id(0))));
+    EXPECT_THAT(Messages(), ElementsAre(Text(record, "ADDED_SETTING", Id(0)), Text(record, "DELETED_SETTING", Id(0))));
 }
 }

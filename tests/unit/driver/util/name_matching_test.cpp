@@ -9,7 +9,7 @@
 
 namespace
 {
-using namespace host;
+using namespace hosted;
 
 class NameMatching : public testing::Test
 {

@@ -10,7 +10,7 @@
 
 namespace
 {
-using namespace host;
+using namespace hosted;
 
 bool PlainMatch(const WCHAR* text, const WCHAR* pattern)
 {

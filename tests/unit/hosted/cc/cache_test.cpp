@@ -7,7 +7,7 @@
 #include <latch>
 #include <thread>
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -57,8 +57,8 @@ TEST_F(PageCache, DirtyNeighboursAreWrittenTogether)
     Write(file, 0, std::string(600000, 'w'));
     EXPECT_EQ(Files->TakePaging(), Paging{});
     EXPECT_EQ(FlushFile(file), STATUS_SUCCESS);
-    EXPECT_EQ(Files->TakePaging(), (Paging{{true, 0, 262144, 600000}, {true, 262144, 262144, 600000},
-                                       {true, 524288, 77824, 600000}}));
+    EXPECT_EQ(Files->TakePaging(),
+        (Paging{{true, 0, 262144, 600000}, {true, 262144, 262144, 600000}, {true, 524288, 77824, 600000}}));
     Write(file, 4096, std::string(4096, 'x'));
     Write(file, 12288, std::string(4096, 'x'));
     FlushFile(file);
@@ -77,8 +77,8 @@ TEST_F(PageCache, WholePagesAreNotReadBeforeTheyAreOverwritten)
     Write(file, 20000, std::string(10000, 'w'));
     EXPECT_EQ(Files->TakePaging(), (Paging{{false, 16384, 4096, 100000}, {false, 28672, 4096, 100000}}));
     FlushFile(file);
-    EXPECT_EQ(OnDisk(L"\\a").substr(16384, 14000),
-        std::string(3616, 'f') + std::string(10000, 'w') + std::string(384, 'f'));
+    EXPECT_EQ(
+        OnDisk(L"\\a").substr(16384, 14000), std::string(3616, 'f') + std::string(10000, 'w') + std::string(384, 'f'));
     CloseFile(file);
 }
 
@@ -315,8 +315,8 @@ TEST_F(PageCache, DirtyingAndTruncatingPages)
     EXPECT_EQ(CacheDirtyPageAt(map, 5000), STATUS_SUCCESS);
     EXPECT_EQ(CacheDirtyPageAt(map, 10000), STATUS_SUCCESS);
     EXPECT_EQ(FlushFile(file), STATUS_SUCCESS);
-    EXPECT_EQ(Files->TakePaging(), (Paging{{false, 4096, 4096, 10000}, {false, 8192, 4096, 10000},
-                                       {true, 4096, 8192, 10000}}));
+    EXPECT_EQ(Files->TakePaging(),
+        (Paging{{false, 4096, 4096, 10000}, {false, 8192, 4096, 10000}, {true, 4096, 8192, 10000}}));
     CacheTruncate(map, 5000);
     EXPECT_EQ(Read(file, 4990, 20), std::string(10, 'f') + std::string(10, '\0'));
     EXPECT_EQ(Files->TakePaging(), Paging{});

@@ -8,7 +8,7 @@
 
 #include <cstring>
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -149,8 +149,7 @@ TEST_F(KeyRoutines, SizeWithoutABuffer)
 {
     UNICODE_STRING name = Counted(L"SandboxCryptKey");
     ULONG used = 0;
-    EXPECT_EQ(STATUS_BUFFER_TOO_SMALL,
-              ZwQueryValueKey(key_, &name, KeyValuePartialInformation, nullptr, 0, &used));
+    EXPECT_EQ(STATUS_BUFFER_TOO_SMALL, ZwQueryValueKey(key_, &name, KeyValuePartialInformation, nullptr, 0, &used));
     EXPECT_EQ(21u, used);
 }
 
@@ -200,13 +199,12 @@ TEST_F(KeyRoutines, QueryFailures)
 {
     EXPECT_EQ(STATUS_OBJECT_NAME_NOT_FOUND, Query(L"None", KeyValuePartialInformation, 256));
     EXPECT_EQ(0xDEADu, used_);
-    EXPECT_EQ(STATUS_INVALID_PARAMETER,
-              Query(L"SandboxCryptKey", static_cast<KEY_VALUE_INFORMATION_CLASS>(3), 256));
+    EXPECT_EQ(STATUS_INVALID_PARAMETER, Query(L"SandboxCryptKey", static_cast<KEY_VALUE_INFORMATION_CLASS>(3), 256));
     FailRoutine("ZwQueryValueKey");
     EXPECT_EQ(STATUS_INSUFFICIENT_RESOURCES, Query(L"SandboxCryptKey", KeyValuePartialInformation, 256));
     EXPECT_EQ(Untouched, buffer_[0]);
-    EXPECT_EQ(STATUS_INVALID_HANDLE,
-              ZwQueryValueKey(nullptr, nullptr, KeyValuePartialInformation, buffer_, 16, &used_));
+    EXPECT_EQ(
+        STATUS_INVALID_HANDLE, ZwQueryValueKey(nullptr, nullptr, KeyValuePartialInformation, buffer_, 16, &used_));
 }
 
 TEST_F(KeyRoutines, SetValue)

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -42,7 +42,9 @@ protected:
 TEST_F(RegText, Strings)
 {
     ASSERT_TRUE(Import(Start + std::string("\"Text\"=\"a\\\\b\\\"c\"\r\n@=\"d\"\r\n\"N\\\"\\\\\"=\"\"\r\n"))) << error_;
-    EXPECT_EQ("1:61005c00620022006300" "0000", Value(L"Text"));
+    EXPECT_EQ("1:61005c00620022006300"
+              "0000",
+        Value(L"Text"));
     EXPECT_EQ("1:64000000", Value(L""));
     EXPECT_EQ("1:0000", Value(L"N\"\\"));
 }
@@ -127,7 +129,8 @@ TEST_F(RegText, Encodings)
 
 TEST_F(RegText, ErrorsNameTheLineAndChangeNothing)
 {
-    auto fails = [&](const std::string& lines) {
+    auto fails = [&](const std::string& lines)
+    {
         EXPECT_FALSE(Import(Start + ("\"Good\"=dword:1\n" + lines))) << lines;
         EXPECT_EQ("none", Value(L"Good"));
         return error_;
@@ -177,7 +180,7 @@ TEST_F(RegText, Exports)
               "\"Odd\"=hex(1):61\r\n"
               "\"Path\"=\"C:\\\\a \\\"b\\\"\"\r\n"
               "\r\n[HKEY_LOCAL_MACHINE\\SOFTWARE\\Orvane\\Sub]\r\n",
-              registry_.ExportReg(Key));
+        registry_.ExportReg(Key));
     EXPECT_EQ("Windows Registry Editor Version 5.00\r\n", registry_.ExportReg(L"\\Registry\\Machine\\None"));
 }
 

@@ -4,7 +4,7 @@
 
 #include <thread>
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -73,7 +73,8 @@ TEST(Registry, StoresValuesOfEveryKind)
     registry.SetBinary(Service, L"Bytes", std::vector<UCHAR>{9, 8, 7});
     registry.SetMultiString(Service, L"List", {L"a", L"bc"});
     registry.SetMultiString(Service, L"Empty", {});
-    auto get = [&](WideView name, ULONG type) {
+    auto get = [&](WideView name, ULONG type)
+    {
         std::optional<RegistryValue> value = registry.GetValue(Service, name);
         EXPECT_TRUE(value.has_value());
         EXPECT_EQ(type, value->Type);
@@ -119,14 +120,16 @@ TEST(Registry, ManyThreads)
     std::vector<std::thread> threads;
     for (ULONG i = 0; i < 4; ++i)
     {
-        threads.emplace_back([&, i] {
-            for (ULONG j = 0; j < 200; ++j)
+        threads.emplace_back(
+            [&, i]
             {
-                registry.SetDword(Service, WideString(1, static_cast<WCHAR>(L'a' + i)), j);
-                registry.GetValue(Service, L"a");
-                registry.ExportReg(Service);
-            }
-        });
+                for (ULONG j = 0; j < 200; ++j)
+                {
+                    registry.SetDword(Service, WideString(1, static_cast<WCHAR>(L'a' + i)), j);
+                    registry.GetValue(Service, L"a");
+                    registry.ExportReg(Service);
+                }
+            });
     }
     for (std::thread& thread : threads)
     {

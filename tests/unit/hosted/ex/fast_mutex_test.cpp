@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -81,14 +81,16 @@ TEST_F(FastMutex, ExcludesOthers)
     std::vector<std::thread> threads;
     for (int i = 0; i < 4; ++i)
     {
-        threads.emplace_back([&] {
-            for (int j = 0; j < Rounds; ++j)
+        threads.emplace_back(
+            [&]
             {
-                ExAcquireFastMutex(&first_);
-                ++counter;
-                ExReleaseFastMutex(&first_);
-            }
-        });
+                for (int j = 0; j < Rounds; ++j)
+                {
+                    ExAcquireFastMutex(&first_);
+                    ++counter;
+                    ExReleaseFastMutex(&first_);
+                }
+            });
     }
     for (std::thread& thread : threads)
     {
@@ -102,11 +104,13 @@ TEST_F(FastMutex, AWaiterGetsItAndIsCounted)
 {
     ExAcquireFastMutex(&first_);
     std::atomic<bool> got = false;
-    std::thread waiter([&] {
-        ExAcquireFastMutex(&first_);
-        got = true;
-        ExReleaseFastMutex(&first_);
-    });
+    std::thread waiter(
+        [&]
+        {
+            ExAcquireFastMutex(&first_);
+            got = true;
+            ExReleaseFastMutex(&first_);
+        });
     while (std::atomic_ref(first_.Contention).load() == 0)
     {
         std::this_thread::yield();

@@ -12,7 +12,7 @@
 #include <thread>
 #include <vector>
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -181,22 +181,24 @@ TEST_P(Pool, ManyThreads)
     std::vector<std::thread> threads;
     for (int i = 0; i < 4; ++i)
     {
-        threads.emplace_back([] {
-            std::vector<void*> blocks;
-            for (SIZE_T j = 1; j <= 400; ++j)
+        threads.emplace_back(
+            []
             {
-                blocks.push_back(Allocate(j));
-                if (j % 3 == 0)
+                std::vector<void*> blocks;
+                for (SIZE_T j = 1; j <= 400; ++j)
                 {
-                    Free(blocks.front());
-                    blocks.erase(blocks.begin());
+                    blocks.push_back(Allocate(j));
+                    if (j % 3 == 0)
+                    {
+                        Free(blocks.front());
+                        blocks.erase(blocks.begin());
+                    }
                 }
-            }
-            for (void* block : blocks)
-            {
-                Free(block);
-            }
-        });
+                for (void* block : blocks)
+                {
+                    Free(block);
+                }
+            });
     }
     for (std::thread& thread : threads)
     {
@@ -304,8 +306,8 @@ TEST_P(Pool, OverrunDeath)
     Free(const_cast<UCHAR*>(block));
 }
 
-INSTANTIATE_TEST_SUITE_P(Memory, Pool, testing::Bool(),
-                         [](const auto& info) { return info.param ? "Guarded" : "Plain"; });
+INSTANTIATE_TEST_SUITE_P(
+    Memory, Pool, testing::Bool(), [](const auto& info) { return info.param ? "Guarded" : "Plain"; });
 
 TEST(PlainPool, LargeAndCacheAlignedBlocks)
 {

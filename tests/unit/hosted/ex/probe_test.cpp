@@ -4,7 +4,7 @@
 #include <fault_guard.h>
 #include <gtest/gtest.h>
 
-namespace host
+namespace hosted
 {
 namespace
 {

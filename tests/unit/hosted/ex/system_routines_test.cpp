@@ -5,7 +5,7 @@
 
 #include <gtest/gtest.h>
 
-namespace host
+namespace hosted
 {
 namespace
 {

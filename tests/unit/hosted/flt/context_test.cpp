@@ -32,8 +32,8 @@ protected:
     {
         const PFLT_CONTEXT context = Allocate();
         PFLT_CONTEXT old = this;
-        EXPECT_EQ(FltSetStreamContext(instance_, file_, FLT_SET_CONTEXT_REPLACE_IF_EXISTS, context, &old),
-                  STATUS_SUCCESS);
+        EXPECT_EQ(
+            FltSetStreamContext(instance_, file_, FLT_SET_CONTEXT_REPLACE_IF_EXISTS, context, &old), STATUS_SUCCESS);
         EXPECT_EQ(old, nullptr);
         FltReleaseContext(context);
         return context;
@@ -49,10 +49,10 @@ TEST_F(FltContext, AllocationMatchesTheRegistration)
 {
     PFLT_CONTEXT context = this;
     EXPECT_EQ(FltAllocateContext(filter_, FLT_STREAM_CONTEXT, ContextSize + 1, NonPagedPool, &context),
-              STATUS_FLT_CONTEXT_ALLOCATION_NOT_FOUND);
+        STATUS_FLT_CONTEXT_ALLOCATION_NOT_FOUND);
     EXPECT_EQ(context, nullptr);
     EXPECT_EQ(FltAllocateContext(filter_, 0x0010, ContextSize, NonPagedPool, &context),
-              STATUS_FLT_CONTEXT_ALLOCATION_NOT_FOUND);
+        STATUS_FLT_CONTEXT_ALLOCATION_NOT_FOUND);
     EXPECT_DEATH(FltAllocateContext(filter_, FLT_STREAM_CONTEXT, ContextSize, PagedPool, &context), "FLT_CONTEXT_POOL");
     Model().MinorVersion = 2; // the first that has this kind of pool
     ASSERT_EQ(FltAllocateContext(filter_, FLT_STREAM_CONTEXT, ContextSize, NonPagedPoolNx, &context), STATUS_SUCCESS);
@@ -70,11 +70,11 @@ TEST_F(FltContext, FailsWhenToldTo)
     PFLT_CONTEXT context = this;
     FailRoutine("FltAllocateContext");
     EXPECT_EQ(FltAllocateContext(filter_, FLT_STREAM_CONTEXT, ContextSize, NonPagedPool, &context),
-              STATUS_INSUFFICIENT_RESOURCES);
+        STATUS_INSUFFICIENT_RESOURCES);
     EXPECT_EQ(context, nullptr);
     FailRoutine("ExAllocatePoolWithTag");
     EXPECT_EQ(FltAllocateContext(filter_, FLT_STREAM_CONTEXT, ContextSize, NonPagedPool, &context),
-              STATUS_INSUFFICIENT_RESOURCES);
+        STATUS_INSUFFICIENT_RESOURCES);
     const PFLT_CONTEXT attached = Attach();
     FailRoutine("FltGetStreamContext");
     EXPECT_EQ(FltGetStreamContext(instance_, file_, &context), STATUS_NOT_FOUND);
@@ -83,7 +83,7 @@ TEST_F(FltContext, FailsWhenToldTo)
     const PFLT_CONTEXT other = Allocate();
     PFLT_CONTEXT old = this;
     EXPECT_EQ(FltSetStreamContext(instance_, file_, FLT_SET_CONTEXT_REPLACE_IF_EXISTS, other, &old),
-              STATUS_INSUFFICIENT_RESOURCES);
+        STATUS_INSUFFICIENT_RESOURCES);
     EXPECT_EQ(old, nullptr);
     FltReleaseContext(other);
     EXPECT_EQ(FltGetStreamContext(instance_, file_, &context), STATUS_SUCCESS);
@@ -124,7 +124,7 @@ TEST_F(FltContext, StreamsAreToldApart)
     EXPECT_EQ(FltGetStreamContext(instance_, second, &found), STATUS_NOT_SUPPORTED);
     const PFLT_CONTEXT unattached = Allocate();
     EXPECT_EQ(FltSetStreamContext(instance_, second, FLT_SET_CONTEXT_REPLACE_IF_EXISTS, unattached, nullptr),
-              STATUS_NOT_SUPPORTED);
+        STATUS_NOT_SUPPORTED);
     FltReleaseContext(unattached);
     CloseFile(second);
 }
@@ -156,11 +156,11 @@ TEST_F(FltContext, KeepingLeavesThePresentOne)
     const PFLT_CONTEXT second = Allocate();
     PFLT_CONTEXT old = nullptr;
     EXPECT_EQ(FltSetStreamContext(instance_, file_, FLT_SET_CONTEXT_KEEP_IF_EXISTS, second, &old),
-              STATUS_FLT_CONTEXT_ALREADY_DEFINED);
+        STATUS_FLT_CONTEXT_ALREADY_DEFINED);
     EXPECT_EQ(old, first);
     FltReleaseContext(old);
     EXPECT_EQ(FltSetStreamContext(instance_, file_, FLT_SET_CONTEXT_KEEP_IF_EXISTS, second, nullptr),
-              STATUS_FLT_CONTEXT_ALREADY_DEFINED);
+        STATUS_FLT_CONTEXT_ALREADY_DEFINED);
     FltReleaseContext(second);
     EXPECT_EQ(cleaned_, Contexts{second});
     FilterStreamDeleted(&files_->Stream);
@@ -174,7 +174,7 @@ TEST_F(FltContext, KeepingLeavesThePresentOne)
 TEST_F(FltContext, RefusesWrongParameters)
 {
     EXPECT_EQ(FltSetStreamContext(instance_, file_, FLT_SET_CONTEXT_REPLACE_IF_EXISTS, nullptr, nullptr),
-              STATUS_INVALID_PARAMETER);
+        STATUS_INVALID_PARAMETER);
     const PFLT_CONTEXT context = Attach();
     EXPECT_EQ(
         static_cast<ULONG>(FltSetStreamContext(instance_, file_, FLT_SET_CONTEXT_REPLACE_IF_EXISTS, context, nullptr)),
@@ -190,7 +190,7 @@ TEST_F(FltContext, DismountingTearsDown)
     const PFLT_CONTEXT context = Allocate();
     ASSERT_EQ(FltSetStreamContext(instance, file, FLT_SET_CONTEXT_REPLACE_IF_EXISTS, context, nullptr), STATUS_SUCCESS);
     EXPECT_DEATH(FltSetStreamContext(instance, file_, FLT_SET_CONTEXT_REPLACE_IF_EXISTS, context, nullptr),
-                 "FLT_WRONG_INSTANCE");
+        "FLT_WRONG_INSTANCE");
     FltReleaseContext(context);
     CloseFile(file);
     EXPECT_TRUE(cleaned_.empty());
@@ -228,10 +228,10 @@ TEST_F(FltContext, Levels)
     }
     const RaisedIrql raised(DISPATCH_LEVEL);
     EXPECT_DEATH(FltGetStreamContext(instance_, file_, &found), "FltGetStreamContext");
-    EXPECT_DEATH(FltAllocateContext(filter_, FLT_STREAM_CONTEXT, ContextSize, NonPagedPool, &found),
-                 "FltAllocateContext");
+    EXPECT_DEATH(
+        FltAllocateContext(filter_, FLT_STREAM_CONTEXT, ContextSize, NonPagedPool, &found), "FltAllocateContext");
     EXPECT_DEATH(FltSetStreamContext(instance_, file_, FLT_SET_CONTEXT_REPLACE_IF_EXISTS, context, nullptr),
-                 "FltSetStreamContext");
+        "FltSetStreamContext");
     FltReleaseContext(found);
 }
 
@@ -256,10 +256,10 @@ TEST_F(FltContext, ManyThreadsGetAndReplace)
                 {
                     PFLT_CONTEXT context = nullptr;
                     ASSERT_EQ(FltAllocateContext(filter_, FLT_STREAM_CONTEXT, ContextSize, NonPagedPool, &context),
-                              STATUS_SUCCESS);
+                        STATUS_SUCCESS);
                     PFLT_CONTEXT old = nullptr;
                     ASSERT_EQ(FltSetStreamContext(instance_, file_, FLT_SET_CONTEXT_REPLACE_IF_EXISTS, context, &old),
-                              STATUS_SUCCESS);
+                        STATUS_SUCCESS);
                     if (old != nullptr)
                     {
                         FltReleaseContext(old);

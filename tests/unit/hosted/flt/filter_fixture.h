@@ -17,7 +17,7 @@
 
 namespace flt_test
 {
-using namespace host;
+using namespace hosted;
 
 class RecordingFiles : public FileSystem
 {
@@ -50,28 +50,16 @@ public:
         return STATUS_SUCCESS;
     }
 
-    bool FastIoPossible(PFILE_OBJECT, bool, ULONG) override
-    {
-        return FastIo;
-    }
+    bool FastIoPossible(PFILE_OBJECT, bool, ULONG) override { return FastIo; }
     NTSTATUS NormalizedName(PFILE_OBJECT, ULONG options, WideString* path) override
     {
         NameOptions = options;
         *path = Normalized;
         return NameStatus;
     }
-    void Settled(PFILE_OBJECT) override
-    {
-        ++TimesSettled;
-    }
-    bool IsDirectory(PFILE_OBJECT) override
-    {
-        return Directory;
-    }
-    bool IsPagingFile(PFILE_OBJECT) override
-    {
-        return PagingFile;
-    }
+    void Settled(PFILE_OBJECT) override { ++TimesSettled; }
+    bool IsDirectory(PFILE_OBJECT) override { return Directory; }
+    bool IsPagingFile(PFILE_OBJECT) override { return PagingFile; }
 
     // How many operations of one kind arrived.
     size_t Count(UCHAR major)
@@ -120,13 +108,13 @@ inline FLT_PREOP_CALLBACK_STATUS NTAPI OnPre(PFLT_CALLBACK_DATA data, PCFLT_RELA
 {
     return callbacks.Pre ? callbacks.Pre(data, objects, context) : FLT_PREOP_SUCCESS_NO_CALLBACK;
 }
-inline FLT_POSTOP_CALLBACK_STATUS NTAPI OnPost(PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS objects, PVOID context,
-                                               FLT_POST_OPERATION_FLAGS)
+inline FLT_POSTOP_CALLBACK_STATUS NTAPI OnPost(
+    PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS objects, PVOID context, FLT_POST_OPERATION_FLAGS)
 {
     return callbacks.Post ? callbacks.Post(data, objects, context) : FLT_POSTOP_FINISHED_PROCESSING;
 }
-inline NTSTATUS NTAPI OnSetup(PCFLT_RELATED_OBJECTS objects, FLT_INSTANCE_SETUP_FLAGS flags, DEVICE_TYPE device,
-                              FLT_FILESYSTEM_TYPE type)
+inline NTSTATUS NTAPI OnSetup(
+    PCFLT_RELATED_OBJECTS objects, FLT_INSTANCE_SETUP_FLAGS flags, DEVICE_TYPE device, FLT_FILESYSTEM_TYPE type)
 {
     return callbacks.Setup ? callbacks.Setup(objects, flags, device, type) : STATUS_SUCCESS;
 }
@@ -148,11 +136,11 @@ constexpr SIZE_T ContextSize = 40;
 inline const FLT_CONTEXT_REGISTRATION contextRegistration[] = {
     {FLT_STREAM_CONTEXT, 0, OnCleanup, ContextSize, ContextTag, nullptr, nullptr, nullptr},
     {FLT_CONTEXT_END, 0, nullptr, 0, 0, nullptr, nullptr, nullptr}};
-inline const FLT_OPERATION_REGISTRATION operationRegistration[] = {
-    {IRP_MJ_CREATE, 0, OnPre, OnPost, nullptr},          {IRP_MJ_READ, 0, OnPre, OnPost, nullptr},
-    {IRP_MJ_WRITE, 0, OnPre, OnPost, nullptr},           {IRP_MJ_SET_INFORMATION, 0, OnPre, OnPost, nullptr},
-    {IRP_MJ_CLEANUP, 0, OnPre, nullptr, nullptr},        {IRP_MJ_CLOSE, 0, OnPre, OnPost, nullptr},
-    {IRP_MJ_FLUSH_BUFFERS, 0, nullptr, OnPost, nullptr}, {IRP_MJ_OPERATION_END, 0, nullptr, nullptr, nullptr}};
+inline const FLT_OPERATION_REGISTRATION operationRegistration[] = {{IRP_MJ_CREATE, 0, OnPre, OnPost, nullptr},
+    {IRP_MJ_READ, 0, OnPre, OnPost, nullptr}, {IRP_MJ_WRITE, 0, OnPre, OnPost, nullptr},
+    {IRP_MJ_SET_INFORMATION, 0, OnPre, OnPost, nullptr}, {IRP_MJ_CLEANUP, 0, OnPre, nullptr, nullptr},
+    {IRP_MJ_CLOSE, 0, OnPre, OnPost, nullptr}, {IRP_MJ_FLUSH_BUFFERS, 0, nullptr, OnPost, nullptr},
+    {IRP_MJ_OPERATION_END, 0, nullptr, nullptr, nullptr}};
 
 inline FLT_REGISTRATION Registration()
 {
@@ -172,8 +160,8 @@ struct MountedFake
     Volume* Mounted;
 };
 
-inline MountedFake Mount(WideView device, WideView dos, DEVICE_TYPE kind = FILE_DEVICE_DISK_FILE_SYSTEM,
-                         ULONG sectorSize = 512)
+inline MountedFake Mount(
+    WideView device, WideView dos, DEVICE_TYPE kind = FILE_DEVICE_DISK_FILE_SYSTEM, ULONG sectorSize = 512)
 {
     auto volume = std::make_unique<Volume>();
     auto files = std::make_unique<RecordingFiles>();

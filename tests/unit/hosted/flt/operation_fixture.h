@@ -34,14 +34,8 @@ protected:
             return FLT_POSTOP_FINISHED_PROCESSING;
         };
     }
-    NTSTATUS Read(ULONG length = sizeof(buffer_))
-    {
-        return ReadFile(file_, 0, buffer_, length, &status_);
-    }
-    NTSTATUS ReadPage()
-    {
-        return PagingRead(file_, PAGE_SIZE, page_, PAGE_SIZE, &status_);
-    }
+    NTSTATUS Read(ULONG length = sizeof(buffer_)) { return ReadFile(file_, 0, buffer_, length, &status_); }
+    NTSTATUS ReadPage() { return PagingRead(file_, PAGE_SIZE, page_, PAGE_SIZE, &status_); }
 
     PFILE_OBJECT file_ = nullptr;
     char buffer_[64] = {};

@@ -80,7 +80,7 @@ TEST_F(FltOperation, PostSeesTheResultAndMayChangeIt)
         {
             EXPECT_EQ(context, &marker);
             EXPECT_EQ(data->Flags,
-                      static_cast<ULONG>(FLTFL_CALLBACK_DATA_IRP_OPERATION | FLTFL_CALLBACK_DATA_POST_OPERATION));
+                static_cast<ULONG>(FLTFL_CALLBACK_DATA_IRP_OPERATION | FLTFL_CALLBACK_DATA_POST_OPERATION));
             EXPECT_EQ(data->IoStatus.Status, STATUS_DISK_FULL);
             EXPECT_EQ(data->IoStatus.Information, 17u);
             data->IoStatus.Status = STATUS_INSUFFICIENT_RESOURCES;

@@ -46,17 +46,16 @@ TEST_F(FltRegistration, RefusesOtherVersionsAndSizes)
 TEST_F(FltRegistration, RefusesWrongOperations)
 {
     FLT_REGISTRATION registration = Registration();
-    const FLT_OPERATION_REGISTRATION unknown[] = {{0x70, 0, OnPre, nullptr, nullptr},
-                                                  {IRP_MJ_OPERATION_END, 0, nullptr, nullptr, nullptr}};
+    const FLT_OPERATION_REGISTRATION unknown[] = {
+        {0x70, 0, OnPre, nullptr, nullptr}, {IRP_MJ_OPERATION_END, 0, nullptr, nullptr, nullptr}};
     registration.OperationRegistration = unknown;
     EXPECT_EQ(Register(registration), STATUS_INVALID_PARAMETER);
-    const FLT_OPERATION_REGISTRATION empty[] = {{IRP_MJ_READ, 0, nullptr, nullptr, nullptr},
-                                                {IRP_MJ_OPERATION_END, 0, nullptr, nullptr, nullptr}};
+    const FLT_OPERATION_REGISTRATION empty[] = {
+        {IRP_MJ_READ, 0, nullptr, nullptr, nullptr}, {IRP_MJ_OPERATION_END, 0, nullptr, nullptr, nullptr}};
     registration.OperationRegistration = empty;
     EXPECT_EQ(Register(registration), STATUS_INVALID_PARAMETER);
     const FLT_OPERATION_REGISTRATION twice[] = {{IRP_MJ_READ, 0, OnPre, nullptr, nullptr},
-                                                {IRP_MJ_READ, 0, OnPre, nullptr, nullptr},
-                                                {IRP_MJ_OPERATION_END, 0, nullptr, nullptr, nullptr}};
+        {IRP_MJ_READ, 0, OnPre, nullptr, nullptr}, {IRP_MJ_OPERATION_END, 0, nullptr, nullptr, nullptr}};
     registration.OperationRegistration = twice;
     EXPECT_EQ(Register(registration), STATUS_INVALID_PARAMETER);
 }

@@ -7,10 +7,7 @@ namespace
 class FltVolumeQueries : public FilterTest
 {
 protected:
-    PFLT_VOLUME FltVolume()
-    {
-        return reinterpret_cast<PFLT_VOLUME>(volume_);
-    }
+    PFLT_VOLUME FltVolume() { return reinterpret_cast<PFLT_VOLUME>(volume_); }
 };
 
 TEST_F(FltVolumeQueries, VolumeName)

@@ -4,7 +4,7 @@
 #include <latch>
 #include <thread>
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -74,8 +74,7 @@ TEST_F(FileConcurrency, OneStreamFromEverySide)
         {
             for (int round = 0; round < 60; ++round)
             {
-                PFILE_OBJECT file =
-                    Open(L"\\a", {.Options = number == 1 ? ULONG(FILE_NO_INTERMEDIATE_BUFFERING) : 0});
+                PFILE_OBJECT file = Open(L"\\a", {.Options = number == 1 ? ULONG(FILE_NO_INTERMEDIATE_BUFFERING) : 0});
                 char bytes[4096];
                 IO_STATUS_BLOCK status;
                 switch (number)
@@ -112,9 +111,10 @@ TEST_F(FileConcurrency, NamesComeAndGo)
             {
                 const WideString path = L"\\dir\\Shared file name " + Widen(std::to_string((round + number) % 5));
                 PFILE_OBJECT file = nullptr;
-                const NTSTATUS status =
-                    TryOpen(path, {.Disposition = round % 3 == 0 ? ULONG(FILE_OVERWRITE_IF) : ULONG(FILE_OPEN_IF),
-                                .Options = round % 4 == 0 ? ULONG(FILE_DELETE_ON_CLOSE) : 0}, &file);
+                const NTSTATUS status = TryOpen(path,
+                    {.Disposition = round % 3 == 0 ? ULONG(FILE_OVERWRITE_IF) : ULONG(FILE_OPEN_IF),
+                        .Options = round % 4 == 0 ? ULONG(FILE_DELETE_ON_CLOSE) : 0},
+                    &file);
                 EXPECT_TRUE(status == STATUS_SUCCESS || status == STATUS_DELETE_PENDING) << std::hex << status;
                 if (NT_SUCCESS(status))
                 {

@@ -1,6 +1,6 @@
 #include "volume_fixture.h"
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -59,8 +59,8 @@ TEST_F(FileCreate, DirectoriesAndFilesAreToldApart)
     EXPECT_EQ(Attempt(L"\\file\\", {.Disposition = FILE_OPEN}), STATUS_OBJECT_NAME_INVALID);
     EXPECT_EQ(Attempt(L"\\file\\", {.Disposition = FILE_OPEN, .Options = FILE_DIRECTORY_FILE}), STATUS_NOT_A_DIRECTORY);
     EXPECT_EQ(Attempt(L"\\file\\below"), STATUS_OBJECT_PATH_NOT_FOUND);
-    EXPECT_EQ(Attempt(L"\\dir", {.Disposition = FILE_CREATE, .Options = FILE_DIRECTORY_FILE}),
-        STATUS_OBJECT_NAME_COLLISION);
+    EXPECT_EQ(
+        Attempt(L"\\dir", {.Disposition = FILE_CREATE, .Options = FILE_DIRECTORY_FILE}), STATUS_OBJECT_NAME_COLLISION);
     EXPECT_EQ(Attempt(L"\\dir\\sub\\", {.Disposition = FILE_CREATE, .Options = FILE_DIRECTORY_FILE}), STATUS_SUCCESS);
     EXPECT_EQ(Attempt(L"\\a*b"), STATUS_OBJECT_NAME_INVALID);
 }

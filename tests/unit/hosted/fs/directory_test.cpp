@@ -4,7 +4,7 @@
 
 #include <cstring>
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -17,8 +17,8 @@ protected:
         std::vector<std::string> Names;
     };
 
-    static Answer Query(PFILE_OBJECT directory, WideView pattern = {}, bool single = false, bool restart = false,
-        ULONG length = 4096)
+    static Answer Query(
+        PFILE_OBJECT directory, WideView pattern = {}, bool single = false, bool restart = false, ULONG length = 4096)
     {
         alignas(8) char buffer[4096];
         ULONG_PTR used = 0;
@@ -29,7 +29,8 @@ protected:
         {
             FILE_BOTH_DIR_INFORMATION record;
             std::memcpy(&record, buffer + at, FIELD_OFFSET(FILE_BOTH_DIR_INFORMATION, FileName));
-            const auto* name = reinterpret_cast<WCHAR*>(buffer + at + FIELD_OFFSET(FILE_BOTH_DIR_INFORMATION, FileName));
+            const auto* name =
+                reinterpret_cast<WCHAR*>(buffer + at + FIELD_OFFSET(FILE_BOTH_DIR_INFORMATION, FileName));
             std::string shown = Narrow(WideView(name, record.FileNameLength / sizeof(WCHAR)));
             if (record.ShortNameLength != 0)
             {
@@ -158,16 +159,16 @@ TEST_F(DirectoryListing, OtherRecordsAndWrongTargets)
     EXPECT_EQ(size, 5);
     EXPECT_EQ(QueryDirectory(root, FileFullDirectoryInformation, false, true, {}, buffer, 200, &used), STATUS_SUCCESS);
     EXPECT_EQ(used, 68u + 6u);
-    EXPECT_EQ(QueryDirectory(root, FileBasicInformation, false, true, {}, buffer, 200, &used),
-        STATUS_INVALID_INFO_CLASS);
+    EXPECT_EQ(
+        QueryDirectory(root, FileBasicInformation, false, true, {}, buffer, 200, &used), STATUS_INVALID_INFO_CLASS);
     UserRegion region(PAGE_SIZE);
     region.Protect(true, false);
     EXPECT_EQ(QueryDirectory(root, FileNamesInformation, false, true, {}, region.Base(), 200, &used),
         STATUS_ACCESS_VIOLATION);
     CloseFile(root);
     PFILE_OBJECT file = Open(L"\\abc");
-    EXPECT_EQ(QueryDirectory(file, FileNamesInformation, false, true, {}, buffer, 200, &used),
-        STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(
+        QueryDirectory(file, FileNamesInformation, false, true, {}, buffer, 200, &used), STATUS_INVALID_PARAMETER);
     CloseFile(file);
 }
 

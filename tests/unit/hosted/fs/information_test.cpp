@@ -4,7 +4,7 @@
 
 #include <cstring>
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -97,14 +97,18 @@ TEST_F(FileInformationTest, SizesNamesAndStreams)
 
     alignas(8) char streams[200];
     EXPECT_EQ(QueryInformation(file, FileStreamInformation, streams, sizeof(streams), &used), STATUS_SUCCESS);
-    const auto field = [&](size_t at) { ULONG value; std::memcpy(&value, streams + at, 4); return value; };
+    const auto field = [&](size_t at)
+    {
+        ULONG value;
+        std::memcpy(&value, streams + at, 4);
+        return value;
+    };
     EXPECT_EQ(field(0), 40u); // 24 bytes and "::$DATA", rounded up
     EXPECT_EQ(field(8), 5000u);
     EXPECT_EQ(field(40), 0u);
     EXPECT_EQ(field(48), 7u);
     EXPECT_EQ(Narrow(WideView(reinterpret_cast<WCHAR*>(streams + 64), field(44) / 2)), ":note:$DATA");
-    EXPECT_EQ(QueryInformation(file, FileRenameInformation, streams, 8, &used),
-        STATUS_INVALID_INFO_CLASS);
+    EXPECT_EQ(QueryInformation(file, FileRenameInformation, streams, 8, &used), STATUS_INVALID_INFO_CLASS);
     CloseFile(file);
 }
 

@@ -1,5 +1,5 @@
 // Random operations on one file, compared with an array of bytes.
-#include "tests/temporary_folder.h"
+#include "tests/support/temporary_folder.h"
 #include "volume_fixture.h"
 
 #include <algorithm>
@@ -7,7 +7,7 @@
 #include <iostream>
 #include <random>
 
-namespace host
+namespace hosted
 {
 namespace
 {

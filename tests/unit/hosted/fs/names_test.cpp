@@ -4,7 +4,7 @@
 
 #include <set>
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -86,8 +86,8 @@ TEST(FileNames, ManyShortNamesStayShortAndDifferent)
     std::set<WideString> taken;
     for (int i = 0; i < 300; ++i)
     {
-        WideString name = MakeShortName(L"The same long name.document", [&](WideView wanted)
-            { return taken.contains(WideString(wanted)); });
+        WideString name = MakeShortName(
+            L"The same long name.document", [&](WideView wanted) { return taken.contains(WideString(wanted)); });
         EXPECT_TRUE(IsShortName(name)) << Narrow(name);
         EXPECT_TRUE(taken.insert(name).second);
     }

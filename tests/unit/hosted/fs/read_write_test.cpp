@@ -2,7 +2,7 @@
 
 #include "hosted/ke/user_access.h"
 
-namespace host
+namespace hosted
 {
 namespace
 {

@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-namespace host
+namespace hosted
 {
 struct PagingOperation
 {

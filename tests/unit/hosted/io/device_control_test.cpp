@@ -13,7 +13,7 @@
 #include <cstring>
 #include <thread>
 
-using namespace host;
+using namespace hosted;
 
 namespace
 {
@@ -99,7 +99,8 @@ protected:
 
 TEST_F(DeviceControlTest, TheDriverSeesTheRequestAsItWasMade)
 {
-    behaviour = [this](PDEVICE_OBJECT device, PIRP irp) {
+    behaviour = [this](PDEVICE_OBJECT device, PIRP irp)
+    {
         EXPECT_EQ(device, device_);
         EXPECT_EQ(UserMode, irp->RequestorMode);
         EXPECT_EQ(Output(), irp->UserBuffer);
@@ -125,7 +126,8 @@ TEST_F(DeviceControlTest, TheDriverSeesTheRequestAsItWasMade)
 
 TEST_F(DeviceControlTest, WithoutLengthsThereIsNoSystemBuffer)
 {
-    behaviour = [](PDEVICE_OBJECT, PIRP irp) {
+    behaviour = [](PDEVICE_OBJECT, PIRP irp)
+    {
         EXPECT_EQ(nullptr, irp->AssociatedIrp.SystemBuffer);
         return Finish(irp, STATUS_SUCCESS);
     };
@@ -134,7 +136,8 @@ TEST_F(DeviceControlTest, WithoutLengthsThereIsNoSystemBuffer)
 
 TEST_F(DeviceControlTest, CopiesAsManyBytesAsTheDriverReports)
 {
-    behaviour = [](PDEVICE_OBJECT, PIRP irp) {
+    behaviour = [](PDEVICE_OBJECT, PIRP irp)
+    {
         std::memcpy(irp->AssociatedIrp.SystemBuffer, "result", 6);
         return Finish(irp, STATUS_SUCCESS, 4);
     };
@@ -149,7 +152,8 @@ TEST_F(DeviceControlTest, CopiesForAWarningAndNotForAnError)
     for (const NTSTATUS answer : {STATUS_BUFFER_OVERFLOW, STATUS_INVALID_PARAMETER})
     {
         std::memcpy(Output(), "....", 4);
-        behaviour = [answer](PDEVICE_OBJECT, PIRP irp) {
+        behaviour = [answer](PDEVICE_OBJECT, PIRP irp)
+        {
             std::memcpy(irp->AssociatedIrp.SystemBuffer, "data", 4);
             return Finish(irp, answer, 4);
         };
@@ -161,7 +165,8 @@ TEST_F(DeviceControlTest, CopiesForAWarningAndNotForAnError)
 
 TEST_F(DeviceControlTest, RefusesBuffersThatTheProgramCannotUse)
 {
-    behaviour = [](PDEVICE_OBJECT, PIRP irp) {
+    behaviour = [](PDEVICE_OBJECT, PIRP irp)
+    {
         ADD_FAILURE() << "the request came through";
         return Finish(irp, STATUS_SUCCESS);
     };
@@ -185,7 +190,8 @@ TEST_F(DeviceControlTest, RefusesBuffersThatTheProgramCannotUse)
 
 TEST_F(DeviceControlTest, LengthsWithoutBuffersCountAsNone)
 {
-    behaviour = [](PDEVICE_OBJECT, PIRP irp) {
+    behaviour = [](PDEVICE_OBJECT, PIRP irp)
+    {
         const auto& parameters = IoGetCurrentIrpStackLocation(irp)->Parameters.DeviceIoControl;
         EXPECT_EQ(0u, parameters.OutputBufferLength);
         EXPECT_EQ(0u, parameters.InputBufferLength);
@@ -201,7 +207,8 @@ TEST_F(DeviceControlTest, LengthsWithoutBuffersCountAsNone)
 
 TEST_F(DeviceControlTest, WithoutALookTheDriverMeetsBuffersAsTheyAre)
 {
-    behaviour = [](PDEVICE_OBJECT, PIRP irp) {
+    behaviour = [](PDEVICE_OBJECT, PIRP irp)
+    {
         EXPECT_EQ(nullptr, irp->UserBuffer);
         EXPECT_EQ(4u, IoGetCurrentIrpStackLocation(irp)->Parameters.DeviceIoControl.OutputBufferLength);
         return Finish(irp, STATUS_INVALID_PARAMETER);
@@ -226,7 +233,8 @@ TEST_F(DeviceControlTest, NeitherMethodHandsTheAddressesThrough)
 {
     DeviceControlRequest request = Request("abc", 4);
     request.Code = Code | 3;
-    behaviour = [&request](PDEVICE_OBJECT, PIRP irp) {
+    behaviour = [&request](PDEVICE_OBJECT, PIRP irp)
+    {
         EXPECT_EQ(request.Input, IoGetCurrentIrpStackLocation(irp)->Parameters.DeviceIoControl.Type3InputBuffer);
         EXPECT_EQ(nullptr, irp->AssociatedIrp.SystemBuffer);
         return Finish(irp, STATUS_SUCCESS, 100);
@@ -239,7 +247,8 @@ TEST_F(DeviceControlTest, NeitherMethodHandsTheAddressesThrough)
 TEST_F(DeviceControlTest, WaitsForARequestThatIsCompletedLater)
 {
     std::thread later;
-    behaviour = [&later](PDEVICE_OBJECT, PIRP irp) {
+    behaviour = [&later](PDEVICE_OBJECT, PIRP irp)
+    {
         IoGetCurrentIrpStackLocation(irp)->Control |= 1; // SL_PENDING_RETURNED
         later = std::thread([irp] { Finish(irp, STATUS_TIMEOUT, 0); });
         return STATUS_PENDING;
@@ -259,34 +268,45 @@ using DeviceControlDeathTest = DeviceControlTest;
 
 TEST_F(DeviceControlDeathTest, StopsAtBrokenRules)
 {
-    const auto dies = [this](const char* rule, const std::function<NTSTATUS(PIRP)>& body) {
+    const auto dies = [this](const char* rule, const std::function<NTSTATUS(PIRP)>& body)
+    {
         behaviour = [&body](PDEVICE_OBJECT, PIRP irp) { return body(irp); };
         EXPECT_DEATH(Send(Request("abc", 4)), rule);
     };
     dies("IRP_NOT_COMPLETED", [](PIRP) { return STATUS_SUCCESS; });
-    dies("IRP_STATUS_MISMATCH", [](PIRP irp) {
-        Finish(irp, STATUS_SUCCESS);
-        return STATUS_UNSUCCESSFUL;
-    });
-    dies("IRP_PENDING_MISMATCH", [](PIRP irp) {
-        Finish(irp, STATUS_SUCCESS);
-        return STATUS_PENDING;
-    });
+    dies("IRP_STATUS_MISMATCH",
+        [](PIRP irp)
+        {
+            Finish(irp, STATUS_SUCCESS);
+            return STATUS_UNSUCCESSFUL;
+        });
+    dies("IRP_PENDING_MISMATCH",
+        [](PIRP irp)
+        {
+            Finish(irp, STATUS_SUCCESS);
+            return STATUS_PENDING;
+        });
     dies("IRP_COMPLETED_AS_PENDING", [](PIRP irp) { return Finish(irp, STATUS_PENDING); });
-    dies("MULTIPLE_IRP_COMPLETE_REQUESTS", [](PIRP irp) {
-        Finish(irp, STATUS_SUCCESS);
-        IoCompleteRequest(irp, IO_NO_INCREMENT);
-        return STATUS_SUCCESS;
-    });
+    dies("MULTIPLE_IRP_COMPLETE_REQUESTS",
+        [](PIRP irp)
+        {
+            Finish(irp, STATUS_SUCCESS);
+            IoCompleteRequest(irp, IO_NO_INCREMENT);
+            return STATUS_SUCCESS;
+        });
     dies("BUFFERED_INFORMATION_TOO_LARGE", [](PIRP irp) { return Finish(irp, STATUS_SUCCESS, 5); });
-    dies("IRQL_UNEXPECTED_VALUE", [](PIRP irp) {
-        const NTSTATUS status = Finish(irp, STATUS_SUCCESS);
-        SetIrql(APC_LEVEL);
-        return status;
-    });
-    dies("IofCompleteRequest", [](PIRP irp) {
-        const RaisedIrql raised(HIGH_LEVEL);
-        return Finish(irp, STATUS_SUCCESS);
-    });
+    dies("IRQL_UNEXPECTED_VALUE",
+        [](PIRP irp)
+        {
+            const NTSTATUS status = Finish(irp, STATUS_SUCCESS);
+            SetIrql(APC_LEVEL);
+            return status;
+        });
+    dies("IofCompleteRequest",
+        [](PIRP irp)
+        {
+            const RaisedIrql raised(HIGH_LEVEL);
+            return Finish(irp, STATUS_SUCCESS);
+        });
 }
 }

@@ -11,7 +11,7 @@
 
 #include <vector>
 
-using namespace host;
+using namespace hosted;
 using testing::ElementsAre;
 
 namespace
@@ -61,8 +61,8 @@ protected:
     {
         UNICODE_STRING string = Counted(name);
         PDEVICE_OBJECT device = nullptr;
-        EXPECT_EQ(STATUS_SUCCESS, IoCreateDevice(driver_, extension, &string, FILE_DEVICE_UNKNOWN, 0,
-                                                 exclusive ? TRUE : FALSE, &device));
+        EXPECT_EQ(STATUS_SUCCESS,
+            IoCreateDevice(driver_, extension, &string, FILE_DEVICE_UNKNOWN, 0, exclusive ? TRUE : FALSE, &device));
         if (ready)
         {
             ClearFlag(device->Flags, DO_DEVICE_INITIALIZING);
@@ -104,8 +104,7 @@ TEST_F(DeviceTest, RefusesATakenNameAndLeavesNothing)
     PDEVICE_OBJECT first = Create(L"\\Device\\Twice");
     UNICODE_STRING name = Counted(L"\\Device\\TWICE");
     PDEVICE_OBJECT second = nullptr;
-    EXPECT_EQ(STATUS_OBJECT_NAME_COLLISION,
-              IoCreateDevice(driver_, 0, &name, FILE_DEVICE_UNKNOWN, 0, FALSE, &second));
+    EXPECT_EQ(STATUS_OBJECT_NAME_COLLISION, IoCreateDevice(driver_, 0, &name, FILE_DEVICE_UNKNOWN, 0, FALSE, &second));
     EXPECT_EQ(second, nullptr);
     EXPECT_EQ(driver_->DeviceObject, first);
     EXPECT_EQ(first->NextDevice, nullptr);
@@ -116,8 +115,7 @@ TEST_F(DeviceTest, FailsByInjection)
     FailRoutine("IoCreateDevice");
     UNICODE_STRING name = Counted(L"\\Device\\None");
     PDEVICE_OBJECT device = nullptr;
-    EXPECT_EQ(STATUS_INSUFFICIENT_RESOURCES,
-              IoCreateDevice(driver_, 0, &name, FILE_DEVICE_UNKNOWN, 0, FALSE, &device));
+    EXPECT_EQ(STATUS_INSUFFICIENT_RESOURCES, IoCreateDevice(driver_, 0, &name, FILE_DEVICE_UNKNOWN, 0, FALSE, &device));
     EXPECT_EQ(device, nullptr);
     ResetFailures();
 }

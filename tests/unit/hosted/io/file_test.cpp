@@ -206,7 +206,7 @@ TEST_F(IoFile, OnlyWhatWasGranted)
     FILE_BASIC_INFORMATION basic{};
     EXPECT_EQ(SetInformation(file, FileBasicInformation, &basic, sizeof(basic)), STATUS_ACCESS_DENIED);
     EXPECT_EQ(QueryDirectory(file, FileBothDirectoryInformation, true, true, {}, buffer_, 100, nullptr),
-              STATUS_ACCESS_DENIED);
+        STATUS_ACCESS_DENIED);
     EXPECT_EQ(FlushFile(file), STATUS_ACCESS_DENIED);
     EXPECT_EQ(files_->Seen.size(), 0u);
     CloseFile(file);
@@ -353,12 +353,12 @@ TEST_F(IoFile, DirectoryQueries)
         return STATUS_SUCCESS;
     };
     ULONG_PTR used = 0;
-    EXPECT_EQ(QueryDirectory(file, FileBothDirectoryInformation, true, true, L"*.txt", buffer_, 512, &used),
-              STATUS_SUCCESS);
+    EXPECT_EQ(
+        QueryDirectory(file, FileBothDirectoryInformation, true, true, L"*.txt", buffer_, 512, &used), STATUS_SUCCESS);
     EXPECT_EQ(used, 42u);
     files_->Handler = nullptr;
-    EXPECT_EQ(QueryDirectory(file, FileBothDirectoryInformation, false, false, {}, buffer_, 512, &used),
-              STATUS_SUCCESS);
+    EXPECT_EQ(
+        QueryDirectory(file, FileBothDirectoryInformation, false, false, {}, buffer_, 512, &used), STATUS_SUCCESS);
     EXPECT_EQ(files_->Last().Parameters.QueryDirectory.FileName, nullptr);
     EXPECT_EQ(files_->Last().OperationFlags, 0);
     CloseFile(file);

@@ -11,7 +11,7 @@
 #include <map>
 #include <thread>
 
-using namespace host;
+using namespace hosted;
 using testing::ElementsAre;
 using testing::HasSubstr;
 
@@ -28,14 +28,14 @@ protected:
         OBJECT_ATTRIBUTES object;
         InitializeObjectAttributes(&object, &name, attributes, nullptr, nullptr);
         status_ = {};
-        return ZwOpenFile(&handle_, GENERIC_WRITE, &object, &status_, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                          FILE_NON_DIRECTORY_FILE);
+        return ZwOpenFile(
+            &handle_, GENERIC_WRITE, &object, &status_, FILE_SHARE_READ | FILE_SHARE_WRITE, FILE_NON_DIRECTORY_FILE);
     }
 
     NTSTATUS Write(const std::string& bytes)
     {
         return ZwWriteFile(handle_, nullptr, nullptr, nullptr, &status_, const_cast<char*>(bytes.data()),
-                           static_cast<ULONG>(bytes.size()), nullptr, nullptr);
+            static_cast<ULONG>(bytes.size()), nullptr, nullptr);
     }
 
     static std::string Next(MailslotReader& reader)
@@ -74,8 +74,8 @@ TEST_F(MailslotTest, ReadsTextWithoutItsTerminator)
 {
     const auto reader = machine_.CreateMailslot(Path);
     ASSERT_EQ(STATUS_SUCCESS, Open());
-    EXPECT_EQ(STATUS_SUCCESS, ZwWriteFile(handle_, nullptr, nullptr, nullptr, &status_,
-                                          const_cast<WCHAR*>(L"line\r\n"), 14, nullptr, nullptr));
+    EXPECT_EQ(STATUS_SUCCESS, ZwWriteFile(handle_, nullptr, nullptr, nullptr, &status_, const_cast<WCHAR*>(L"line\r\n"),
+                                  14, nullptr, nullptr));
     EXPECT_EQ("line\r\n", Narrow(*reader->ReadText()));
     EXPECT_FALSE(reader->ReadText().has_value());
     EXPECT_EQ(STATUS_SUCCESS, Write("odd"));
@@ -140,11 +140,11 @@ TEST_F(MailslotTest, NamesAreTakenOnceAndStandBelowTheDevice)
 {
     const auto reader = machine_.CreateMailslot(Path);
     std::unique_ptr<MailslotReader> other;
-    EXPECT_EQ(STATUS_OBJECT_NAME_COLLISION,
-              MailslotReader::Create(L"\\Device\\Mailslot\\ORVANESANDBOX_DBG", 0, &other));
+    EXPECT_EQ(
+        STATUS_OBJECT_NAME_COLLISION, MailslotReader::Create(L"\\Device\\Mailslot\\ORVANESANDBOX_DBG", 0, &other));
     EXPECT_EQ(nullptr, other);
     for (const WideView path : {WideView(L"\\Device\\Mailslot"), WideView(L"\\Device\\Mailslot\\"),
-                                WideView(L"\\Device\\MailslotX"), WideView(L"\\Device\\Other\\A"), WideView(L"")})
+             WideView(L"\\Device\\MailslotX"), WideView(L"\\Device\\Other\\A"), WideView(L"")})
     {
         EXPECT_EQ(STATUS_OBJECT_NAME_INVALID, MailslotReader::Create(path, 0, &other)) << Narrow(path);
     }
@@ -157,21 +157,24 @@ TEST_F(MailslotTest, SeveralWritersShareOne)
     std::vector<std::thread> writers;
     for (int i = 0; i < 3; ++i)
     {
-        writers.emplace_back([i] {
-            UNICODE_STRING name = Counted(Path);
-            OBJECT_ATTRIBUTES object;
-            InitializeObjectAttributes(&object, &name, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, nullptr, nullptr);
-            HANDLE handle;
-            IO_STATUS_BLOCK status;
-            ASSERT_EQ(STATUS_SUCCESS, ZwOpenFile(&handle, GENERIC_WRITE, &object, &status, 0, FILE_NON_DIRECTORY_FILE));
-            char line[] = {static_cast<char>('0' + i), 'x'};
-            for (int round = 0; round < 50; ++round)
+        writers.emplace_back(
+            [i]
             {
-                EXPECT_EQ(STATUS_SUCCESS, ZwWriteFile(handle, nullptr, nullptr, nullptr, &status, line, sizeof(line),
-                                                      nullptr, nullptr));
-            }
-            EXPECT_EQ(STATUS_SUCCESS, ZwClose(handle));
-        });
+                UNICODE_STRING name = Counted(Path);
+                OBJECT_ATTRIBUTES object;
+                InitializeObjectAttributes(&object, &name, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, nullptr, nullptr);
+                HANDLE handle;
+                IO_STATUS_BLOCK status;
+                ASSERT_EQ(
+                    STATUS_SUCCESS, ZwOpenFile(&handle, GENERIC_WRITE, &object, &status, 0, FILE_NON_DIRECTORY_FILE));
+                char line[] = {static_cast<char>('0' + i), 'x'};
+                for (int round = 0; round < 50; ++round)
+                {
+                    EXPECT_EQ(STATUS_SUCCESS,
+                        ZwWriteFile(handle, nullptr, nullptr, nullptr, &status, line, sizeof(line), nullptr, nullptr));
+                }
+                EXPECT_EQ(STATUS_SUCCESS, ZwClose(handle));
+            });
     }
     for (std::thread& writer : writers)
     {
@@ -214,8 +217,8 @@ TEST_F(MailslotTest, WritesNeedPassiveLevelAndPlainArguments)
     char byte = 0;
     EXPECT_DEATH(ZwWriteFile(handle_, handle_, nullptr, nullptr, &status_, &byte, 1, nullptr, nullptr), "NOT_MODELLED");
     EXPECT_DEATH(ZwWriteFile(handle_, nullptr, nullptr, nullptr, &status_, &byte, 1, nullptr, &key), "NOT_MODELLED");
-    EXPECT_EQ(STATUS_INVALID_HANDLE, ZwWriteFile(reinterpret_cast<HANDLE>(0x7770), nullptr, nullptr, nullptr, &status_,
-                                                 &byte, 1, nullptr, nullptr));
+    EXPECT_EQ(STATUS_INVALID_HANDLE,
+        ZwWriteFile(reinterpret_cast<HANDLE>(0x7770), nullptr, nullptr, nullptr, &status_, &byte, 1, nullptr, nullptr));
     EXPECT_EQ(STATUS_SUCCESS, ZwClose(handle_));
 }
 

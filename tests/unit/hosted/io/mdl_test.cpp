@@ -10,7 +10,7 @@
 
 namespace
 {
-using namespace host;
+using namespace hosted;
 
 constexpr ULONG Tag = 'ldMT';
 
@@ -137,7 +137,7 @@ TEST_F(MdlTest, MappingFails)
     EXPECT_EQ(Map(mdl), nullptr);
     EXPECT_FALSE(mdl->MdlFlags & MDL_MAPPED_TO_SYSTEM_VA);
     EXPECT_DEATH(MmMapLockedPagesSpecifyCache(mdl, KernelMode, MmCached, nullptr, TRUE, NormalPagePriority),
-                 "NO_MORE_SYSTEM_PTES");
+        "NO_MORE_SYSTEM_PTES");
     EXPECT_EQ(MdlSystemAddress(mdl), pool_) << "the hosted kernel's own use never fails";
     ReleaseMdl(mdl);
 }
@@ -145,10 +145,10 @@ TEST_F(MdlTest, MappingFails)
 TEST_F(MdlTest, OnlyTheModelledMappings)
 {
     const PMDL mdl = LockPages(pool_, PAGE_SIZE, LockPurpose::DeviceFillsPages);
-    EXPECT_DEATH(MmMapLockedPagesSpecifyCache(mdl, UserMode, MmCached, nullptr, FALSE, NormalPagePriority),
-                 "MDL_MAPPING_KIND");
+    EXPECT_DEATH(
+        MmMapLockedPagesSpecifyCache(mdl, UserMode, MmCached, nullptr, FALSE, NormalPagePriority), "MDL_MAPPING_KIND");
     EXPECT_DEATH(MmMapLockedPagesSpecifyCache(mdl, KernelMode, MmNonCached, nullptr, FALSE, NormalPagePriority),
-                 "MDL_MAPPING_KIND");
+        "MDL_MAPPING_KIND");
     ReleaseMdl(mdl);
 }
 

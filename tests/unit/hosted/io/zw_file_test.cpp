@@ -12,20 +12,19 @@ class ZwFile : public VolumeTest
 {
 protected:
     NTSTATUS Open(WideView path, HANDLE root = nullptr, ULONG attributes = OBJ_KERNEL_HANDLE | OBJ_CASE_INSENSITIVE,
-                  ACCESS_MASK access = FILE_LIST_DIRECTORY | SYNCHRONIZE,
-                  ULONG options = FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT)
+        ACCESS_MASK access = FILE_LIST_DIRECTORY | SYNCHRONIZE,
+        ULONG options = FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT)
     {
         UNICODE_STRING name = Counted(path);
         OBJECT_ATTRIBUTES object;
         InitializeObjectAttributes(&object, &name, attributes, root, nullptr);
         handle_ = nullptr;
-        return ZwOpenFile(&handle_, access, &object, &status_, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                          options);
+        return ZwOpenFile(&handle_, access, &object, &status_, FILE_SHARE_READ | FILE_SHARE_WRITE, options);
     }
     NTSTATUS Query(HANDLE handle, PUNICODE_STRING pattern = nullptr)
     {
         return ZwQueryDirectoryFile(handle, nullptr, nullptr, nullptr, &status_, buffer_, sizeof(buffer_),
-                                    FileBothDirectoryInformation, TRUE, pattern, FALSE);
+            FileBothDirectoryInformation, TRUE, pattern, FALSE);
     }
 
     HANDLE handle_ = nullptr;
@@ -41,7 +40,7 @@ TEST_F(ZwFile, OpensForTheKernelAndClosesThroughTheHandle)
     EXPECT_EQ(status_.Information, static_cast<ULONG_PTR>(FILE_OPENED));
     EXPECT_EQ(files_->Last().OperationFlags, 0);
     EXPECT_EQ(files_->Last().Parameters.Create.Options,
-              static_cast<ULONG>(FILE_OPEN << 24 | FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT));
+        static_cast<ULONG>(FILE_OPEN << 24 | FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT));
     EXPECT_EQ(files_->Last().Parameters.Create.ShareAccess, FILE_SHARE_READ | FILE_SHARE_WRITE);
     EXPECT_EQ(files_->Count(IRP_MJ_CLEANUP), 0u);
     EXPECT_EQ(ZwClose(handle_), STATUS_SUCCESS);
@@ -116,7 +115,7 @@ TEST_F(ZwFile, QueriesADirectory)
 TEST_F(ZwFile, WritesWhereItIsToldOrWhereTheFileStands)
 {
     ASSERT_EQ(Open(L"\\??\\Q:\\file", nullptr, OBJ_KERNEL_HANDLE, GENERIC_WRITE, FILE_SYNCHRONOUS_IO_NONALERT),
-              STATUS_SUCCESS);
+        STATUS_SUCCESS);
     std::vector<LONGLONG> offsets;
     files_->Handler = [&](FLT_IO_PARAMETER_BLOCK& operation, IO_STATUS_BLOCK& status)
     {
@@ -149,7 +148,7 @@ TEST_F(ZwFile, AWriteWithoutAPlaceNeedsASynchronousFile)
 {
     ASSERT_EQ(Open(L"\\??\\Q:\\file", nullptr, OBJ_KERNEL_HANDLE, GENERIC_WRITE, 0), STATUS_SUCCESS);
     EXPECT_EQ(ZwWriteFile(handle_, nullptr, nullptr, nullptr, &status_, buffer_, 1, nullptr, nullptr),
-              STATUS_INVALID_PARAMETER);
+        STATUS_INVALID_PARAMETER);
     EXPECT_EQ(files_->Count(IRP_MJ_WRITE), 0u);
     EXPECT_EQ(ZwClose(handle_), STATUS_SUCCESS);
 }
@@ -162,8 +161,8 @@ TEST_F(ZwFile, QueryFailures)
     EXPECT_EQ(Query(handle_), STATUS_INSUFFICIENT_RESOURCES);
     EXPECT_EQ(files_->Count(IRP_MJ_DIRECTORY_CONTROL), 0u);
     EXPECT_DEATH(ZwQueryDirectoryFile(handle_, handle_, nullptr, nullptr, &status_, buffer_, sizeof(buffer_),
-                                      FileBothDirectoryInformation, TRUE, nullptr, FALSE),
-                 "NOT_MODELLED");
+                     FileBothDirectoryInformation, TRUE, nullptr, FALSE),
+        "NOT_MODELLED");
     EXPECT_EQ(ZwClose(handle_), STATUS_SUCCESS);
 }
 }

@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-namespace host
+namespace hosted
 {
 namespace
 {

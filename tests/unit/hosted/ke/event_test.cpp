@@ -10,7 +10,7 @@
 #include <cstring>
 #include <thread>
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -63,11 +63,13 @@ TEST(Event, WaitEndsWhenAnotherThreadSets)
     KEVENT event;
     KeInitializeEvent(&event, SynchronizationEvent, FALSE);
     int published = 0;
-    std::thread setter([&] {
-        published = 42;
-        RaisedIrql dispatch(DISPATCH_LEVEL);
-        KeSetEvent(&event, IO_NO_INCREMENT, FALSE);
-    });
+    std::thread setter(
+        [&]
+        {
+            published = 42;
+            RaisedIrql dispatch(DISPATCH_LEVEL);
+            KeSetEvent(&event, IO_NO_INCREMENT, FALSE);
+        });
     EXPECT_TRUE(WaitForEvent(&event, LongEnough));
     EXPECT_EQ(42, published);
     setter.join();

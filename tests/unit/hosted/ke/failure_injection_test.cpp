@@ -5,7 +5,7 @@
 #include <thread>
 #include <vector>
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -88,12 +88,14 @@ TEST_F(FailureInjection, CountsOverAllThreads)
     std::vector<std::thread> threads;
     for (int i = 0; i < 4; ++i)
     {
-        threads.emplace_back([] {
-            for (int j = 0; j < 100; ++j)
+        threads.emplace_back(
+            []
             {
-                InjectFailure("A");
-            }
-        });
+                for (int j = 0; j < 100; ++j)
+                {
+                    InjectFailure("A");
+                }
+            });
     }
     for (std::thread& thread : threads)
     {

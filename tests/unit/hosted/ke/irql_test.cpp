@@ -5,7 +5,7 @@
 #include <thread>
 #include <vector>
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -45,7 +45,8 @@ TEST(Irql, DeferredWorkRunsWhenTheLevelDropsToPassive)
 {
     static std::vector<int> order;
     order.clear();
-    auto note = [](void* context) {
+    auto note = [](void* context)
+    {
         EXPECT_EQ(PASSIVE_LEVEL, CurrentIrql());
         order.push_back(*static_cast<int*>(context));
     };
@@ -73,7 +74,8 @@ TEST(Irql, DeferredWorkMayDeferMore)
     {
         RaisedIrql apc(APC_LEVEL);
         RunAtPassiveLevel(
-            [](void*) {
+            [](void*)
+            {
                 RaisedIrql again(APC_LEVEL);
                 RunAtPassiveLevel([](void*) { ++runs; }, nullptr);
                 EXPECT_EQ(0, runs);

@@ -5,7 +5,7 @@
 
 #include <gtest/gtest.h>
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -95,7 +95,8 @@ TEST_F(Stack, ExpansionsNest)
         Seen Inner;
         SIZE_T After = 0;
     } nested;
-    auto outer = [](PVOID parameter) NTAPI {
+    auto outer = [](PVOID parameter) NTAPI
+    {
         auto* nested = static_cast<Nested*>(parameter);
         nested->Before = StackLeft();
         EXPECT_EQ(STATUS_SUCCESS, KeExpandKernelStackAndCallout(Look, &nested->Inner, 60000));

@@ -10,7 +10,7 @@
 #include <cstring>
 #include <thread>
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -71,14 +71,16 @@ TEST_F(SystemTimeTest, IsReadWholeWhileItMoves)
     constexpr LONGLONG Wrap = 1LL << 32;
     SetSystemTime(Wrap - 1);
     std::atomic<bool> done = false;
-    std::thread mover([&done] {
-        for (LONGLONG wraps = 1; wraps <= 10000; ++wraps)
+    std::thread mover(
+        [&done]
         {
-            SetSystemTime(wraps * Wrap);
-            SetSystemTime(wraps * Wrap + Wrap - 1);
-        }
-        done = true;
-    });
+            for (LONGLONG wraps = 1; wraps <= 10000; ++wraps)
+            {
+                SetSystemTime(wraps * Wrap);
+                SetSystemTime(wraps * Wrap + Wrap - 1);
+            }
+            done = true;
+        });
     LONGLONG last = 0;
     while (!done)
     {
@@ -92,7 +94,8 @@ TEST_F(SystemTimeTest, IsReadWholeWhileItMoves)
 
 TEST_F(SystemTimeTest, NoMoveIsLost)
 {
-    const auto move = [] {
+    const auto move = []
+    {
         for (int i = 0; i < 5000; ++i)
         {
             AdvanceSystemTime(1);

@@ -11,7 +11,7 @@
 #include <thread>
 #include <vector>
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -93,11 +93,13 @@ TEST(GuardedAccess, CompletesAnUndisturbedBody)
 {
     UserRegion region(4096);
     int runs = 0;
-    EXPECT_EQ(STATUS_SUCCESS, TryAccess([&] {
-                  ++runs;
-                  EXPECT_TRUE(InGuardedCall());
-                  Poke(region.Base());
-              }));
+    EXPECT_EQ(STATUS_SUCCESS, TryAccess(
+                                  [&]
+                                  {
+                                      ++runs;
+                                      EXPECT_TRUE(InGuardedCall());
+                                      Poke(region.Base());
+                                  }));
     EXPECT_EQ(1, runs);
     EXPECT_EQ(1, region.Base()[0]);
     EXPECT_FALSE(InGuardedCall());
@@ -107,12 +109,14 @@ TEST(GuardedAccess, TurnsAFaultIntoAStatus)
 {
     UserRegion region(4096);
     volatile int reached = 0;
-    EXPECT_EQ(STATUS_ACCESS_VIOLATION, TryAccess([&] {
-                  Poke(region.Tail(1));
-                  reached = reached + 1;
-                  Poke(region.Tail(0));
-                  reached = reached + 1;
-              }));
+    EXPECT_EQ(STATUS_ACCESS_VIOLATION, TryAccess(
+                                           [&]
+                                           {
+                                               Poke(region.Tail(1));
+                                               reached = reached + 1;
+                                               Poke(region.Tail(0));
+                                               reached = reached + 1;
+                                           }));
     EXPECT_EQ(1, reached);
     EXPECT_FALSE(InGuardedCall());
     EXPECT_EQ(STATUS_ACCESS_VIOLATION, TryAccess([] { Poke(At(0x1000)); }));
@@ -151,7 +155,7 @@ TEST(UserRegion, AGuardIsOneFaultAndCountsAsAnAccessViolation)
     UserRegion region(2 * PAGE_SIZE);
     region.Guard();
     EXPECT_EQ(STATUS_GUARD_PAGE_VIOLATION,
-              GuardedCall([](void* address) { Poke(static_cast<UCHAR*>(address)); }, region.Base()));
+        GuardedCall([](void* address) { Poke(static_cast<UCHAR*>(address)); }, region.Base()));
     EXPECT_EQ(STATUS_SUCCESS, TryAccess([&] { Poke(region.Base()); }));
     EXPECT_EQ(STATUS_ACCESS_VIOLATION, TryAccess([&] { Poke(region.Base() + PAGE_SIZE); }));
     EXPECT_EQ(STATUS_SUCCESS, TryAccess([&] { Poke(region.Base() + PAGE_SIZE); }));
@@ -183,11 +187,13 @@ TEST(GuardedAccess, NestsAndTheInnermostCatches)
 {
     UserRegion region(4096);
     NTSTATUS inner = STATUS_SUCCESS;
-    EXPECT_EQ(STATUS_DATATYPE_MISALIGNMENT, TryAccess([&] {
-                  inner = TryAccess([&] { Poke(region.Tail(0)); });
-                  EXPECT_TRUE(InGuardedCall());
-                  RaiseStatus(STATUS_DATATYPE_MISALIGNMENT);
-              }));
+    EXPECT_EQ(STATUS_DATATYPE_MISALIGNMENT, TryAccess(
+                                                [&]
+                                                {
+                                                    inner = TryAccess([&] { Poke(region.Tail(0)); });
+                                                    EXPECT_TRUE(InGuardedCall());
+                                                    RaiseStatus(STATUS_DATATYPE_MISALIGNMENT);
+                                                }));
     EXPECT_EQ(STATUS_ACCESS_VIOLATION, inner);
 }
 
@@ -197,13 +203,15 @@ TEST(GuardedAccess, WorksOnSeveralThreadsAtOnce)
     std::vector<std::thread> threads;
     for (int i = 0; i < 4; ++i)
     {
-        threads.emplace_back([&, i] {
-            for (int j = 0; j < 200; ++j)
+        threads.emplace_back(
+            [&, i]
             {
-                EXPECT_EQ(STATUS_SUCCESS, TryAccess([&] { Poke(region.Base() + i); }));
-                EXPECT_EQ(STATUS_ACCESS_VIOLATION, TryAccess([&] { Poke(region.Tail(0) + i); }));
-            }
-        });
+                for (int j = 0; j < 200; ++j)
+                {
+                    EXPECT_EQ(STATUS_SUCCESS, TryAccess([&] { Poke(region.Base() + i); }));
+                    EXPECT_EQ(STATUS_ACCESS_VIOLATION, TryAccess([&] { Poke(region.Tail(0) + i); }));
+                }
+            });
     }
     for (std::thread& thread : threads)
     {
@@ -233,11 +241,13 @@ TEST(GuardedAccessDeath, FaultsOutsideAreNotCaught)
 
 TEST(GuardedAccessDeath, TheBodyMustHoldNothing)
 {
-    EXPECT_DEATH(TryAccess([] {
-                     SetIrql(APC_LEVEL);
-                     RaiseStatus(STATUS_ACCESS_VIOLATION);
-                 }),
-                 "guarded-access-holds");
+    EXPECT_DEATH(TryAccess(
+                     []
+                     {
+                         SetIrql(APC_LEVEL);
+                         RaiseStatus(STATUS_ACCESS_VIOLATION);
+                     }),
+        "guarded-access-holds");
 }
 }
 }

@@ -6,7 +6,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -62,17 +62,14 @@ protected:
     {
         std::memcpy(&bytes_.at(offset), &value, sizeof(value));
     }
-    void Text(size_t offset, const char* text)
-    {
-        std::strcpy(&bytes_.at(offset), text);
-    }
+    void Text(size_t offset, const char* text) { std::strcpy(&bytes_.at(offset), text); }
     void Directory(std::uint32_t index, std::uint32_t address, std::uint32_t size)
     {
         Put<std::uint32_t>(Optional + 112 + index * 8, address);
         Put<std::uint32_t>(Optional + 116 + index * 8, size);
     }
     void Section(std::uint32_t index, const char* name, std::uint32_t address, std::uint32_t size, std::uint32_t offset,
-                 std::uint32_t fileSize, std::uint32_t flags)
+        std::uint32_t fileSize, std::uint32_t flags)
     {
         const std::uint32_t header = Sections + index * 40;
         Text(header, name);
@@ -185,25 +182,24 @@ TEST_P(Damaged, IsRefusedWithTheReason)
     EXPECT_THAT(Refusal(), HasSubstr(damage.Reason));
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Images, Damaged,
+INSTANTIATE_TEST_SUITE_P(Images, Damaged,
     testing::Values(Damage{"Signature", 0, 0x4141, 2, "not an image: it does not begin with MZ"},
-                    Damage{"PeSignature", Damaged::PeOffset, 0, 4, "not an image: it has no PE header"},
-                    Damage{"PeOffset", 0x3c, 0xfffffff0, 4, "the image is cut off in its headers"},
-                    Damage{"Machine", Damaged::PeOffset + 4, 0xaa64, 2, "another machine (0xaa64)"},
-                    Damage{"Magic", Damaged::OptionalOffset, 0x10b, 2, "without a 64-bit optional header"},
-                    Damage{"Subsystem", Damaged::OptionalOffset + 68, 3, 2, "no driver: its subsystem is not native"},
-                    Damage{"Size", Damaged::OptionalOffset + 56, 0x7fffffff, 4, "an image of 2147483647 bytes"},
-                    Damage{"Entry", Damaged::OptionalOffset + 16, 0x3000, 4, "with its entry at 0x3000"},
-                    Damage{"Directory", Damaged::OptionalOffset + 120, 0x2ff0, 4, "table 1 lies outside the image"},
-                    Damage{"SectionAddress", Damaged::SectionsOffset + 12, 0x5000, 4, "section .text lies outside"},
-                    Damage{"SectionOffset", Damaged::SectionsOffset + 20, 0x5000, 4, "cut off in its section .text"},
-                    Damage{"SectionFlags", Damaged::SectionsOffset + 36, 0xe0000020, 4, "both writable and executable"},
-                    Damage{"RelocationBlock", Damaged::FileOfData + 0x204, 4, 4, "a block of 4 bytes in the relocations"},
-                    Damage{"RelocationPlace", Damaged::FileOfData + 0x200, 0x9000, 4, "a relocation at 0x9300, outside"},
-                    Damage{"RelocationKind", Damaged::FileOfData + 0x208, 0x3300, 2, "a relocation of kind 3"},
-                    Damage{"ImportName", Damaged::FileOfData + 0x60, 0x7ffffff0, 8, "cut off in its imports"},
-                    Damage{"ImportByNumber", Damaged::FileOfData + 0x60, 0x8000000000000005, 8, "by number"}),
+        Damage{"PeSignature", Damaged::PeOffset, 0, 4, "not an image: it has no PE header"},
+        Damage{"PeOffset", 0x3c, 0xfffffff0, 4, "the image is cut off in its headers"},
+        Damage{"Machine", Damaged::PeOffset + 4, 0xaa64, 2, "another machine (0xaa64)"},
+        Damage{"Magic", Damaged::OptionalOffset, 0x10b, 2, "without a 64-bit optional header"},
+        Damage{"Subsystem", Damaged::OptionalOffset + 68, 3, 2, "no driver: its subsystem is not native"},
+        Damage{"Size", Damaged::OptionalOffset + 56, 0x7fffffff, 4, "an image of 2147483647 bytes"},
+        Damage{"Entry", Damaged::OptionalOffset + 16, 0x3000, 4, "with its entry at 0x3000"},
+        Damage{"Directory", Damaged::OptionalOffset + 120, 0x2ff0, 4, "table 1 lies outside the image"},
+        Damage{"SectionAddress", Damaged::SectionsOffset + 12, 0x5000, 4, "section .text lies outside"},
+        Damage{"SectionOffset", Damaged::SectionsOffset + 20, 0x5000, 4, "cut off in its section .text"},
+        Damage{"SectionFlags", Damaged::SectionsOffset + 36, 0xe0000020, 4, "both writable and executable"},
+        Damage{"RelocationBlock", Damaged::FileOfData + 0x204, 4, 4, "a block of 4 bytes in the relocations"},
+        Damage{"RelocationPlace", Damaged::FileOfData + 0x200, 0x9000, 4, "a relocation at 0x9300, outside"},
+        Damage{"RelocationKind", Damaged::FileOfData + 0x208, 0x3300, 2, "a relocation of kind 3"},
+        Damage{"ImportName", Damaged::FileOfData + 0x60, 0x7ffffff0, 8, "cut off in its imports"},
+        Damage{"ImportByNumber", Damaged::FileOfData + 0x60, 0x8000000000000005, 8, "by number"}),
     [](const auto& info) { return std::string(info.param.Name); });
 }
 }

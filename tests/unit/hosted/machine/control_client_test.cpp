@@ -8,7 +8,7 @@
 
 #include <cstring>
 
-using namespace host;
+using namespace hosted;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -160,15 +160,15 @@ TEST_F(ControlClientTest, BadBuffersReachTheDriverWhenNobodyLooks)
     fake_driver::behaviour.Direct = Raw(1u);
     for (const OutputBuffer kind : {OutputBuffer::ReadOnly, OutputBuffer::NoAccess})
     {
-        EXPECT_EQ(STATUS_ACCESS_VIOLATION,
-                  agent_.DeviceControl(IOCTL_START, {}, 4, {.Kind = kind, .Probe = false}).Status);
+        EXPECT_EQ(
+            STATUS_ACCESS_VIOLATION, agent_.DeviceControl(IOCTL_START, {}, 4, {.Kind = kind, .Probe = false}).Status);
     }
+    EXPECT_EQ(
+        STATUS_ACCESS_VIOLATION, agent_.DeviceControl(IOCTL_START, {}, 4, {.Kind = OutputBuffer::LostMidway}).Status);
+    EXPECT_EQ(
+        STATUS_ACCESS_VIOLATION, agent_.DeviceControl(IOCTL_START, {}, 4, {.Existing = 2, .Probe = false}).Status);
     EXPECT_EQ(STATUS_ACCESS_VIOLATION,
-              agent_.DeviceControl(IOCTL_START, {}, 4, {.Kind = OutputBuffer::LostMidway}).Status);
-    EXPECT_EQ(STATUS_ACCESS_VIOLATION,
-              agent_.DeviceControl(IOCTL_START, {}, 4, {.Existing = 2, .Probe = false}).Status);
-    EXPECT_EQ(STATUS_ACCESS_VIOLATION,
-              agent_.DeviceControl(IOCTL_START, {}, 4, {.Kind = OutputBuffer::Null, .Probe = false}).Status);
+        agent_.DeviceControl(IOCTL_START, {}, 4, {.Kind = OutputBuffer::Null, .Probe = false}).Status);
     EXPECT_EQ(5u, fake_driver::requests.size());
     EXPECT_EQ(STATUS_SUCCESS, agent_.DeviceControl(IOCTL_START, {}, 4, {.Kind = OutputBuffer::Exact}).Status);
 }
@@ -177,8 +177,7 @@ TEST_F(ControlClientTest, WritingPastTheBufferIsCaught)
 {
     fake_driver::behaviour.Direct = "12345";
     EXPECT_DEATH(agent_.DeviceControl(IOCTL_START, {}, 4), "USER_BUFFER_OVERRUN");
-    EXPECT_EQ(STATUS_ACCESS_VIOLATION,
-              agent_.DeviceControl(IOCTL_START, {}, 4, {.Kind = OutputBuffer::Exact}).Status);
+    EXPECT_EQ(STATUS_ACCESS_VIOLATION, agent_.DeviceControl(IOCTL_START, {}, 4, {.Kind = OutputBuffer::Exact}).Status);
 }
 
 TEST_F(ControlClientTest, WithoutADriverTheOpenFails)

@@ -8,7 +8,7 @@
 
 #include <gmock/gmock.h>
 
-using namespace host;
+using namespace hosted;
 using testing::HasSubstr;
 
 namespace

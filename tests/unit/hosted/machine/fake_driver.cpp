@@ -17,9 +17,7 @@ PDEVICE_OBJECT device;
 PFLT_FILTER filter;
 void* forgotten;
 
-void NTAPI Notify(PEPROCESS, HANDLE, PPS_CREATE_NOTIFY_INFO)
-{
-}
+void NTAPI Notify(PEPROCESS, HANDLE, PPS_CREATE_NOTIFY_INFO) {}
 
 NTSTATUS Complete(PIRP irp, NTSTATUS status, ULONG_PTR information)
 {
@@ -45,12 +43,14 @@ NTSTATUS NTAPI Control(PDEVICE_OBJECT, PIRP irp)
         auto* to = static_cast<volatile char*>(irp->UserBuffer);
         const char* from = behaviour.Direct.data();
         const SIZE_T count = behaviour.Direct.size();
-        const NTSTATUS status = TryAccess([to, from, count] {
-            for (SIZE_T i = 0; i < count; ++i)
+        const NTSTATUS status = TryAccess(
+            [to, from, count]
             {
-                *reinterpret_cast<volatile char*>(reinterpret_cast<ULONG_PTR>(to) + i) = from[i];
-            }
-        });
+                for (SIZE_T i = 0; i < count; ++i)
+                {
+                    *reinterpret_cast<volatile char*>(reinterpret_cast<ULONG_PTR>(to) + i) = from[i];
+                }
+            });
         return Complete(irp, NT_SUCCESS(status) ? behaviour.Answer : status, 0);
     }
     const SIZE_T count = std::min<SIZE_T>(behaviour.Buffered.size(), parameters.OutputBufferLength);

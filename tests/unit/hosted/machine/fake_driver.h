@@ -24,7 +24,7 @@ struct Behaviour
 {
     bool FailEntryAtTheEnd = false;
     bool TakeFilterBack = false; // unregisters the filter at the end of the entry routine
-    bool ForgetPool = false; // allocates at load and does not free
+    bool ForgetPool = false;     // allocates at load and does not free
     // What each request does: written to the caller's own buffer (if not empty), or through the system buffer.
     std::string Direct;
     std::string Buffered;

@@ -10,7 +10,7 @@
 #include <latch>
 #include <thread>
 
-using namespace host;
+using namespace hosted;
 using testing::ElementsAre;
 using testing::HasSubstr;
 
@@ -32,10 +32,7 @@ std::vector<std::string> Names(const std::vector<DirectoryEntry>& entries)
 class MachineTest : public testing::Test
 {
 protected:
-    MachineTest()
-    {
-        machine_.MakeFolder(L"C:\\Data");
-    }
+    MachineTest() { machine_.MakeFolder(L"C:\\Data"); }
 
     Machine machine_;
     Program editor_ = machine_.StartProcess(L"C:\\Apps\\Editor.exe");
@@ -208,9 +205,8 @@ TEST_F(MachineTest, EventsAreSignalledByTheirHandles)
 {
     ProgramEvent event = editor_.CreateEvent();
     void* body = nullptr;
-    editor_.As([&] {
-        return CurrentProcessHandles().Reference(event.Handle(), READ_CONTROL, &EventType, UserMode, &body);
-    });
+    editor_.As(
+        [&] { return CurrentProcessHandles().Reference(event.Handle(), READ_CONTROL, &EventType, UserMode, &body); });
     ASSERT_EQ(event.Object(), body);
     EXPECT_FALSE(event.IsSet());
     KeSetEvent(static_cast<PKEVENT>(body), 0, FALSE);
@@ -219,9 +215,8 @@ TEST_F(MachineTest, EventsAreSignalledByTheirHandles)
     EXPECT_FALSE(event.IsSet());
     DereferenceObject(body);
     event.CloseHandle();
-    EXPECT_EQ(STATUS_INVALID_HANDLE, editor_.As([&] {
-        return CurrentProcessHandles().Reference(event.Handle(), 0, &EventType, UserMode, &body);
-    }));
+    EXPECT_EQ(STATUS_INVALID_HANDLE,
+        editor_.As([&] { return CurrentProcessHandles().Reference(event.Handle(), 0, &EventType, UserMode, &body); }));
 }
 
 TEST_F(MachineTest, FilesCanBePutOnTheDiskBeneath)
@@ -269,17 +264,19 @@ TEST_F(MachineTest, SeveralThreadsWorkAtOnce)
     std::vector<std::thread> threads;
     for (int i = 0; i < 4; ++i)
     {
-        threads.emplace_back([this, i] {
-            const Program program = machine_.StartProcess(L"C:\\Apps\\Worker.exe");
-            const WideString path = WideString(L"C:\\Data\\file") + static_cast<WCHAR>(L'0' + i);
-            for (int round = 0; round < 10; ++round)
+        threads.emplace_back(
+            [this, i]
             {
-                ProgramFile file = program.Create(path);
-                EXPECT_EQ(STATUS_SUCCESS, file.Write(std::string(6000, static_cast<char>('a' + round))));
-                EXPECT_EQ(std::string(100, static_cast<char>('a' + round)), file.Read(5900, 200));
-            }
-            program.Exit();
-        });
+                const Program program = machine_.StartProcess(L"C:\\Apps\\Worker.exe");
+                const WideString path = WideString(L"C:\\Data\\file") + static_cast<WCHAR>(L'0' + i);
+                for (int round = 0; round < 10; ++round)
+                {
+                    ProgramFile file = program.Create(path);
+                    EXPECT_EQ(STATUS_SUCCESS, file.Write(std::string(6000, static_cast<char>('a' + round))));
+                    EXPECT_EQ(std::string(100, static_cast<char>('a' + round)), file.Read(5900, 200));
+                }
+                program.Exit();
+            });
     }
     for (std::thread& thread : threads)
     {
@@ -296,12 +293,14 @@ TEST_F(MachineTest, ProgramsOfOneNewImageStartSideBySide)
         std::latch together(4);
         for (int i = 0; i < 4; ++i)
         {
-            threads.emplace_back([&] {
-                together.arrive_and_wait();
-                const Program program = machine_.StartProcess(image);
-                EXPECT_EQ(STATUS_SUCCESS, program.Status());
-                program.Exit();
-            });
+            threads.emplace_back(
+                [&]
+                {
+                    together.arrive_and_wait();
+                    const Program program = machine_.StartProcess(image);
+                    EXPECT_EQ(STATUS_SUCCESS, program.Status());
+                    program.Exit();
+                });
         }
         for (std::thread& thread : threads)
         {
@@ -355,8 +354,7 @@ TEST(MachineVolumeTest, VolumesHaveKindsAndLetters)
 {
     VolumeOptions disk;
     VolumeOptions second{.DeviceName = L"\\Device\\HarddiskVolume2", .DosName = L""};
-    VolumeOptions network{
-        .DeviceName = L"\\Device\\Mup", .DosName = L"UNC", .Kind = FILE_DEVICE_NETWORK_FILE_SYSTEM};
+    VolumeOptions network{.DeviceName = L"\\Device\\Mup", .DosName = L"UNC", .Kind = FILE_DEVICE_NETWORK_FILE_SYSTEM};
     Machine machine({.Volumes = {disk, second, network}});
     EXPECT_NE(nullptr, machine.VolumeNamed(L"C:")->Vpb);
     EXPECT_EQ(machine.VolumeNamed(L"\\device\\harddiskvolume2")->DosName.size(), 0u);

@@ -13,7 +13,7 @@
 #include <atomic>
 #include <thread>
 
-using namespace host;
+using namespace hosted;
 
 namespace
 {
@@ -36,17 +36,19 @@ protected:
     // Asks with a buffer of which the second page goes away between the driver's look and its writing.
     NTSTATUS AskWithVanishingPage()
     {
-        return agent_->As([] {
-            UserRegion region(2 * PAGE_SIZE);
-            SetAfterProbe([&region] { region.ProtectFrom(PAGE_SIZE, true, false); });
-            DeviceControlRequest request;
-            request.Code = IOCTL_GET_PID_LIST_UNDER_SANDBOX;
-            request.Output = region.Base() + PAGE_SIZE - WordsBeforeTheEnd * sizeof(ULONG);
-            request.OutputLength = 64 * sizeof(ULONG);
-            const NTSTATUS status = Send(request);
-            SetAfterProbe({});
-            return status;
-        });
+        return agent_->As(
+            []
+            {
+                UserRegion region(2 * PAGE_SIZE);
+                SetAfterProbe([&region] { region.ProtectFrom(PAGE_SIZE, true, false); });
+                DeviceControlRequest request;
+                request.Code = IOCTL_GET_PID_LIST_UNDER_SANDBOX;
+                request.Output = region.Base() + PAGE_SIZE - WordsBeforeTheEnd * sizeof(ULONG);
+                request.OutputLength = 64 * sizeof(ULONG);
+                const NTSTATUS status = Send(request);
+                SetAfterProbe({});
+                return status;
+            });
     }
 
     static NTSTATUS Send(const DeviceControlRequest& request)
@@ -87,12 +89,14 @@ TEST_F(PidListFault, FailsAndLeavesTheLockFree)
 TEST_F(PidListFault, OthersGoOnMeanwhile)
 {
     std::atomic<bool> done = false;
-    std::thread other([this, &done] {
-        do
+    std::thread other(
+        [this, &done]
         {
-            EXPECT_EQ(3u, agent_->PidList().Ids.size());
-        } while (!done);
-    });
+            do
+            {
+                EXPECT_EQ(3u, agent_->PidList().Ids.size());
+            } while (!done);
+        });
     for (int round = 0; round < 50; ++round)
     {
         EXPECT_EQ(STATUS_ACCESS_VIOLATION, AskWithVanishingPage());

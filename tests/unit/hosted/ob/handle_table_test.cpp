@@ -11,7 +11,7 @@
 #include <thread>
 #include <vector>
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -166,22 +166,22 @@ TEST_F(Handles, ObReferenceObjectByHandle)
     PVOID body = nullptr;
     OBJECT_HANDLE_INFORMATION information = {};
     EXPECT_EQ(STATUS_SUCCESS,
-              ObReferenceObjectByHandle(handle, READ_CONTROL, *ExEventObjectType, UserMode, &body, &information));
+        ObReferenceObjectByHandle(handle, READ_CONTROL, *ExEventObjectType, UserMode, &body, &information));
     EXPECT_EQ(event, body);
     EXPECT_EQ(EVENT_ALL_ACCESS, information.GrantedAccess);
     EXPECT_EQ(0u, information.HandleAttributes);
     EXPECT_EQ(STATUS_ACCESS_DENIED,
-              ObReferenceObjectByHandle(handle, GENERIC_ALL, *ExEventObjectType, UserMode, &body, nullptr));
+        ObReferenceObjectByHandle(handle, GENERIC_ALL, *ExEventObjectType, UserMode, &body, nullptr));
     EXPECT_EQ(nullptr, body);
     EXPECT_EQ(STATUS_OBJECT_TYPE_MISMATCH,
-              ObReferenceObjectByHandle(handle, 0, Exported(ThingType), UserMode, &body, nullptr));
+        ObReferenceObjectByHandle(handle, 0, Exported(ThingType), UserMode, &body, nullptr));
+    EXPECT_EQ(
+        STATUS_INVALID_HANDLE, ObReferenceObjectByHandle(nullptr, 0, *ExEventObjectType, UserMode, &body, nullptr));
     EXPECT_EQ(STATUS_INVALID_HANDLE,
-              ObReferenceObjectByHandle(nullptr, 0, *ExEventObjectType, UserMode, &body, nullptr));
-    EXPECT_EQ(STATUS_INVALID_HANDLE,
-              ObReferenceObjectByHandle(Value(-400), 0, *ExEventObjectType, KernelMode, &body, nullptr));
+        ObReferenceObjectByHandle(Value(-400), 0, *ExEventObjectType, KernelMode, &body, nullptr));
     FailRoutine("ObReferenceObjectByHandle");
-    EXPECT_EQ(STATUS_INVALID_HANDLE,
-              ObReferenceObjectByHandle(handle, 0, *ExEventObjectType, KernelMode, &body, nullptr));
+    EXPECT_EQ(
+        STATUS_INVALID_HANDLE, ObReferenceObjectByHandle(handle, 0, *ExEventObjectType, KernelMode, &body, nullptr));
     EXPECT_EQ(STATUS_SUCCESS, ZwClose(handle));
     EXPECT_EQ(1, ReferenceCount(event)) << "the reference outlives the handle";
     ObDereferenceObject(event);
@@ -190,15 +190,15 @@ TEST_F(Handles, ObReferenceObjectByHandle)
 TEST_F(Handles, TheCallersOwnProcessAndThread)
 {
     PVOID body;
-    EXPECT_EQ(STATUS_SUCCESS,
-              ObReferenceObjectByHandle(Value(-1), 0, Exported(ProcessType), KernelMode, &body, nullptr));
+    EXPECT_EQ(
+        STATUS_SUCCESS, ObReferenceObjectByHandle(Value(-1), 0, Exported(ProcessType), KernelMode, &body, nullptr));
     EXPECT_EQ(CurrentProcess(), body);
     ObDereferenceObject(body);
     EXPECT_EQ(STATUS_SUCCESS, ObReferenceObjectByHandle(Value(-2), 0, nullptr, KernelMode, &body, nullptr));
     EXPECT_EQ(CurrentThread(), body);
     ObDereferenceObject(body);
     EXPECT_EQ(STATUS_OBJECT_TYPE_MISMATCH,
-              ObReferenceObjectByHandle(Value(-1), 0, *ExEventObjectType, KernelMode, &body, nullptr));
+        ObReferenceObjectByHandle(Value(-1), 0, *ExEventObjectType, KernelMode, &body, nullptr));
     EXPECT_EQ(STATUS_SUCCESS, ZwClose(Value(-1)));
     EXPECT_EQ(STATUS_SUCCESS, ZwClose(Value(-2)));
 }
@@ -208,7 +208,7 @@ TEST_F(Handles, ObOpenObjectByPointer)
     void* thing = CreateObject(ThingType, 8);
     HANDLE handle = Value(1);
     EXPECT_EQ(STATUS_SUCCESS, ObOpenObjectByPointer(thing, OBJ_KERNEL_HANDLE, nullptr, READ_CONTROL,
-                                                    Exported(ThingType), KernelMode, &handle));
+                                  Exported(ThingType), KernelMode, &handle));
     EXPECT_LT(reinterpret_cast<LONG_PTR>(handle), 0);
     ACCESS_MASK granted;
     EXPECT_EQ(STATUS_SUCCESS, KernelHandles().Granted(handle, &granted));
@@ -218,12 +218,12 @@ TEST_F(Handles, ObOpenObjectByPointer)
     EXPECT_GT(reinterpret_cast<LONG_PTR>(handle), 0);
     EXPECT_EQ(STATUS_SUCCESS, ZwClose(handle));
     EXPECT_EQ(STATUS_OBJECT_TYPE_MISMATCH,
-              ObOpenObjectByPointer(thing, 0, nullptr, 0, *ExEventObjectType, KernelMode, &handle));
+        ObOpenObjectByPointer(thing, 0, nullptr, 0, *ExEventObjectType, KernelMode, &handle));
     EXPECT_EQ(nullptr, handle);
     EXPECT_EQ(STATUS_OBJECT_TYPE_MISMATCH, ObOpenObjectByPointer(thing, 0, nullptr, 0, nullptr, UserMode, &handle));
     FailRoutine("ObOpenObjectByPointer");
     EXPECT_EQ(STATUS_INSUFFICIENT_RESOURCES,
-              ObOpenObjectByPointer(thing, 0, nullptr, 0, Exported(ThingType), KernelMode, &handle));
+        ObOpenObjectByPointer(thing, 0, nullptr, 0, Exported(ThingType), KernelMode, &handle));
     EXPECT_EQ(1, ReferenceCount(thing));
     DereferenceObject(thing);
 }
@@ -241,16 +241,18 @@ TEST_F(Handles, ManyThreads)
     std::vector<std::thread> threads;
     for (int i = 0; i < 4; ++i)
     {
-        threads.emplace_back([this] {
-            for (int j = 0; j < 200; ++j)
+        threads.emplace_back(
+            [this]
             {
-                HANDLE handle = CreateEventHandle(table_, NotificationEvent, nullptr);
-                void* body;
-                EXPECT_EQ(STATUS_SUCCESS, table_.Reference(handle, 0, &EventType, UserMode, &body));
-                EXPECT_EQ(STATUS_SUCCESS, table_.Close(handle));
-                DereferenceObject(body);
-            }
-        });
+                for (int j = 0; j < 200; ++j)
+                {
+                    HANDLE handle = CreateEventHandle(table_, NotificationEvent, nullptr);
+                    void* body;
+                    EXPECT_EQ(STATUS_SUCCESS, table_.Reference(handle, 0, &EventType, UserMode, &body));
+                    EXPECT_EQ(STATUS_SUCCESS, table_.Close(handle));
+                    DereferenceObject(body);
+                }
+            });
     }
     for (std::thread& thread : threads)
     {
@@ -266,16 +268,16 @@ TEST_F(Handles, RulesDeath)
     EXPECT_DEATH(ZwClose(Value(-4000)), "kernel-handle-invalid");
     EXPECT_DEATH(ObReferenceObjectByHandle(Value(4), 0, nullptr, UserMode, &body, nullptr), "object-type-missing");
     void* thing = CreateObject(ThingType, 8);
-    EXPECT_DEATH(ObOpenObjectByPointer(thing, 0, reinterpret_cast<PACCESS_STATE>(thing), 0, nullptr, KernelMode,
-                                       &handle),
-                 "access-state");
+    EXPECT_DEATH(
+        ObOpenObjectByPointer(thing, 0, reinterpret_cast<PACCESS_STATE>(thing), 0, nullptr, KernelMode, &handle),
+        "access-state");
     {
         RaisedIrql apc(APC_LEVEL);
         EXPECT_DEATH(ZwClose(Value(4)), "irql-too-high: ZwClose");
         EXPECT_DEATH(ObReferenceObjectByHandle(Value(4), 0, nullptr, KernelMode, &body, nullptr),
-                     "irql-too-high: ObReferenceObjectByHandle");
+            "irql-too-high: ObReferenceObjectByHandle");
         EXPECT_DEATH(ObOpenObjectByPointer(thing, 0, nullptr, 0, nullptr, KernelMode, &handle),
-                     "irql-too-high: ObOpenObjectByPointer");
+            "irql-too-high: ObOpenObjectByPointer");
     }
     DereferenceObject(thing);
 }

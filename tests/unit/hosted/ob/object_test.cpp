@@ -7,7 +7,7 @@
 #include <thread>
 #include <vector>
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -103,14 +103,16 @@ TEST_F(Object, ReferencesFromManyThreads)
     for (int i = 0; i < 4; ++i)
     {
         ReferenceObject(body);
-        threads.emplace_back([body] {
-            for (int j = 0; j < 500; ++j)
+        threads.emplace_back(
+            [body]
             {
-                ReferenceObject(body);
+                for (int j = 0; j < 500; ++j)
+                {
+                    ReferenceObject(body);
+                    DereferenceObject(body);
+                }
                 DereferenceObject(body);
-            }
-            DereferenceObject(body);
-        });
+            });
     }
     DereferenceObject(body);
     for (std::thread& thread : threads)

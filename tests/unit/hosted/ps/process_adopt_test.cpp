@@ -2,11 +2,11 @@
 #include "hosted/machine/testing.h"
 #include "hosted/ps/process_create.h"
 #include "hosted/ps/process_table.h"
-#include "tests/unit/hosted/live/process_notes.h"
+#include "tests/unit/live/processes/process_notes.h"
 
 #include <gmock/gmock.h>
 
-using namespace host;
+using namespace hosted;
 using testing::ElementsAre;
 
 namespace

@@ -12,7 +12,7 @@
 #include <condition_variable>
 #include <thread>
 
-using namespace host;
+using namespace hosted;
 using testing::ElementsAre;
 
 namespace
@@ -64,9 +64,7 @@ void NTAPI Watch(PEPROCESS process, HANDLE id, PPS_CREATE_NOTIFY_INFO informatio
     }
 }
 
-void NTAPI Other(PEPROCESS, HANDLE, PPS_CREATE_NOTIFY_INFO)
-{
-}
+void NTAPI Other(PEPROCESS, HANDLE, PPS_CREATE_NOTIFY_INFO) {}
 
 class ProcessNotifyRoutineTest : public testing::Test
 {
@@ -186,7 +184,8 @@ TEST_F(ProcessNotifyRoutineTest, RemovalWaitsForARoutineUnderWay)
     std::condition_variable changed;
     bool inside = false;
     bool letGo = false;
-    during = [&] {
+    during = [&]
+    {
         std::unique_lock lock(mutex);
         inside = true;
         changed.notify_all();
@@ -198,10 +197,12 @@ TEST_F(ProcessNotifyRoutineTest, RemovalWaitsForARoutineUnderWay)
         changed.wait(lock, [&] { return inside; });
     }
     std::atomic<bool> finished{false};
-    std::thread remover([&] {
-        EXPECT_EQ(STATUS_SUCCESS, PsSetCreateProcessNotifyRoutineEx(Watch, TRUE));
-        EXPECT_TRUE(finished);
-    });
+    std::thread remover(
+        [&]
+        {
+            EXPECT_EQ(STATUS_SUCCESS, PsSetCreateProcessNotifyRoutineEx(Watch, TRUE));
+            EXPECT_TRUE(finished);
+        });
     // Gone for everyone else at once, even while the removal waits.
     while (RegisteredNotifyRoutines() != 0)
     {

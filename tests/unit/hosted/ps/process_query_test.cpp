@@ -10,7 +10,7 @@
 
 #include <vector>
 
-using namespace host;
+using namespace hosted;
 using testing::ElementsAre;
 
 namespace
@@ -25,8 +25,8 @@ protected:
         ResetFailures();
         ShutdownProcesses();
         Model() = Windows7();
-        process_ = CreateProcessObject(AllocateProcessId(), SystemProcess()->Id,
-                                       L"\\Device\\HarddiskVolume1\\Apps\\Editor.exe", L"Editor.exe");
+        process_ = CreateProcessObject(
+            AllocateProcessId(), SystemProcess()->Id, L"\\Device\\HarddiskVolume1\\Apps\\Editor.exe", L"Editor.exe");
         InsertProcess(process_);
     }
 
@@ -43,8 +43,7 @@ protected:
     std::vector<const SYSTEM_PROCESS_INFORMATION*> Query()
     {
         ULONG needed = 0;
-        EXPECT_EQ(STATUS_INFO_LENGTH_MISMATCH,
-                  ZwQuerySystemInformation(SystemProcessInformation, nullptr, 0, &needed));
+        EXPECT_EQ(STATUS_INFO_LENGTH_MISMATCH, ZwQuerySystemInformation(SystemProcessInformation, nullptr, 0, &needed));
         answer_.assign(needed, 0xCC);
         ULONG used = 0;
         EXPECT_EQ(STATUS_SUCCESS, ZwQuerySystemInformation(SystemProcessInformation, answer_.data(), needed, &used));
@@ -71,14 +70,13 @@ TEST_F(ProcessQueryTest, ImageNameStandsBehindItsString)
 {
     const HANDLE handle = KernelHandles().Insert(process_, 0);
     ULONG needed = 0;
-    EXPECT_EQ(STATUS_INFO_LENGTH_MISMATCH,
-              ZwQueryInformationProcess(handle, ProcessImageFileName, nullptr, 0, &needed));
+    EXPECT_EQ(
+        STATUS_INFO_LENGTH_MISMATCH, ZwQueryInformationProcess(handle, ProcessImageFileName, nullptr, 0, &needed));
     EXPECT_EQ(sizeof(UNICODE_STRING) + process_->ImageNtPath.size() * 2 + 2, needed);
     std::vector<UCHAR> buffer(needed);
     EXPECT_EQ(STATUS_INFO_LENGTH_MISMATCH,
-              ZwQueryInformationProcess(handle, ProcessImageFileName, buffer.data(), needed - 1, &needed));
-    EXPECT_EQ(STATUS_SUCCESS,
-              ZwQueryInformationProcess(handle, ProcessImageFileName, buffer.data(), needed, nullptr));
+        ZwQueryInformationProcess(handle, ProcessImageFileName, buffer.data(), needed - 1, &needed));
+    EXPECT_EQ(STATUS_SUCCESS, ZwQueryInformationProcess(handle, ProcessImageFileName, buffer.data(), needed, nullptr));
     const auto* name = reinterpret_cast<const UNICODE_STRING*>(buffer.data());
     EXPECT_EQ(reinterpret_cast<const UCHAR*>(name->Buffer), buffer.data() + sizeof(UNICODE_STRING));
     EXPECT_EQ("\\Device\\HarddiskVolume1\\Apps\\Editor.exe", Narrow(View(*name)));
@@ -90,8 +88,8 @@ TEST_F(ProcessQueryTest, ImageNameOfSystemIsEmpty)
 {
     UNICODE_STRING name{};
     ULONG needed = 0;
-    EXPECT_EQ(STATUS_SUCCESS,
-              ZwQueryInformationProcess(OwnProcess, ProcessImageFileName, &name, sizeof(name), &needed));
+    EXPECT_EQ(
+        STATUS_SUCCESS, ZwQueryInformationProcess(OwnProcess, ProcessImageFileName, &name, sizeof(name), &needed));
     EXPECT_EQ(sizeof(name), needed);
     EXPECT_EQ(0, name.Length);
 }
@@ -99,20 +97,19 @@ TEST_F(ProcessQueryTest, ImageNameOfSystemIsEmpty)
 TEST_F(ProcessQueryTest, ImageNameQueryFails)
 {
     ULONG needed = 0;
-    EXPECT_EQ(STATUS_INVALID_INFO_CLASS,
-              ZwQueryInformationProcess(OwnProcess, ProcessBasicInformation, nullptr, 0, &needed));
-    EXPECT_EQ(STATUS_INVALID_HANDLE,
-              ZwQueryInformationProcess(reinterpret_cast<HANDLE>(ULONG_PTR{0x7c}), ProcessImageFileName, nullptr, 0,
-                                        &needed));
+    EXPECT_EQ(
+        STATUS_INVALID_INFO_CLASS, ZwQueryInformationProcess(OwnProcess, ProcessBasicInformation, nullptr, 0, &needed));
+    EXPECT_EQ(STATUS_INVALID_HANDLE, ZwQueryInformationProcess(reinterpret_cast<HANDLE>(ULONG_PTR{0x7c}),
+                                         ProcessImageFileName, nullptr, 0, &needed));
     Thread* thread = CreateThreadObject(process_);
     const HANDLE handle = KernelHandles().Insert(thread, 0);
-    EXPECT_EQ(STATUS_OBJECT_TYPE_MISMATCH,
-              ZwQueryInformationProcess(handle, ProcessImageFileName, nullptr, 0, &needed));
+    EXPECT_EQ(
+        STATUS_OBJECT_TYPE_MISMATCH, ZwQueryInformationProcess(handle, ProcessImageFileName, nullptr, 0, &needed));
     KernelHandles().Close(handle);
     DereferenceObject(thread);
     FailRoutine("ZwQueryInformationProcess");
     EXPECT_EQ(STATUS_INSUFFICIENT_RESOURCES,
-              ZwQueryInformationProcess(OwnProcess, ProcessImageFileName, nullptr, 0, &needed));
+        ZwQueryInformationProcess(OwnProcess, ProcessImageFileName, nullptr, 0, &needed));
     ResetFailures();
     EXPECT_EQ(0u, needed);
 }
@@ -142,10 +139,9 @@ TEST_F(ProcessQueryTest, SnapshotNeedsRoomForAll)
     std::vector<UCHAR> buffer(needed, 0xCC);
     ULONG again = 0;
     EXPECT_EQ(STATUS_INFO_LENGTH_MISMATCH,
-              ZwQuerySystemInformation(SystemProcessInformation, buffer.data(), needed - 1, &again));
+        ZwQuerySystemInformation(SystemProcessInformation, buffer.data(), needed - 1, &again));
     EXPECT_EQ(needed, again);
-    EXPECT_EQ(STATUS_INFO_LENGTH_MISMATCH,
-              ZwQuerySystemInformation(SystemProcessInformation, nullptr, 0, nullptr));
+    EXPECT_EQ(STATUS_INFO_LENGTH_MISMATCH, ZwQuerySystemInformation(SystemProcessInformation, nullptr, 0, nullptr));
     EXPECT_THAT(buffer, testing::Each(0xCC));
 }
 
@@ -154,17 +150,15 @@ TEST_F(ProcessQueryTest, PoolZeroingIsKnownFromVersion10)
     BOOLEAN zeroes = 7;
     ULONG used = 0;
     EXPECT_EQ(STATUS_INVALID_INFO_CLASS,
-              NtQuerySystemInformation(SystemPoolZeroingInformation, &zeroes, sizeof(zeroes), &used));
+        NtQuerySystemInformation(SystemPoolZeroingInformation, &zeroes, sizeof(zeroes), &used));
     EXPECT_EQ(7, zeroes);
     Model() = Windows10();
-    EXPECT_EQ(STATUS_INFO_LENGTH_MISMATCH,
-              NtQuerySystemInformation(SystemPoolZeroingInformation, &zeroes, 0, &used));
+    EXPECT_EQ(STATUS_INFO_LENGTH_MISMATCH, NtQuerySystemInformation(SystemPoolZeroingInformation, &zeroes, 0, &used));
     EXPECT_EQ(1u, used);
     EXPECT_EQ(STATUS_SUCCESS, NtQuerySystemInformation(SystemPoolZeroingInformation, &zeroes, sizeof(zeroes), &used));
     EXPECT_EQ(TRUE, zeroes);
     Model().ZeroesPool = false;
-    EXPECT_EQ(STATUS_SUCCESS,
-              NtQuerySystemInformation(SystemPoolZeroingInformation, &zeroes, sizeof(zeroes), nullptr));
+    EXPECT_EQ(STATUS_SUCCESS, NtQuerySystemInformation(SystemPoolZeroingInformation, &zeroes, sizeof(zeroes), nullptr));
     EXPECT_EQ(FALSE, zeroes);
 }
 
@@ -172,13 +166,11 @@ TEST_F(ProcessQueryTest, UnknownClassesAndInjectedFailures)
 {
     ULONG used = 0;
     EXPECT_EQ(STATUS_INVALID_INFO_CLASS,
-              ZwQuerySystemInformation(static_cast<SYSTEM_INFORMATION_CLASS>(6), nullptr, 0, &used));
+        ZwQuerySystemInformation(static_cast<SYSTEM_INFORMATION_CLASS>(6), nullptr, 0, &used));
     FailRoutine("ZwQuerySystemInformation");
-    EXPECT_EQ(STATUS_INSUFFICIENT_RESOURCES,
-              ZwQuerySystemInformation(SystemProcessInformation, nullptr, 0, &used));
+    EXPECT_EQ(STATUS_INSUFFICIENT_RESOURCES, ZwQuerySystemInformation(SystemProcessInformation, nullptr, 0, &used));
     FailRoutine("NtQuerySystemInformation");
-    EXPECT_EQ(STATUS_INSUFFICIENT_RESOURCES,
-              NtQuerySystemInformation(SystemProcessInformation, nullptr, 0, &used));
+    EXPECT_EQ(STATUS_INSUFFICIENT_RESOURCES, NtQuerySystemInformation(SystemProcessInformation, nullptr, 0, &used));
     ResetFailures();
 }
 
@@ -189,41 +181,42 @@ TEST_F(ProcessQueryTest, TheTrustingFormIsForTheKernelOnly)
     ULONG used = 0;
     Model() = Windows10();
     EXPECT_EQ(STATUS_ACCESS_VIOLATION,
-              NtQuerySystemInformation(SystemPoolZeroingInformation, &zeroes, sizeof(zeroes), nullptr));
+        NtQuerySystemInformation(SystemPoolZeroingInformation, &zeroes, sizeof(zeroes), nullptr));
     EXPECT_EQ(STATUS_ACCESS_VIOLATION, NtQuerySystemInformation(SystemProcessInformation, nullptr, 0, &used));
-    EXPECT_EQ(STATUS_SUCCESS,
-              ZwQuerySystemInformation(SystemPoolZeroingInformation, &zeroes, sizeof(zeroes), &used));
+    EXPECT_EQ(STATUS_SUCCESS, ZwQuerySystemInformation(SystemPoolZeroingInformation, &zeroes, sizeof(zeroes), &used));
 }
 
 TEST_F(ProcessQueryTest, HooksAnswerInTheSystemsPlace)
 {
     std::vector<ULONG> lengths;
-    SetSystemQueryHook([&](ULONG kind, ULONG length) -> std::optional<QueryAnswer> {
-        EXPECT_EQ(static_cast<ULONG>(SystemProcessInformation), kind);
-        lengths.push_back(length);
-        if (lengths.size() == 3)
+    SetSystemQueryHook(
+        [&](ULONG kind, ULONG length) -> std::optional<QueryAnswer>
         {
-            return std::nullopt;
-        }
-        return QueryAnswer{STATUS_INFO_LENGTH_MISMATCH, length + 16};
-    });
+            EXPECT_EQ(static_cast<ULONG>(SystemProcessInformation), kind);
+            lengths.push_back(length);
+            if (lengths.size() == 3)
+            {
+                return std::nullopt;
+            }
+            return QueryAnswer{STATUS_INFO_LENGTH_MISMATCH, length + 16};
+        });
     ULONG needed = 1;
     EXPECT_EQ(STATUS_INFO_LENGTH_MISMATCH, ZwQuerySystemInformation(SystemProcessInformation, nullptr, 0, &needed));
     EXPECT_EQ(16u, needed);
     std::vector<UCHAR> buffer(64 * 1024);
     ZwQuerySystemInformation(SystemProcessInformation, buffer.data(), needed, &needed);
     EXPECT_EQ(32u, needed);
-    EXPECT_EQ(STATUS_SUCCESS, ZwQuerySystemInformation(SystemProcessInformation, buffer.data(),
-                                                       static_cast<ULONG>(buffer.size()), &needed));
+    EXPECT_EQ(STATUS_SUCCESS,
+        ZwQuerySystemInformation(SystemProcessInformation, buffer.data(), static_cast<ULONG>(buffer.size()), &needed));
     EXPECT_THAT(lengths, ElementsAre(0u, 16u, 64u * 1024));
 
     SetProcessQueryHook([](ULONG, ULONG) { return QueryAnswer{STATUS_INFO_LENGTH_MISMATCH, 0}; });
-    EXPECT_EQ(STATUS_INFO_LENGTH_MISMATCH,
-              ZwQueryInformationProcess(OwnProcess, ProcessImageFileName, nullptr, 0, &needed));
+    EXPECT_EQ(
+        STATUS_INFO_LENGTH_MISMATCH, ZwQueryInformationProcess(OwnProcess, ProcessImageFileName, nullptr, 0, &needed));
     EXPECT_EQ(0u, needed);
     ResetQueryHooks();
-    EXPECT_EQ(STATUS_INFO_LENGTH_MISMATCH,
-              ZwQueryInformationProcess(OwnProcess, ProcessImageFileName, nullptr, 0, &needed));
+    EXPECT_EQ(
+        STATUS_INFO_LENGTH_MISMATCH, ZwQueryInformationProcess(OwnProcess, ProcessImageFileName, nullptr, 0, &needed));
     EXPECT_EQ(sizeof(UNICODE_STRING), needed);
 }
 }

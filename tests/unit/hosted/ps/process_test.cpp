@@ -10,7 +10,7 @@
 #include <atomic>
 #include <thread>
 
-using namespace host;
+using namespace hosted;
 using testing::ElementsAre;
 
 namespace
@@ -45,8 +45,8 @@ protected:
 
     Process* Add(WideView name, HANDLE id = nullptr)
     {
-        Process* process = CreateProcessObject(id == nullptr ? AllocateProcessId() : id, Id(4),
-                                               WideString(L"\\Device\\Disk\\") + WideString(name), name);
+        Process* process = CreateProcessObject(
+            id == nullptr ? AllocateProcessId() : id, Id(4), WideString(L"\\Device\\Disk\\") + WideString(name), name);
         InsertProcess(process);
         made_.push_back(process);
         return process;
@@ -121,18 +121,21 @@ TEST_F(ProcessTest, TheThreadsIdIsTheOneThatIsPlayed)
     EXPECT_EQ(mine, PsGetCurrentThreadId());
 }
 
-TEST_F(ProcessTest, HostThreadsPlayDifferentThreads)
+TEST_F(ProcessTest, LinuxThreadsPlayDifferentThreads)
 {
     Process* a = Add(L"a.exe");
     Thread* mine = CurrentThread();
     HANDLE myThreadId = mine->Id;
-    std::thread([a, mine, myThreadId] {
-        EXPECT_NE(mine, CurrentThread());
-        EXPECT_NE(myThreadId, CurrentThread()->Id);
-        EXPECT_EQ(SystemProcess(), CurrentProcess());
-        const AttachedProcess playA(a);
-        EXPECT_EQ(a, CurrentProcess());
-    }).join();
+    std::thread(
+        [a, mine, myThreadId]
+        {
+            EXPECT_NE(mine, CurrentThread());
+            EXPECT_NE(myThreadId, CurrentThread()->Id);
+            EXPECT_EQ(SystemProcess(), CurrentProcess());
+            const AttachedProcess playA(a);
+            EXPECT_EQ(a, CurrentProcess());
+        })
+        .join();
     EXPECT_EQ(mine, CurrentThread());
     EXPECT_EQ("Process x2, Thread x1", DescribeLiveObjects());
 }
@@ -191,10 +194,12 @@ TEST_F(ProcessTest, AProcessCanEndBetweenSnapshotAndLookUp)
 {
     Process* a = Add(L"a.exe");
     std::vector<HANDLE> seen;
-    SetBeforeProcessLookup([&](HANDLE id) {
-        seen.push_back(id);
-        RemoveProcess(a);
-    });
+    SetBeforeProcessLookup(
+        [&](HANDLE id)
+        {
+            seen.push_back(id);
+            RemoveProcess(a);
+        });
     PEPROCESS found = nullptr;
     EXPECT_EQ(STATUS_INVALID_PARAMETER, PsLookupProcessByProcessId(a->Id, &found));
     EXPECT_THAT(seen, ElementsAre(a->Id));
@@ -206,25 +211,27 @@ TEST_F(ProcessTest, TheTableStandsManyThreads)
     std::atomic<int> found{0};
     for (int i = 0; i < 4; ++i)
     {
-        threads.emplace_back([&found] {
-            for (int round = 0; round < 50; ++round)
+        threads.emplace_back(
+            [&found]
             {
-                Process* process = CreateProcessObject(AllocateProcessId(), nullptr, L"\\x.exe", L"x.exe");
-                InsertProcess(process);
+                for (int round = 0; round < 50; ++round)
                 {
-                    const AttachedProcess play(process);
-                    PEPROCESS same = nullptr;
-                    if (NT_SUCCESS(PsLookupProcessByProcessId(PsGetCurrentProcessId(), &same)))
+                    Process* process = CreateProcessObject(AllocateProcessId(), nullptr, L"\\x.exe", L"x.exe");
+                    InsertProcess(process);
                     {
-                        found += FromProcess(same) == process;
-                        ObDereferenceObject(same);
+                        const AttachedProcess play(process);
+                        PEPROCESS same = nullptr;
+                        if (NT_SUCCESS(PsLookupProcessByProcessId(PsGetCurrentProcessId(), &same)))
+                        {
+                            found += FromProcess(same) == process;
+                            ObDereferenceObject(same);
+                        }
+                        SnapshotProcesses();
                     }
-                    SnapshotProcesses();
+                    RemoveProcess(process);
+                    DereferenceObject(process);
                 }
-                RemoveProcess(process);
-                DereferenceObject(process);
-            }
-        });
+            });
     }
     for (std::thread& thread : threads)
     {

@@ -7,7 +7,7 @@
 #include <cstdio>
 #include <thread>
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -259,12 +259,14 @@ TEST_F(Debugger, TextsOfSeveralThreadsStayWhole)
     std::vector<std::thread> threads;
     for (int i = 0; i < 4; ++i)
     {
-        threads.emplace_back([i] {
-            for (int j = 0; j < 100; ++j)
+        threads.emplace_back(
+            [i]
             {
-                DbgPrint("%d%d%d%d", i, i, i, i);
-            }
-        });
+                for (int j = 0; j < 100; ++j)
+                {
+                    DbgPrint("%d%d%d%d", i, i, i, i);
+                }
+            });
     }
     for (std::thread& thread : threads)
     {

@@ -10,7 +10,7 @@
 #include <set>
 #include <vector>
 
-namespace host
+namespace hosted
 {
 namespace
 {

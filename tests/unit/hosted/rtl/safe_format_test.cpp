@@ -7,7 +7,7 @@
 
 #include <vector>
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -58,8 +58,8 @@ TEST_F(SafeFormat, TakesTheConversionsOfTheKernelsFormatter)
     UNICODE_STRING counted = Counted(L"counted");
     ASSERT_EQ(STATUS_SUCCESS, List(this, sizeof(buffer_), Flags, L"%ws %s %wZ %d", L"a", L"b", &counted, -3));
     EXPECT_EQ("a b counted -3", Text());
-    ASSERT_EQ(STATUS_SUCCESS, List(this, sizeof(buffer_), Flags, L"%02d %08X %p", 3, 0xBEEFu,
-                                   reinterpret_cast<void*>(0x12345678)));
+    ASSERT_EQ(STATUS_SUCCESS,
+        List(this, sizeof(buffer_), Flags, L"%02d %08X %p", 3, 0xBEEFu, reinterpret_cast<void*>(0x12345678)));
     EXPECT_EQ("03 0000BEEF 0000000012345678", Text());
     EXPECT_EQ(28, Used());
 }
@@ -119,7 +119,8 @@ TEST_F(SafeFormat, ContinuesWhereTheLastTextEnded)
 
 TEST_F(SafeFormat, RefusesWhatItCannotUseAndLeavesEverythingAlone)
 {
-    const auto refuse = [this](NTSTATUS status) {
+    const auto refuse = [this](NTSTATUS status)
+    {
         EXPECT_EQ(STATUS_INVALID_PARAMETER, status);
         EXPECT_EQ(nullptr, end_);
         EXPECT_EQ(0x7777u, left_);

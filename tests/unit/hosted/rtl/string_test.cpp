@@ -7,7 +7,7 @@
 
 #include <cstring>
 
-namespace host
+namespace hosted
 {
 namespace
 {

@@ -5,7 +5,7 @@
 #include <gtest/gtest.h>
 #include <unicode/uchar.h>
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -43,8 +43,8 @@ TEST(Upcase, KnownPairs)
 TEST(Upcase, WhatWindowsLeavesAlone)
 {
     // Dotless i, long s, micro sign, sharp s (both), title case digraphs, Greek symbols, long s with dot.
-    for (unsigned character : {0x131, 0x17F, 0xB5, 0xDF, 0x1E9E, 0x1C5, 0x1C8, 0x1CB, 0x1F2, 0x3D0, 0x3D1, 0x3F5,
-                               0x345, 0x1E9B, 0x1FBE})
+    for (unsigned character :
+        {0x131, 0x17F, 0xB5, 0xDF, 0x1E9E, 0x1C5, 0x1C8, 0x1CB, 0x1F2, 0x3D0, 0x3D1, 0x3F5, 0x345, 0x1E9B, 0x1FBE})
     {
         EXPECT_EQ(character, Up(character)) << std::hex << character;
     }
@@ -72,8 +72,8 @@ TEST(Upcase, AgreesWithUnicodeWhereTheyShould)
     {
         auto unicode = static_cast<unsigned>(u_toupper(static_cast<UChar32>(character)));
         bool leadsBack = static_cast<unsigned>(u_tolower(static_cast<UChar32>(unicode))) == character;
-        bool takenOver = unicode < 0x10000 && InUnicode51(character) && InUnicode51(unicode) &&
-                         (leadsBack || character == 0x3C2);
+        bool takenOver =
+            unicode < 0x10000 && InUnicode51(character) && InUnicode51(unicode) && (leadsBack || character == 0x3C2);
         ASSERT_EQ(takenOver ? unicode : character, Up(character)) << std::hex << character;
         mapped += Up(character) != character ? 1 : 0;
     }

@@ -4,7 +4,7 @@
 
 #include <map>
 
-namespace host
+namespace hosted
 {
 namespace
 {
@@ -49,9 +49,12 @@ TEST(WideString, EveryUnitSurvivesTheRoundTrip)
 TEST(WideString, WrongUtf8BecomesReplacements)
 {
     WideString one = Units({0xFFFD});
-    EXPECT_EQ(one + L"a", Widen("\x80" "a"));
-    EXPECT_EQ(one + L"a", Widen("\xFF" "a"));
-    EXPECT_EQ(one + L"a", Widen("\xC3" "a"));
+    EXPECT_EQ(one + L"a", Widen("\x80"
+                                "a"));
+    EXPECT_EQ(one + L"a", Widen("\xFF"
+                                "a"));
+    EXPECT_EQ(one + L"a", Widen("\xC3"
+                                "a"));
     EXPECT_EQ(one, Widen("\xE2"));
     EXPECT_EQ(one + one, Widen("\xC0\x80")) << "overlong";
     EXPECT_EQ(one + one + one, Widen("\xE0\x80\x80")) << "overlong";

@@ -1,0 +1,28 @@
+// Mounting and dismounting.
+#include "hosted/fs/store/store_file_system.h"
+
+namespace hosted
+{
+StoreFileSystem::StoreFileSystem(Volume& volume, std::unique_ptr<Store> store, FileSystemOptions options)
+    : StreamFileSystem(volume, options.StrictEndOfFile), store_(std::move(store)), options_(options),
+      volumeNode_(std::make_shared<Node>())
+{
+    volumeNode_->Streams[WideString()] = std::make_shared<Stream>();
+    Load();
+}
+
+StoreFileSystem::~StoreFileSystem()
+{
+    RequireNothingActive();
+    std::lock_guard guard(tree_);
+    for (auto& [id, node] : nodesById_)
+    {
+        SaveIfChanged(node);
+    }
+}
+
+std::unique_ptr<FileSystem> CreateFileSystem(Volume& volume, std::unique_ptr<Store> store, FileSystemOptions options)
+{
+    return std::make_unique<StoreFileSystem>(volume, std::move(store), options);
+}
+}
