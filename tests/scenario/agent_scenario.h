@@ -1,8 +1,8 @@
 // A machine with the driver loaded and an agent that talks to it; nothing of the driver's inside is looked at.
 #pragma once
 
-#include "hosted/machine/testing.h"
 #include "tests/scenario/driver_under_test.h"
+#include "tests/support/machine.h"
 #include "tests/support/text.h"
 
 #include <gmock/gmock.h>

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "hosted/cm/registry.h"
-#include "hosted/machine/testing.h"
+#include "tests/support/machine.h"
 #include "tests/unit/driver/filter/cipher_vectors.h"
 #include "tests/scenario/driver_under_test.h"
 

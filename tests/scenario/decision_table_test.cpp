@@ -2,8 +2,8 @@
 // Told from outside: by programs, by the agent's log and by what the debugger hears.
 
 #include "hosted/ke/failure_injection.h"
-#include "hosted/machine/testing.h"
 #include "tests/scenario/driver_under_test.h"
+#include "tests/support/machine.h"
 
 #include <gmock/gmock.h>
 

@@ -2,8 +2,8 @@
 // crash, each answer is one that is documented, and afterwards everything works again.
 
 #include "hosted/ke/failure_injection.h"
-#include "hosted/machine/testing.h"
 #include "tests/scenario/driver_under_test.h"
+#include "tests/support/machine.h"
 
 #include <functional>
 #include <gmock/gmock.h>

@@ -1,8 +1,8 @@
 // Protections added and removed, stored, dumped and asked for by several threads at once, while processes come and go.
 
-#include "hosted/machine/testing.h"
 #include "hosted/rtl/debug_print.h"
 #include "tests/scenario/driver_under_test.h"
+#include "tests/support/machine.h"
 
 #include <atomic>
 #include <gmock/gmock.h>

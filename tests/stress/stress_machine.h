@@ -3,9 +3,9 @@
 
 #include "hosted/cm/registry.h"
 #include "hosted/machine/native_image.h"
-#include "hosted/machine/testing.h"
 #include "hosted/rtl/debug_print.h"
 #include "tests/stress/file_worker.h"
+#include "tests/support/machine.h"
 
 #include <tarnveil/control.h>
 

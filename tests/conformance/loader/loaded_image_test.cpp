@@ -1,7 +1,7 @@
 // The image that ships, running in the hosted kernel: what is refused, and faults that unwind by its own tables.
 
 #include "hosted/ldr/loaded_image.h"
-#include "hosted/machine/testing.h"
+#include "tests/support/machine.h"
 
 #include <cstdio>
 #include <fstream>

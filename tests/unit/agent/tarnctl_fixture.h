@@ -6,7 +6,7 @@
 #include "agent/tarnctl/socket_transport.h"
 #include "live/control/control_server.h"
 #include "hosted/machine/native_image.h"
-#include "hosted/machine/testing.h"
+#include "tests/support/machine.h"
 #include "tests/unit/agent/hosted_transport.h"
 #include "tests/support/temporary_folder.h"
 

@@ -1,7 +1,7 @@
 #include "hosted/ldr/loaded_image.h"
-#include "hosted/machine/testing.h"
 #include "tests/conformance/platform/test/environment.h"
 #include "tests/conformance/platform/test/platforms.h"
+#include "tests/support/machine.h"
 
 #include <algorithm>
 #include <cstdio>

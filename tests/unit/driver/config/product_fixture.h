@@ -5,8 +5,8 @@
 #include "driver/util/debug_print.h"
 #include "hosted/ke/failure_injection.h"
 #include "hosted/machine/native_image.h"
-#include "hosted/machine/testing.h"
 #include "hosted/ps/query_hooks.h"
+#include "tests/support/machine.h"
 
 #include <gmock/gmock.h>
 

@@ -2,8 +2,8 @@
 
 #include "driver/core/global_state.h"
 #include "hosted/ke/failure_injection.h"
-#include "hosted/machine/testing.h"
 #include "hosted/rtl/debug_print.h"
+#include "tests/support/machine.h"
 
 #include <gmock/gmock.h>
 

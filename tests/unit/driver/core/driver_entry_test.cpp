@@ -7,9 +7,9 @@
 #include "hosted/ex/pool.h"
 #include "hosted/flt/filter_manager.h"
 #include "hosted/ke/failure_injection.h"
-#include "hosted/machine/testing.h"
 #include "hosted/ps/process_notify.h"
 #include "hosted/rtl/debug_print.h"
+#include "tests/support/machine.h"
 #include "tests/unit/driver/stand_in.h"
 
 #include <gmock/gmock.h>

@@ -6,8 +6,8 @@
 #include "driver/util/pool.h"
 #include "hosted/ex/system_routines.h"
 #include "hosted/machine/native_image.h"
-#include "hosted/machine/testing.h"
 #include "hosted/rtl/debug_print.h"
+#include "tests/support/machine.h"
 
 #include <gmock/gmock.h>
 

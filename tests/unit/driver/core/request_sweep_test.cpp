@@ -6,9 +6,9 @@
 #include "driver/util/debug_print.h"
 #include "hosted/ke/failure_injection.h"
 #include "hosted/machine/native_image.h"
-#include "hosted/machine/testing.h"
 #include "hosted/ps/process_create.h"
 #include "hosted/ps/process_table.h"
+#include "tests/support/machine.h"
 
 #include <gmock/gmock.h>
 #include <tarnveil/control.h>

@@ -3,9 +3,9 @@
 #include "driver/core/system_routines.h"
 #include "hosted/ex/pool.h"
 #include "hosted/ke/failure_injection.h"
-#include "hosted/machine/testing.h"
 #include "hosted/ps/query_hooks.h"
 #include "hosted/rtl/debug_print.h"
+#include "tests/support/machine.h"
 
 #include <gmock/gmock.h>
 

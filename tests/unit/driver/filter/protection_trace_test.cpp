@@ -2,7 +2,7 @@
 
 #include "driver/core/global_state.h"
 #include "hosted/machine/native_image.h"
-#include "hosted/machine/testing.h"
+#include "tests/support/machine.h"
 
 #include <gmock/gmock.h>
 

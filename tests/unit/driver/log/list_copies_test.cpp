@@ -2,7 +2,7 @@
 
 #include "driver/log/list_copies.h"
 
-#include "hosted/machine/testing.h"
+#include "tests/support/machine.h"
 #include "tests/unit/driver/process/agent_fixture.h"
 
 namespace agent_test

@@ -3,7 +3,7 @@
 
 #include "driver/util/debug_print.h"
 #include "hosted/ke/system_time.h"
-#include "hosted/machine/testing.h"
+#include "tests/support/machine.h"
 #include "tests/unit/driver/process/agent_fixture.h"
 
 namespace agent_test

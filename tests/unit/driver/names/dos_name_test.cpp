@@ -4,9 +4,9 @@
 #include "driver/util/pool.h"
 #include "hosted/ex/pool.h"
 #include "hosted/ke/failure_injection.h"
-#include "hosted/machine/testing.h"
 #include "hosted/ob/name_space.h"
 #include "hosted/rtl/debug_print.h"
+#include "tests/support/machine.h"
 #include "tests/unit/driver/stand_in.h"
 
 #include <gmock/gmock.h>

@@ -5,9 +5,9 @@
 #include "hosted/ex/pool.h"
 #include "hosted/ke/failure_injection.h"
 #include "hosted/ke/irql.h"
-#include "hosted/machine/testing.h"
 #include "hosted/ps/query_hooks.h"
 #include "hosted/rtl/debug_print.h"
+#include "tests/support/machine.h"
 
 #include <gmock/gmock.h>
 

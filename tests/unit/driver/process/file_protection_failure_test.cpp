@@ -3,7 +3,7 @@
 #include "driver/process/file_protection.h"
 
 #include "driver/util/debug_print.h"
-#include "hosted/machine/testing.h"
+#include "tests/support/machine.h"
 #include "tests/unit/driver/process/agent_fixture.h"
 
 namespace agent_test

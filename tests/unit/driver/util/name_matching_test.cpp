@@ -4,8 +4,8 @@
 #include "driver/util/pool.h"
 #include "hosted/ex/pool.h"
 #include "hosted/ke/failure_injection.h"
-#include "hosted/machine/testing.h"
 #include "hosted/rtl/debug_print.h"
+#include "tests/support/machine.h"
 
 namespace
 {

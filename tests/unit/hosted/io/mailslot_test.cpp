@@ -3,8 +3,8 @@
 
 #include "hosted/ke/failure_injection.h"
 #include "hosted/ke/irql.h"
-#include "hosted/machine/testing.h"
 #include "hosted/ob/handle_table.h"
+#include "tests/support/machine.h"
 
 #include <gmock/gmock.h>
 

@@ -1,5 +1,5 @@
 // What an agent's requests look like at the device, and what it gets back.
-#include "hosted/machine/testing.h"
+#include "tests/support/machine.h"
 #include "tests/unit/hosted/machine/fake_driver.h"
 
 #include <tarnveil/control.h>

@@ -2,8 +2,8 @@
 #include "hosted/ex/pool.h"
 #include "hosted/ke/failure_injection.h"
 #include "hosted/machine/native_image.h"
-#include "hosted/machine/testing.h"
 #include "hosted/ps/process_notify.h"
+#include "tests/support/machine.h"
 #include "tests/unit/hosted/machine/fake_driver.h"
 
 #include <gmock/gmock.h>

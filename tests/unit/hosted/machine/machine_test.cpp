@@ -1,5 +1,5 @@
 // Machines without a driver: programs, files, what is left behind.
-#include "hosted/machine/testing.h"
+#include "tests/support/machine.h"
 
 #include "hosted/cc/cache.h"
 #include "hosted/ke/failure_injection.h"

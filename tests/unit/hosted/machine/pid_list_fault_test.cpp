@@ -6,7 +6,7 @@
 #include "hosted/ke/irql.h"
 #include "hosted/ke/user_access.h"
 #include "hosted/machine/native_image.h"
-#include "hosted/machine/testing.h"
+#include "tests/support/machine.h"
 
 #include <tarnveil/control.h>
 

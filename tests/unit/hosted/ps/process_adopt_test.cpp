@@ -1,7 +1,7 @@
 // Programs of the host system as processes.
-#include "hosted/machine/testing.h"
 #include "hosted/ps/process_create.h"
 #include "hosted/ps/process_table.h"
+#include "tests/support/machine.h"
 #include "tests/unit/live/processes/process_notes.h"
 
 #include <gmock/gmock.h>

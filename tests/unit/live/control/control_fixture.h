@@ -5,7 +5,7 @@
 #include "common/descriptor.h"
 #include "live/control/protocol.h"
 #include "hosted/machine/native_image.h"
-#include "hosted/machine/testing.h"
+#include "tests/support/machine.h"
 #include "tests/support/temporary_folder.h"
 
 #include <tarnveil/control.h>

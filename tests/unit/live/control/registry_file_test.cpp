@@ -3,7 +3,7 @@
 
 #include "live/control/whole_file.h"
 #include "hosted/machine/native_image.h"
-#include "hosted/machine/testing.h"
+#include "tests/support/machine.h"
 #include "tests/support/temporary_folder.h"
 
 #include <sys/resource.h>

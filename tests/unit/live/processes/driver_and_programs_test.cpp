@@ -2,9 +2,9 @@
 #include "live/processes/process_tracker.h"
 
 #include "hosted/machine/disk_access.h"
-#include "hosted/machine/testing.h"
 #include "hosted/ps/process_create.h"
 #include "tests/scenario/driver_under_test.h"
+#include "tests/support/machine.h"
 #include "tests/support/temporary_folder.h"
 #include "tests/unit/live/processes/process_actor.h"
 

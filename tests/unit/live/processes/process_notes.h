@@ -1,8 +1,8 @@
 // What a process notify routine was told, in order.
 #pragma once
 
-#include "hosted/machine/testing.h"
 #include "hosted/ps/process.h"
+#include "tests/support/machine.h"
 
 #include <sys/types.h>
 
