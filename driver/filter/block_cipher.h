@@ -5,9 +5,6 @@
 
 #include <ntifs.h>
 
-#ifndef OPENSSL_SUPPRESS_DEPRECATED
-#define OPENSSL_SUPPRESS_DEPRECATED
-#endif
 #include <openssl/aes.h>
 
 inline constexpr ULONG CipherBlockBytes = 16;

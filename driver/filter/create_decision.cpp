@@ -37,7 +37,7 @@ SandboxView CompareWithSandbox(PCUNICODE_STRING path)
 {
     SandboxView view = {};
     WithLock(Global.CreateDecisionLock,
-        [&view, path]
+        [&view, path]() REQUIRES_LOCK(Global.CreateDecisionLock)
         {
             const UNICODE_STRING& folder = Global.SandboxPath;
             const UNICODE_STRING& prefix = Global.PrefixSandboxPath;

@@ -84,6 +84,6 @@ NTSTATUS DuplicateAllowedProcessList(
         return STATUS_INVALID_PARAMETER;
     }
     NTSTATUS status = STATUS_SUCCESS;
-    WithLockBelowDispatch(*lock, [&] { status = CopyEntries(*list, copy, FillAllowedProcess); });
+    WithLockBelowDispatch(*lock, [&]() REQUIRES_LOCK(*lock) { status = CopyEntries(*list, copy, FillAllowedProcess); });
     return status;
 }

@@ -71,7 +71,9 @@ TEST_F(FastMutex, WorksWhenInitialisedByHand)
     mutex.Contention = 0;
     KeInitializeEvent(&mutex.Event, SynchronizationEvent, FALSE);
     ExAcquireFastMutex(&mutex);
+    EXPECT_EQ(APC_LEVEL, CurrentIrql());
     ExReleaseFastMutex(&mutex);
+    EXPECT_EQ(PASSIVE_LEVEL, CurrentIrql());
 }
 
 TEST_F(FastMutex, ExcludesOthers)

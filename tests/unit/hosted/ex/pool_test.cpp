@@ -164,8 +164,10 @@ TEST_P(Pool, LevelsThatAreAllowed)
         paged = Allocate(10, PagedPool);
         RaisedIrql dispatch(DISPATCH_LEVEL);
         nonPaged = Allocate(10);
+        EXPECT_NE(nonPaged, nullptr);
         Free(nonPaged);
     }
+    EXPECT_NE(paged, nullptr);
     RaisedIrql apc(APC_LEVEL);
     Free(paged);
 }
