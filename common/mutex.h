@@ -23,8 +23,8 @@ private:
     std::mutex mutex_;
 };
 
-// For many threads at once or for one alone. Nobody is passed by those who come later, so that a thread that wants to be
-// alone gets its turn however many share. Not recursive, not even for those who share.
+// For many threads at once or for one alone. Nobody is passed by those who come later, so that a thread that wants to
+// be alone gets its turn however many share. Not recursive, not even for those who share.
 class LOCK_CAPABILITY("shared mutex") FairSharedMutex
 {
 public:
@@ -96,8 +96,8 @@ private:
     FairSharedMutex& lock_;
 };
 
-// What threads wait for under a lock. The lock is held again when a wait returns, which it may do without reason: wait in
-// a loop that looks at what is waited for.
+// What threads wait for under a lock. The lock is held again when a wait returns, which it may do without reason: wait
+// in a loop that looks at what is waited for.
 class Condition
 {
 public:

@@ -34,7 +34,7 @@ install_prerequisites()
 {
     install_packages \
         cmake ninja-build make perl \
-        clang-19 lld-19 llvm-19 libclang-rt-19-dev \
+        clang-19 clang-format-19 clang-tidy-19 lld-19 llvm-19 libclang-rt-19-dev \
         mingw-w64-x86-64-dev gcc-mingw-w64-x86-64-win32 g++-mingw-w64-x86-64-win32 \
         dpkg-dev xz-utils ca-certificates \
         openssl osslsigncode wine64 \
