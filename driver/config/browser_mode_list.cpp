@@ -1,7 +1,7 @@
 #include "driver/config/browser_mode_list.h"
 
 #include "driver/config/product_settings.h"
-#include "driver/config/running_images.h"
+#include "driver/names/running_images.h"
 #include "driver/core/global_state.h"
 #include "driver/names/dos_name.h"
 #include "driver/util/name_matching.h"

@@ -1,6 +1,6 @@
 #include "driver/config/product_mode_list.h"
 
-#include "driver/config/running_images.h"
+#include "driver/names/running_images.h"
 #include "driver/core/global_state.h"
 #include "driver/util/debug_print.h"
 

@@ -1,9 +1,8 @@
 #include "driver/config/registry_configuration.h"
 
 #include "driver/config/product_mode_list.h"
-#include "driver/config/registry_value.h"
+#include "driver/util/registry_value.h"
 #include "driver/core/global_state.h"
-#include "driver/process/file_protection.h"
 #include "driver/util/counted_string.h"
 #include "driver/util/unlocked.h"
 
@@ -192,7 +191,7 @@ bool CopyRegistryPath(PCUNICODE_STRING registryPath)
 }
 }
 
-NTSTATUS LoadConfiguration(PCUNICODE_STRING registryPath)
+void LoadConfiguration(PCUNICODE_STRING registryPath)
 {
     InitializeGlobalState();
     KernelHandle key;
@@ -201,5 +200,4 @@ NTSTATUS LoadConfiguration(PCUNICODE_STRING registryPath)
     {
         ReadProtectionFiles(key.Get());
     }
-    return STATUS_SUCCESS;
 }

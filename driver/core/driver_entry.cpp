@@ -45,7 +45,6 @@ extern "C" NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT driverObject, PUNICODE_STRI
     SelectCipherFamily(ProcessorHasAesInstructions() ? CipherFamily::Instructions : CipherFamily::Portable);
     LoadConfiguration(registryPath);
 
-    Global.DriverObject = driverObject;
     CreateControlDevice(driverObject);
 
     FLT_REGISTRATION registration;

@@ -3,7 +3,6 @@
 #include "driver/config/browser_mode_list.h"
 #include "driver/core/system_routines.h"
 #include "driver/log/log_channel.h"
-#include "driver/util/pool.h"
 
 GlobalState Global;
 
@@ -49,7 +48,6 @@ void RecordSystemVersion()
 void InitializeGlobalState()
 {
     RtlZeroMemory(static_cast<void*>(&Global), sizeof(Global));
-    Global.PoolTag = DriverPoolTag;
     InitializeLocks();
     InitializeLists();
     InitializeBuiltInList(&Global.BrowserModeList);
@@ -57,11 +55,7 @@ void InitializeGlobalState()
     Global.EncryptionEnabled = 1;
     InitializeSystemRoutines();
     InitializeLogChannel();
-    NTSTATUS status = CTInitialize(&Global.ProcessCache);
-    if (!NT_SUCCESS(status))
-    {
-        DbgPrint("Tarnveil - CTInitialize(ProcessCache) failed: %08x\n", status);
-    }
+    CTInitialize(&Global.ProcessCache);
     BRPLBuild();
     IdManInitialize();
     RecordSystemVersion();

@@ -1,7 +1,12 @@
-// The one record of state that the whole driver shares. Cleared and initialised at load, before anything can call in.
+// The one record of state that the whole driver shares, and the one place that knows every list of it. Cleared and
+// initialised at load, before anything can call in. State that has to outlive the clearing, or that only one file
+// touches, stands in that file with a comment that says so.
 //
-// Fields with a lock say so. The key fields, EncryptionEnabled and the paths are read without one: the paths are
-// written only at load, the key only once, EncryptionEnabled is a word of which the last writer wins.
+// Fields with a lock say so. The others are written at entry and unload, when nobody else is there, but for these:
+// - The key fields are stored once, by the load or by the one request that claims them, and read without a lock.
+// - EncryptionEnabled and BrowserModeActive are single words of which the last writer wins.
+// The sandbox paths belong to the first kind: written at load and freed at unload. A create compares its path with them
+// under CreateDecisionLock all the same; the parameter dump reads them without it.
 #pragma once
 
 #include "driver/config/built_in_list.h"
@@ -21,10 +26,9 @@ inline constexpr ULONG OsVersionWindows7 = 0x06010000;
 
 struct GlobalState
 {
-    ULONG PoolTag;
-    PDRIVER_OBJECT DriverObject;
     // Null when it could not be created.
     PDEVICE_OBJECT ControlDevice;
+    // Null before the filter is registered and after it is gone.
     PFLT_FILTER Filter;
     // The driver's own service key; capacity = length.
     UNICODE_STRING RegistryPath;
@@ -53,7 +57,7 @@ struct GlobalState
     LockedList<FileProtection> FileProtections;
     IdentifierManager Identifiers;
 
-    // A record of the agent's last command; nothing reads it.
+    // The agent's last command, start or stop, for whoever looks with a debugger: nothing depends on it.
     BOOLEAN Started GUARDED_BY(StartedLock);
     FastLock StartedLock;
 
@@ -77,13 +81,13 @@ extern GlobalState Global;
 // IRQL PASSIVE_LEVEL.
 void InitializeGlobalState();
 
-// For requests: set and cleared under its own lock.
+// For requests. Takes StartedLock; IRQL up to APC_LEVEL.
 void SetStarted(BOOLEAN started);
-// For entry and unload.
+// For entry and unload. They take NotifyLock; IRQL up to APC_LEVEL.
 BOOLEAN IsProcessNotifyRegistered();
 void SetProcessNotifyRegistered(BOOLEAN registered);
 
-// DbgPrint while VerboseTrace is set.
+// DbgPrint while VerboseTrace is set. IRQL as for DbgPrint: PASSIVE_LEVEL where a format prints wide text.
 template <class... Arguments>
 inline void TracePrint(PCSTR format, Arguments... arguments)
 {

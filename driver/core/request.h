@@ -23,7 +23,7 @@ NTSTATUS ProbeCallerOutput(const Request& request, ULONG bytes);
 NTSTATUS ReadCallerWord(const Request& request, PULONG word);
 NTSTATUS WriteCallerWord(const Request& request, ULONG word);
 
-// The four bytes at an offset of the input; false when the input is too short.
+// The first four bytes of the input; false when there are fewer.
 bool InputWord(const Request& request, PULONG word);
 
 typedef NTSTATUS (*RequestHandler)(Request& request);

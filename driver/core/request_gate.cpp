@@ -5,7 +5,8 @@ namespace
 constexpr LONG OpenFlag = 1;
 constexpr LONG OneRequest = 2;
 
-// The requests inside, and whether the gate is open.
+// The requests inside, and whether the gate is open. Not part of the global state: nobody else touches them, and a
+// request may ask at the gate when that state is gone.
 LONG Gate;
 KEVENT Empty;
 }

@@ -95,7 +95,6 @@ NTSTATUS DeleteFileProtection(Request& request)
         return STATUS_INVALID_PARAMETER;
     }
     DbgPrint("Tarnveil - IOCTL_DEL_FILE_PROTECTION: id(%d)\n", id);
-    constexpr bool byProcess = false;
-    DeleteFileProtectionSettings(nullptr, id, byProcess);
+    DeleteFileProtectionById(id);
     return STATUS_SUCCESS;
 }

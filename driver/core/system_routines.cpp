@@ -78,16 +78,10 @@ NTSTATUS ProbeAndQuery(const ProbeTexts& texts, PVOID* result, Query&& query)
 }
 }
 
-NTSTATUS InitializeSystemRoutines()
+void InitializeSystemRoutines()
 {
     ResolveProcessQuery();
     ResolveSystemQuery();
-    return STATUS_SUCCESS;
-}
-
-NTSTATUS FinalizeSystemRoutines()
-{
-    return STATUS_SUCCESS;
 }
 
 NTSTATUS ResolveProcessQuery()

@@ -5,7 +5,6 @@
 #include "driver/core/control_device.h"
 #include "driver/core/global_state.h"
 #include "driver/core/request_gate.h"
-#include "driver/core/system_routines.h"
 #include "driver/log/log_channel.h"
 #include "driver/process/process_notify.h"
 #include "driver/process/setting_id.h"
@@ -67,7 +66,6 @@ NTSTATUS NTAPI UnloadDriver(FLT_FILTER_UNLOAD_FLAGS)
     HBPLClear();
     IdManFinalize();
     FinalizeLogChannel();
-    FinalizeSystemRoutines();
     DbgPrint("Tarnveil Unload STATUS_SUCCESS\n");
     return STATUS_SUCCESS;
 }

@@ -13,6 +13,7 @@ void aesni_ecb_encrypt(
 
 namespace
 {
+// Not part of the global state: it is chosen at entry, before that is cleared.
 CipherFamily Family = CipherFamily::Portable;
 
 bool IsKeyLength(ULONG keyBytes)

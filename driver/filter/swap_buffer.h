@@ -6,16 +6,18 @@
 // From pre- to post-operation of a swapped transfer. The new MDL belongs to the operation from the swap on.
 struct WriteSwapContext
 {
-    PUCHAR CallerData;
     PVOID CallerBuffer;
     PMDL CallerMdl;
     PMDL NewMdl;
     PVOID NewBuffer;
+    // In bytes.
     ULONG CallerLength;
 };
 
 struct ReadSwapContext : WriteSwapContext
 {
+    // The system address of the caller's buffer, where a completion can reach it.
+    PUCHAR CallerData;
     // Referenced since the pre-operation.
     StreamCipherContext* Stream;
 };

@@ -114,7 +114,6 @@ bool SwapWriteBuffer(
     // Aligned pool comes as it was left; nothing of that may reach a disk.
     RtlZeroMemory(buffer.Data() + span.Enciphered, span.NewLength - span.Enciphered);
 
-    swap->CallerData = callerData;
     swap->CallerBuffer = write.WriteBuffer;
     swap->CallerMdl = write.MdlAddress;
     swap->CallerLength = write.Length;

@@ -1,6 +1,6 @@
 #include "driver/log/debug_mailslot.h"
 
-#include "driver/config/registry_value.h"
+#include "driver/util/registry_value.h"
 #include "driver/util/counted_string.h"
 #include "driver/util/debug_print.h"
 

@@ -1,5 +1,6 @@
 #include "driver/log/list_copies.h"
 
+#include "driver/core/global_state.h"
 #include "driver/util/counted_string.h"
 
 namespace
@@ -35,17 +36,11 @@ bool FillName(const ProcessNameEntry* entry, NameSlot* slot)
         return false;
     }
     slot->Name = name.Detach();
-    slot->SettingId = entry->SettingId;
     return true;
 }
 
-bool FillProcess(const MonitoredProcessEntry* entry, ProcessSlot* slot)
-{
-    *slot = {entry->ProcessId, entry->SettingId, entry->Kind};
-    return true;
-}
-
-bool FillAllowedProcess(const AllowedProcessEntry* entry, AllowedProcessSlot* slot)
+template <class Entry>
+bool FillProcess(const Entry* entry, ProcessSlot* slot)
 {
     slot->ProcessId = entry->ProcessId;
     return true;
@@ -71,19 +66,19 @@ NTSTATUS DuplicateMonProcList(LockedList<MonitoredProcessEntry>* list, ListCopy<
         return STATUS_INVALID_PARAMETER;
     }
     NTSTATUS status = STATUS_SUCCESS;
-    WithLockBelowDispatch(
-        list->Lock, [&, list]() REQUIRES_LOCK(list->Lock) { status = CopyEntries(list->Entries, copy, FillProcess); });
+    WithLockBelowDispatch(list->Lock, [&, list]() REQUIRES_LOCK(list->Lock)
+        { status = CopyEntries(list->Entries, copy, FillProcess<MonitoredProcessEntry>); });
     return status;
 }
 
-NTSTATUS DuplicateAllowedProcessList(
-    List<AllowedProcessEntry>* list, FastLock* lock, ListCopy<AllowedProcessSlot>* copy)
+NTSTATUS DuplicateAllowedProcessList(List<AllowedProcessEntry>* list, FastLock* lock, ListCopy<ProcessSlot>* copy)
 {
     if (list == nullptr || lock == nullptr || copy == nullptr)
     {
         return STATUS_INVALID_PARAMETER;
     }
     NTSTATUS status = STATUS_SUCCESS;
-    WithLockBelowDispatch(*lock, [&]() REQUIRES_LOCK(*lock) { status = CopyEntries(*list, copy, FillAllowedProcess); });
+    WithLockBelowDispatch(
+        *lock, [&]() REQUIRES_LOCK(*lock) { status = CopyEntries(*list, copy, FillProcess<AllowedProcessEntry>); });
     return status;
 }

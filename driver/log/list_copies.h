@@ -2,10 +2,12 @@
 // copied. IRQL PASSIVE_LEVEL; above APC_LEVEL a list is copied without its lock.
 #pragma once
 
-#include "driver/process/file_protection.h"
-#include "driver/process/monitored_process.h"
-#include "driver/process/setting_list.h"
+#include "driver/util/list.h"
 #include "driver/util/pool.h"
+
+struct AllowedProcessEntry;
+struct MonitoredProcessEntry;
+struct ProcessNameEntry;
 
 // A fixed number of slots in one block; frees what they own with the slot's own Free().
 template <class Slot>
@@ -52,19 +54,10 @@ struct NameSlot
 {
     // Without a buffer for an entry without a name.
     UNICODE_STRING Name;
-    ULONG SettingId;
     void Free() { FreePool(Name.Buffer); }
 };
 
 struct ProcessSlot
-{
-    HANDLE ProcessId;
-    ULONG SettingId;
-    ULONG Kind;
-    void Free() {}
-};
-
-struct AllowedProcessSlot
 {
     HANDLE ProcessId;
     void Free() {}
@@ -75,5 +68,4 @@ struct AllowedProcessSlot
 NTSTATUS DuplicateProcessNameList(LockedList<ProcessNameEntry>* list, ListCopy<NameSlot>* copy);
 NTSTATUS DuplicateMonProcList(LockedList<MonitoredProcessEntry>* list, ListCopy<ProcessSlot>* copy);
 // The lock is the one that guards the entry.
-NTSTATUS DuplicateAllowedProcessList(
-    List<AllowedProcessEntry>* list, FastLock* lock, ListCopy<AllowedProcessSlot>* copy);
+NTSTATUS DuplicateAllowedProcessList(List<AllowedProcessEntry>* list, FastLock* lock, ListCopy<ProcessSlot>* copy);

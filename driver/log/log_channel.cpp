@@ -1,7 +1,7 @@
 #include "driver/log/log_channel.h"
 
 #include "driver/log/elided_name.h"
-#include "driver/log/process_name.h"
+#include "driver/names/process_name.h"
 #include "driver/util/debug_print.h"
 #include "driver/util/list.h"
 #include "driver/util/pool.h"
@@ -20,6 +20,7 @@ static_assert(sizeof(LogRecordEntry) == 1112, "links and body, nothing between")
 
 struct LogChannel
 {
+    // Set at load and cleared at unload, when nobody else is there; read without a lock.
     BOOLEAN Initialized;
     LockedList<LogRecordEntry> Records;
     // Referenced; null while nobody registered.
@@ -29,6 +30,8 @@ struct LogChannel
     ULONG Flags GUARDED_BY(Records.Lock);
 };
 
+// Not part of the global state: whether the channel is initialised has to outlive the clearing of that, and nobody but
+// this file touches the rest.
 LogChannel Channel;
 
 // Leaves room for the terminator that the zero-filled field supplies.

@@ -4,7 +4,7 @@
 #include "driver/log/debug_mailslot.h"
 #include "driver/log/labels.h"
 #include "driver/log/list_copies.h"
-#include "driver/log/process_name.h"
+#include "driver/names/process_name.h"
 #include "driver/util/debug_print.h"
 #include "driver/util/kernel_handle.h"
 #include "driver/util/unlocked.h"
@@ -44,8 +44,7 @@ private:
         Line(LevelItem, format, arguments...);
     }
     // The lines of one list.
-    template <class Slot>
-    void ProcessIds(const ListCopy<Slot>& copy, PCWSTR label)
+    void ProcessIds(const ListCopy<ProcessSlot>& copy, PCWSTR label)
     {
         for (ULONG i = 0; i < copy.Count(); ++i)
         {
@@ -60,7 +59,7 @@ private:
     NTSTATUS OutputMonitored(LockedList<MonitoredProcessEntry>& list, PCWSTR label);
     NTSTATUS OutputProtection(FileProtection* protection);
     NTSTATUS OutputProtections();
-    NTSTATUS OutputCache();
+    void OutputCache();
 
     ULONG flags_;
     KernelHandle mailslot_;
@@ -156,7 +155,7 @@ NTSTATUS Dump::OutputMonitored(LockedList<MonitoredProcessEntry>& list, PCWSTR l
 NTSTATUS Dump::OutputProtection(FileProtection* protection)
 {
     constexpr WCHAR label[] = L"Protection :";
-    ListCopy<AllowedProcessSlot> processes;
+    ListCopy<ProcessSlot> processes;
     NTSTATUS status =
         DuplicateAllowedProcessList(&protection->AllowedProcesses, &Global.FileProtections.Lock, &processes);
     if (!NT_SUCCESS(status))
@@ -180,17 +179,12 @@ NTSTATUS Dump::OutputProtections()
     return status;
 }
 
-NTSTATUS Dump::OutputCache()
+void Dump::OutputCache()
 {
     ULONG count = 0;
-    NTSTATUS status = CTGetElementCount(&Global.ProcessCache, &count);
-    if (!NT_SUCCESS(status))
-    {
-        PrintWithDriverName("CTGetElementCount failed. NTStatus = 0x%08x\n", status);
-        return status;
-    }
+    // Fails for null arguments only.
+    CTGetElementCount(&Global.ProcessCache, &count);
     Header(L"%s %s Count = %d\r\n", Parameter, L"Cache : Process :", count);
-    return status;
 }
 
 NTSTATUS Dump::WriteAll()
@@ -223,7 +217,7 @@ NTSTATUS Dump::WriteAll()
     }
     if (NT_SUCCESS(status))
     {
-        status = OutputCache();
+        OutputCache();
     }
     return status;
 }

@@ -1,17 +1,12 @@
 #include "driver/names/dos_name.h"
 
+#include "driver/names/no_memory.h"
 #include "driver/util/kernel_handle.h"
 #include "driver/util/name_matching.h"
 
 namespace
 {
 constexpr USHORT DriveBytes = 2 * sizeof(WCHAR);
-
-NTSTATUS NoMemory()
-{
-    DbgPrint("Memory allocation error\n");
-    return STATUS_INSUFFICIENT_RESOURCES;
-}
 
 NTSTATUS ReadLinkTarget(HANDLE link, CountedString* target)
 {

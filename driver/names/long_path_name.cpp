@@ -2,6 +2,7 @@
 
 #include "driver/core/global_state.h"
 #include "driver/names/dos_name.h"
+#include "driver/names/no_memory.h"
 #include "driver/util/kernel_handle.h"
 #include "driver/util/name_matching.h"
 
@@ -11,12 +12,6 @@ constexpr SIZE_T PathBufferBytes = 65534;
 constexpr ULONG DirectoryBufferBytes = 65630;
 constexpr WCHAR DevicePathPattern[] = L"\\Device\\*";
 constexpr WCHAR DosDevicesPrefix[] = L"\\??\\";
-
-NTSTATUS NoMemory()
-{
-    DbgPrint("Memory allocation error\n");
-    return STATUS_INSUFFICIENT_RESOURCES;
-}
 
 NTSTATUS CopyOf(PCUNICODE_STRING path, CountedString* copy)
 {

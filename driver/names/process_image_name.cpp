@@ -1,18 +1,13 @@
 #include "driver/names/process_image_name.h"
 
 #include "driver/core/system_routines.h"
+#include "driver/names/no_memory.h"
 #include "driver/util/debug_print.h"
 #include "driver/util/name_matching.h"
 
 namespace
 {
 constexpr WCHAR UncImagePrefix[] = L"\\??\\UNC";
-
-NTSTATUS NoMemory()
-{
-    DbgPrint("Memory allocation error\n");
-    return STATUS_INSUFFICIENT_RESOURCES;
-}
 
 NTSTATUS LocalImagePath(PFILE_OBJECT file, CountedString* path)
 {

@@ -157,18 +157,19 @@ NTSTATUS AddFileProtectionSetting(HANDLE processId, PCWSTR path, PULONG id)
     return status;
 }
 
-void DeleteFileProtectionSettings(HANDLE processId, ULONG id, bool byProcess)
+void DeleteFileProtectionById(ULONG id)
 {
     RemovedProcess removed = {};
-    if (!byProcess)
+    // An id belongs to one entry. Looking again would find whoever has been given the number since.
+    if (TakeAllowedProcess([id](AllowedProcessEntry* entry) { return entry->SettingId == id; }, &removed))
     {
-        // An id belongs to one entry. Looking again would find whoever has been given the number since.
-        if (TakeAllowedProcess([id](AllowedProcessEntry* entry) { return entry->SettingId == id; }, &removed))
-        {
-            ReportRequest(removed);
-        }
-        return;
+        ReportRequest(removed);
     }
+}
+
+void DeleteFileProtectionsOfProcess(HANDLE processId)
+{
+    RemovedProcess removed = {};
     while (
         TakeAllowedProcess([processId](AllowedProcessEntry* entry) { return entry->ProcessId == processId; }, &removed))
     {

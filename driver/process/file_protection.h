@@ -33,8 +33,11 @@ struct FileProtection
 // its NT form. A failure to store the paths is printed and does not fail the request.
 NTSTATUS AddFileProtectionSetting(HANDLE processId, PCWSTR path, PULONG id);
 
-// Takes one allowed process out by its setting id, or, by process, each entry of a process, with a log record each.
-void DeleteFileProtectionSettings(HANDLE processId, ULONG id, bool byProcess);
+// Takes the allowed process with that setting id out of its file, with a log record; an id that none carries changes
+// nothing.
+void DeleteFileProtectionById(ULONG id);
+// Takes a process that exits out of every file that it was allowed to open, with a log record for each.
+void DeleteFileProtectionsOfProcess(HANDLE processId);
 
 // Whether any protected path, as a wildcard pattern, covers the name (*isProtected), and whether none of those allows
 // the process (*isDenied). STATUS_INVALID_PARAMETER for a null output.

@@ -135,9 +135,7 @@ void OnProcessExit(HANDLE processId)
     {
         RemoveMonitoredProcessesByProcess(processId);
     }
-    constexpr ULONG anyId = 0;
-    constexpr bool byProcess = true;
-    DeleteFileProtectionSettings(processId, anyId, byProcess);
+    DeleteFileProtectionsOfProcess(processId);
     BRPLRemove(processId);
     HBPLRemove(processId);
 }

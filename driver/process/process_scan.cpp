@@ -3,9 +3,7 @@
 #include "driver/core/global_state.h"
 #include "driver/log/log_channel.h"
 #include "driver/names/dos_name.h"
-#include "driver/names/long_path_name.h"
-#include "driver/names/process_image_name.h"
-#include "driver/process/process_snapshot.h"
+#include "driver/names/running_images.h"
 #include "driver/util/debug_print.h"
 #include "driver/util/name_matching.h"
 
@@ -14,6 +12,8 @@ namespace
 // The creator and 51 further ancestors.
 constexpr ULONG LongestAncestry = 52;
 constexpr char AlreadyAdded[] = "Tarnveil - %wZ (%d) has already been added.\n";
+constexpr RunningImageTexts ScanTexts = {
+    "Tarnveil - GetProcessImageNameFromProcessId Failed: 0x%08XL\n", "Tarnveil - KernelGetLongPathName failed %08x\n"};
 
 // What tells the two scans by image path apart.
 struct ImageScan
@@ -69,32 +69,22 @@ void ScanProcess(const ImageScan& scan, const ScanTarget& target, const SYSTEM_P
 {
     HANDLE processId = record->UniqueProcessId;
     TracePrint(scan.VisitTrace, ProcessIdNumber(processId), &record->ImageName);
-    PoolPointer<UNICODE_STRING> imageName;
-    ProcessReference process;
-    NTSTATUS status = GetProcessImageNameFromProcessId(processId, &imageName, &process);
-    if (!NT_SUCCESS(status) || !imageName)
+    RunningImage image;
+    if (!FindRunningImage(processId, ScanTexts, &image))
     {
-        DbgPrint("Tarnveil - GetProcessImageNameFromProcessId Failed: 0x%08XL\n", status);
-        return;
-    }
-    CountedString longPath;
-    status = KernelGetLongPathName(imageName.Get(), &longPath);
-    if (!NT_SUCCESS(status))
-    {
-        DbgPrint("Tarnveil - KernelGetLongPathName failed %08x\n", status);
         return;
     }
     if (scan.IsKnown(processId))
     {
-        TracePrint(AlreadyAdded, &longPath.Get(), ProcessIdNumber(processId));
+        TracePrint(AlreadyAdded, &image.Path.Get(), ProcessIdNumber(processId));
         return;
     }
-    if (!IsEqualNameNoCase(&longPath.Get(), &target.NtPath))
+    if (!IsEqualNameNoCase(&image.Path.Get(), &target.NtPath))
     {
         return;
     }
-    TracePrint(scan.InsertTrace, process.Get(), ProcessIdNumber(processId), target.SettingPath);
-    scan.Insert(process.Get(), processId, target.SettingId);
+    TracePrint(scan.InsertTrace, image.Process.Get(), ProcessIdNumber(processId), target.SettingPath);
+    scan.Insert(image.Process.Get(), processId, target.SettingId);
     RecordRegistered(scan.Operation, scan.Outcome, target.SettingId, record);
 }
 

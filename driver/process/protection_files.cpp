@@ -1,6 +1,6 @@
 // The protected paths in the registry.
 
-#include "driver/config/registry_value.h"
+#include "driver/util/registry_value.h"
 #include "driver/core/global_state.h"
 #include "driver/process/file_protection.h"
 #include "driver/util/counted_string.h"

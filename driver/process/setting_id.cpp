@@ -44,14 +44,14 @@ NTSTATUS KeepReleasedId(ULONG id) REQUIRES_LOCK(Manager.Released.Lock)
 }
 }
 
-NTSTATUS IdManInitialize() NO_LOCK_ANALYSIS
+// Nobody else is there yet, so no lock is taken.
+void IdManInitialize() NO_LOCK_ANALYSIS
 {
     Manager.Released.Lock.Initialize();
     Manager.Released.Entries.Initialize();
-    return STATUS_SUCCESS;
 }
 
-NTSTATUS IdManFinalize()
+void IdManFinalize()
 {
     WithLock(Manager.Released.Lock,
         []() REQUIRES_LOCK(Manager.Released.Lock)
@@ -63,7 +63,6 @@ NTSTATUS IdManFinalize()
                     FreePool(entry);
                 });
         });
-    return STATUS_SUCCESS;
 }
 
 ULONG IssueId()

@@ -20,9 +20,9 @@ struct IdentifierManager
 };
 
 // At load, before any other routine here. The next fresh number is left as it is.
-NTSTATUS IdManInitialize();
-// At unload: forgets the released numbers.
-NTSTATUS IdManFinalize();
+void IdManInitialize();
+// At unload: forgets the released numbers. IRQL up to APC_LEVEL.
+void IdManFinalize();
 // IRQL up to APC_LEVEL. Cannot fail.
 ULONG IssueId();
 // Numbers never issued and numbers already released are ignored with success. STATUS_INSUFFICIENT_RESOURCES when

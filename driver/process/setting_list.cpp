@@ -4,7 +4,7 @@
 #include "driver/core/global_state.h"
 #include "driver/log/log_channel.h"
 #include "driver/process/process_scan.h"
-#include "driver/process/process_snapshot.h"
+#include "driver/names/process_snapshot.h"
 #include "driver/process/setting_id.h"
 #include "driver/util/counted_string.h"
 #include "driver/util/list_removal.h"
@@ -24,12 +24,8 @@ NTSTATUS RegisterRunningParents(const SYSTEM_PROCESS_INFORMATION* snapshot, PCUN
         DbgPrint("Tarnveil - RegistMonitoredParentProcess error - %x\n", status);
         return status;
     }
-    status = RegistMonitoredChildrenProcess(snapshot);
-    if (!NT_SUCCESS(status))
-    {
-        DbgPrint("Tarnveil - RegistMonitoredChildrenProcess error - %x\n", status);
-    }
-    return status;
+    // Fails without a snapshot only, and then the first scan has failed already.
+    return RegistMonitoredChildrenProcess(snapshot);
 }
 
 NTSTATUS RegisterRunningProcesses(const SYSTEM_PROCESS_INFORMATION* snapshot, PCUNICODE_STRING path, ULONG id)
@@ -89,7 +85,7 @@ NTSTATUS MeasurePath(PCWSTR path, SIZE_T* bytes)
 }
 
 // A new entry with its own copy of the path, not yet linked and without an id.
-NTSTATUS MakeEntry(const ProcessNameSettingList& list, PCWSTR path, ProcessNameEntry** made)
+NTSTATUS MakeEntry(PCWSTR path, ProcessNameEntry** made)
 {
     auto entry = PoolPointer<ProcessNameEntry>::Allocate();
     if (!entry)
@@ -112,7 +108,6 @@ NTSTATUS MakeEntry(const ProcessNameSettingList& list, PCWSTR path, ProcessNameE
     RtlCopyMemory(text.Get(), path, bytes);
     entry->Name = NameView(text.Get());
     entry->Name.Buffer = text.Detach();
-    entry->Kind = list.Kind;
     *made = entry.Detach();
     return STATUS_SUCCESS;
 }
@@ -145,7 +140,7 @@ void LinkNewEntry(const ProcessNameSettingList& list, ProcessNameEntry* entry, P
 NTSTATUS AddOrRefresh(const ProcessNameSettingList& list, PCWSTR path, bool isNew, PULONG id)
 {
     ProcessNameEntry* entry = nullptr;
-    NTSTATUS status = MakeEntry(list, path, &entry);
+    NTSTATUS status = MakeEntry(path, &entry);
     if (!NT_SUCCESS(status))
     {
         return status;
@@ -188,11 +183,11 @@ void DeleteSettings(const ProcessNameSettingList& list, PCWSTR label, bool log, 
 }
 
 constinit const ProcessNameSettingList ParentProcessNames = {
-    Global.ParentProcessNameList, OperationAddParent, MonitoredKindChild, RegisterRunningParents};
+    Global.ParentProcessNameList, OperationAddParent, RegisterRunningParents};
 constinit const ProcessNameSettingList ProcessNames = {
-    Global.ProcessNameList, OperationAddProcess, MonitoredKindProcess, RegisterRunningProcesses};
+    Global.ProcessNameList, OperationAddProcess, RegisterRunningProcesses};
 constinit const ProcessNameSettingList ExclusionProcessNames = {
-    Global.ExclusionProcessNameList, OperationAddExclusion, MonitoredKindProcess, nullptr};
+    Global.ExclusionProcessNameList, OperationAddExclusion, nullptr};
 
 NTSTATUS AddSetting(const ProcessNameSettingList& list, PCWSTR path, PULONG id)
 {

@@ -13,10 +13,7 @@ struct ProcessNameEntry
     LIST_ENTRY Links;
     UNICODE_STRING Name;
     ULONG SettingId;
-    ULONG Kind;
 };
-
-class ProcessSnapshot;
 
 // What tells the three lists apart.
 struct ProcessNameSettingList
@@ -24,7 +21,6 @@ struct ProcessNameSettingList
     LockedList<ProcessNameEntry>& Settings;
     // The log label of the request that fills the list.
     PCWSTR Label;
-    ULONG Kind;
     // Puts running processes of that image under watch; null where a setting only concerns processes to come.
     NTSTATUS (*RegisterRunning)(const SYSTEM_PROCESS_INFORMATION* snapshot, PCUNICODE_STRING path, ULONG id);
 };

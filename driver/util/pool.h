@@ -6,7 +6,8 @@
 // Reads "Tarv" in a pool dump.
 inline constexpr ULONG DriverPoolTag = 'T' | 'a' << 8 | 'r' << 16 | static_cast<ULONG>('v') << 24;
 
-// Set once at entry by InitializePoolPolicy, before anything is allocated; read without a lock ever after.
+// Set once at entry by InitializePoolPolicy, before anything is allocated; read without a lock ever after. Not part of
+// the global state, which is cleared later.
 extern POOL_TYPE DefaultPoolType;
 extern ULONG DefaultMdlProtection;
 extern BOOLEAN PoolZeroingNative;

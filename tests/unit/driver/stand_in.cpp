@@ -1,9 +1,5 @@
 #include "tests/unit/driver/stand_in.h"
 
-#include "driver/config/base64.h"
-#include "driver/names/name_cache.h"
-#include "driver/process/process_scan.h"
-
 #include <atomic>
 #include <fltkernel.h>
 
@@ -12,10 +8,6 @@ namespace stand_in
 const char Answer::NoFileNameInformation[] = "no file name information";
 const char Answer::EmptyLinkTarget[] = "empty link target";
 const char Answer::NoLinkTarget[] = "no link target";
-const char Answer::FailCacheInitialization[] = "cache initialization fails";
-const char Answer::FailCacheCount[] = "cache count fails";
-const char Answer::FailBase64[] = "base64 fails";
-const char Answer::FailChildrenScan[] = "children scan fails";
 
 namespace
 {
@@ -69,35 +61,5 @@ NTSTATUS NTAPI __wrap_ZwQuerySymbolicLinkObject(HANDLE link, PUNICODE_STRING tar
         return STATUS_SUCCESS;
     }
     return __real_ZwQuerySymbolicLinkObject(link, target, length);
-}
-
-NTSTATUS __real__Z12CTInitializeP10CacheTable(CacheTable* table);
-NTSTATUS __wrap__Z12CTInitializeP10CacheTable(CacheTable* table)
-{
-    const NTSTATUS status = __real__Z12CTInitializeP10CacheTable(table);
-    return stand_in::Is(Answer::FailCacheInitialization) ? STATUS_UNSUCCESSFUL : status;
-}
-
-NTSTATUS __real__Z17CTGetElementCountP10CacheTablePj(CacheTable* table, PULONG count);
-NTSTATUS __wrap__Z17CTGetElementCountP10CacheTablePj(CacheTable* table, PULONG count)
-{
-    return stand_in::Is(Answer::FailCacheCount) ? STATUS_UNSUCCESSFUL
-                                                : __real__Z17CTGetElementCountP10CacheTablePj(table, count);
-}
-
-bool __real__Z12DecodeBase64PKwjPhPj(PCWSTR text, ULONG count, PUCHAR output, PULONG outputBytes);
-bool __wrap__Z12DecodeBase64PKwjPhPj(PCWSTR text, ULONG count, PUCHAR output, PULONG outputBytes)
-{
-    return !stand_in::Is(Answer::FailBase64) && __real__Z12DecodeBase64PKwjPhPj(text, count, output, outputBytes);
-}
-
-NTSTATUS __real__Z30RegistMonitoredChildrenProcessPK27_SYSTEM_PROCESS_INFORMATION(
-    const SYSTEM_PROCESS_INFORMATION* snapshot);
-NTSTATUS __wrap__Z30RegistMonitoredChildrenProcessPK27_SYSTEM_PROCESS_INFORMATION(
-    const SYSTEM_PROCESS_INFORMATION* snapshot)
-{
-    return stand_in::Is(Answer::FailChildrenScan)
-               ? STATUS_UNSUCCESSFUL
-               : __real__Z30RegistMonitoredChildrenProcessPK27_SYSTEM_PROCESS_INFORMATION(snapshot);
 }
 }

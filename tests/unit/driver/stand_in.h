@@ -1,5 +1,5 @@
-// Answers that the driver copes with although nothing here gives them: the system documents them, or a routine of the
-// driver may come to give them. The linker leads every call of the routines named here through this file.
+// Answers of the system that its documents allow for and that the driver copes with, although nothing here gives them.
+// The linker leads every call of the routines named here through this file.
 #pragma once
 
 #include <ntifs.h>
@@ -16,12 +16,6 @@ public:
     static const char EmptyLinkTarget[];
     // ZwQuerySymbolicLinkObject: success, as no room is enough for the target.
     static const char NoLinkTarget[];
-    // STATUS_UNSUCCESSFUL.
-    static const char FailCacheInitialization[];
-    static const char FailCacheCount[];
-    static const char FailChildrenScan[];
-    // False.
-    static const char FailBase64[];
 
     explicit Answer(const char* which);
     ~Answer();

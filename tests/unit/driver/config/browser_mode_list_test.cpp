@@ -2,7 +2,7 @@
 
 #include "driver/config/browser_mode_list.h"
 
-#include "driver/process/process_snapshot.h"
+#include "driver/names/process_snapshot.h"
 #include "tests/unit/driver/config/product_fixture.h"
 
 #include <tarnveil/control.h>

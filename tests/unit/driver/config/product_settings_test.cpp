@@ -3,7 +3,6 @@
 #include "driver/config/product_settings.h"
 
 #include "tests/unit/driver/config/product_fixture.h"
-#include "tests/unit/driver/stand_in.h"
 
 namespace product_test
 {
@@ -99,14 +98,6 @@ TEST_F(ProductSettings, WithoutTheMagicCodeThereIsNoMode)
     // Too short a text reads as zeros there.
     SetType(L"ABCD");
     ExpectNoMode(STATUS_UNSUCCESSFUL, {"Decoded InstallerType = ABCD\n", "Invalid Magic Code = 0x0000\n"});
-}
-
-TEST_F(ProductSettings, TextThatDoesNotDecodeGivesNoMode)
-{
-    SetType(L"ABCDEF0@");
-    const stand_in::Answer answer(stand_in::Answer::FailBase64);
-    ExpectNoMode(STATUS_UNSUCCESSFUL,
-        {std::string("Failed to Base64Decode. Path = ") + ProductKeyText + " ValueName = InstallerType\n"});
 }
 
 TEST_F(ProductSettings, UrlSafeCharactersDecodeLikeTheStandardOnes)

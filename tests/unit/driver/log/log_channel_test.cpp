@@ -1,6 +1,6 @@
 // The queue of log records as an agent finds it.
 #include "driver/log/log_channel.h"
-#include "driver/log/process_name.h"
+#include "driver/names/process_name.h"
 #include "hosted/ke/irql.h"
 #include "hosted/ex/pool.h"
 #include "tests/unit/driver/process/agent_fixture.h"

@@ -4,8 +4,6 @@
 
 #include "hosted/ps/query_hooks.h"
 #include "tests/unit/driver/log/mailslot_fixture.h"
-#include "tests/unit/driver/stand_in.h"
-#include "tests/unit/driver/stand_in.h"
 
 namespace agent_test
 {
@@ -272,16 +270,6 @@ TEST_F(ParameterDump, WithoutTheProcessNameOnlyTheFailureIsWritten)
     EXPECT_THAT(Lines(), ElementsAre(Line("Trace", "(null)", StatusMessage("0xC000009AL"))));
 }
 
-TEST_F(ParameterDump, WithoutTheCacheCountTheFailureEndsIt)
-{
-    SetLevel(0x4100);
-    const stand_in::Answer answer(stand_in::Answer::FailCacheCount);
-    EXPECT_EQ(Dump(), Then(Flags("0x41"), {"Tarnveil.sys: ", "CTGetElementCount failed. NTStatus = 0xc0000001\n"}));
-    Texts expected = EmptyLines();
-    expected.back() = Header("IRP = DEV_CTRL IOCTL = OUTPUT_PARAM status = 0xC0000001L");
-    EXPECT_EQ(Lines(), expected);
-}
-
 // Every allocation of the dump fails once: a line's, which is then missing; a copy's, which ends the dump.
 TEST_F(ParameterDump, EachFailedAllocationCostsALineOrEndsTheDump)
 {
@@ -357,16 +345,6 @@ TEST_F(ParameterDump, EveryKindOfCallFailsOnce)
         }
     }
     FAIL() << "the dump never came to its end";
-}
-
-TEST_F(ParameterDump, AFailedCountOfTheCacheIsPrintedAndEndsTheDump)
-{
-    SetLevel(0x4100);
-    const stand_in::Answer answer(stand_in::Answer::FailCacheCount);
-    EXPECT_EQ(Dump(), Then(Flags("0x41"), {"Tarnveil.sys: ", "CTGetElementCount failed. NTStatus = 0xc0000001\n"}));
-    Texts expected = EmptyLines();
-    expected.back() = Header(StatusMessage("0xC0000001L"));
-    EXPECT_EQ(Lines(), expected);
 }
 
 TEST_F(ParameterDump, TwoDumpsLeaveTheSameLines)

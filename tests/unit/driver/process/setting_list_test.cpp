@@ -1,7 +1,6 @@
 // The agent's lists of executables.
 #include "driver/process/setting_list.h"
 #include "tests/unit/driver/process/agent_fixture.h"
-#include "tests/unit/driver/stand_in.h"
 
 using namespace agent_test;
 
@@ -15,16 +14,15 @@ struct ListCase
     ULONG Code;
     const char* Request;
     const char* Label;
-    ULONG Kind;
 };
 
 const ListCase Lists[] = {
     {"Parent", &ParentProcessNames, &ControlClient::AddParentProcess, IOCTL_ADD_PARENT_PROCESS,
-        "IOCTL_ADD_PARENT_PROCESS", "IOCTL = ADD_PARENT", 2},
+        "IOCTL_ADD_PARENT_PROCESS", "IOCTL = ADD_PARENT"},
     {"Process", &ProcessNames, &ControlClient::AddProcess, IOCTL_ADD_PROCESS, "IOCTL_ADD_PROCESS",
-        "IOCTL = ADD_PROCESS", 1},
+        "IOCTL = ADD_PROCESS"},
     {"Exclusion", &ExclusionProcessNames, &ControlClient::AddExclusion, IOCTL_ADD_EXC_PROCESS, "IOCTL_ADD_EXC_PROCESS",
-        "IOCTL = ADD_EXC_PROC", 1},
+        "IOCTL = ADD_EXC_PROC"},
 };
 
 void PrintTo(const ListCase& list, std::ostream* stream)
@@ -105,7 +103,6 @@ TEST_P(SettingListTest, AnEntryHoldsItsOwnTerminatedText)
             EXPECT_EQ(entry->Name.Length, 16);
             EXPECT_EQ(entry->Name.MaximumLength, 18);
             EXPECT_EQ(entry->SettingId, Id(0));
-            EXPECT_EQ(entry->Kind, GetParam().Kind);
         });
 }
 
@@ -348,13 +345,4 @@ TEST_F(SettingListsTest, APathThatIsNoDrivePathIsTakenBack)
     EXPECT_EQ(agent_.AddExclusion(L"a.exe"), Added(Id(0)));
 }
 
-TEST_F(SettingListsTest, AFailedScanForChildrenTakesTheParentSettingBack)
-{
-    Listen();
-    const stand_in::Answer answer(stand_in::Answer::FailChildrenScan);
-    EXPECT_THAT(PrintsOf([&] { EXPECT_EQ(agent_.AddParentProcess(L"C:\\a.exe").Status, STATUS_UNSUCCESSFUL); }),
-        testing::Contains("Tarnveil - RegistMonitoredChildrenProcess error - c0000001\n"));
-    constexpr char record[] = "IRP = DEV_CTRL IOCTL = ADD_PARENT status = %s id = %u path = C:\\a.exe";
-    EXPECT_THAT(Messages(), ElementsAre(Text(record, "ADDED_SETTING", Id(0)), Text(record, "DELETED_SETTING", Id(0))));
-}
 }

@@ -1,22 +1,17 @@
 // One look at all running processes.
 #pragma once
 
-#include "driver/core/system_routines.h"
 #include "driver/util/pool.h"
 
+// Owns the chain of records of class SystemProcessInformation that one query gave. A record lives as long as the
+// snapshot.
 class ProcessSnapshot
 {
 public:
     // Once per object. The failures of QuerySystemInformation. IRQL PASSIVE_LEVEL.
-    NTSTATUS Take()
-    {
-        PSYSTEM_PROCESS_INFORMATION records = nullptr;
-        NTSTATUS status = QuerySystemInformation(&records);
-        records_ = PoolPointer<SYSTEM_PROCESS_INFORMATION>(records);
-        return status;
-    }
+    NTSTATUS Take();
 
-    // Null before a snapshot was taken.
+    // Null before a snapshot was taken. The routines below only read memory: any IRQL up to DISPATCH_LEVEL.
     const SYSTEM_PROCESS_INFORMATION* First() const { return records_.Get(); }
 
     template <class Matches>
@@ -36,7 +31,7 @@ public:
             reinterpret_cast<const UCHAR*>(record) + record->NextEntryOffset);
     }
 
-    // The first record of a chain for which matches(record) holds, or null.
+    // The first record of a chain, which may be null, for which matches(record) holds; null when there is none.
     template <class Matches>
     static const SYSTEM_PROCESS_INFORMATION* FindRecord(const SYSTEM_PROCESS_INFORMATION* first, Matches&& matches)
     {

@@ -1,4 +1,4 @@
-#include "driver/config/registry_value.h"
+#include "driver/util/registry_value.h"
 
 namespace
 {

@@ -1,6 +1,6 @@
-#include "driver/log/process_name.h"
+#include "driver/names/process_name.h"
 
-#include "driver/process/process_snapshot.h"
+#include "driver/names/process_snapshot.h"
 
 NTSTATUS GetProcessName(PoolPointer<WCHAR>* name, HANDLE processId)
 {
