@@ -11,7 +11,7 @@ here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 build=$1 package=$2
 draft=$package.draft
 
-files=(Tarnveil.pdb Tarnveil.inf INSTALL.txt)
+files=(Tarnveil.pdb Tarnveil.inf INSTALL.txt NOTICE.txt)
 # Asked of the build and not of the folder: a program that should be there and is not must not go missing unnoticed.
 targets=$(ninja -C "$build" -t targets all)
 if grep -q -E '^tarnctl(\.exe)?:' <<< "$targets"

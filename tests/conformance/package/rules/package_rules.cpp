@@ -62,7 +62,7 @@ std::string Sha256(const Bytes& bytes)
 void CheckFiles(const Path& folder, bool withControlProgram, Findings& findings)
 {
     std::set<std::string> expected{
-        "Tarnveil.sys", "Tarnveil.pdb", "Tarnveil.inf", "Tarnveil-test.cer", "INSTALL.txt", SumsName};
+        "Tarnveil.sys", "Tarnveil.pdb", "Tarnveil.inf", "Tarnveil-test.cer", "INSTALL.txt", "NOTICE.txt", SumsName};
     if (withControlProgram)
     {
         expected.insert("tarnctl.exe");

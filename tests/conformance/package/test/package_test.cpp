@@ -287,7 +287,7 @@ TEST_F(PackageTest, IsNotMadeOfAnIncompleteBuild)
 {
     const Path build = work->Path("incomplete");
     std::filesystem::create_directories(build);
-    for (const char* name : {"Tarnveil.sys", "Tarnveil.pdb", "Tarnveil.inf", "INSTALL.txt"})
+    for (const char* name : {"Tarnveil.sys", "Tarnveil.pdb", "Tarnveil.inf", "INSTALL.txt", "NOTICE.txt"})
     {
         std::filesystem::copy(BuildFolder() / name, build / name);
     }

@@ -41,7 +41,7 @@ TEST(LongFiles, MayBeDocuments)
     const std::string lines(401, '\n');
     Tree tree;
     tree.Sources.push_back(ReadSource("a.cpp", lines));
-    tree.Texts = {{"b.sh", lines}, {"docs/c.md", lines}};
+    tree.Texts = {{"b.sh", lines}, {"docs/c.txt.in", lines}, {"d.md", lines}, {"NOTICE", lines}};
     EXPECT_EQ(Judge(FindLongFiles(tree)), "a.cpp:401: the file has 401 lines\nb.sh:401: the file has 401 lines\n");
 }
 
