@@ -1,32 +1,30 @@
-// A file system of the hosted kernel: an NTFS-like tree of files, directories and alternate streams over a store.
+// What every file system of this folder offers besides requests: the bytes beneath it, for tests and tools.
 #pragma once
 
 #include "hosted/cc/cache.h"
-#include "hosted/fs/store.h"
 #include "hosted/io/volume.h"
+
+#include <string>
+#include <string_view>
 
 namespace hosted
 {
-struct FileSystemOptions
+// See the routines below.
+class StoredFileSystem : public FileSystem
 {
-    // Setting the end of file leaves the pages that hold the old and the new end alone, as a file system with a
-    // valid-data length may, instead of writing them again under the new size.
-    bool StrictEndOfFile = false;
-    // Names that are not 8.3 names get one.
-    bool ShortNames = true;
+public:
+    virtual bool ReadDisk(WideView path, std::string* bytes) = 0;
+    virtual NTSTATUS WriteDisk(WideView path, std::string_view bytes) = 0;
 };
 
-// Mounts what the store holds. `volume` (its sector size and disk device are used) must outlive the file system; the
-// device may be made later, before the first open. Destroying it is a bug check while streams are open or dirty.
-std::unique_ptr<FileSystem> CreateFileSystem(
-    Volume& volume, std::unique_ptr<Store> store, FileSystemOptions options = {});
+// For both, `files` is a StoredFileSystem.
 
-// The bytes that the store holds of a stream ("\Sandbox\plan.txt", "\Sandbox\plan.txt:notes"; short names work),
-// past the cache and the filters. False when there is no such stream. `files` is one of the hosted kernel's own.
+// The bytes that are stored of a stream ("\Sandbox\plan.txt", "\Sandbox\plan.txt:notes"; short names work), past the
+// cache and the filters. False when there is no such stream.
 bool ReadDisk(FileSystem& files, WideView path, std::string* bytes);
 
-// Replaces what the store holds of an existing stream, past the cache and the filters. STATUS_SHARING_VIOLATION while
-// anybody has the stream open or the cache still has some of it, so that neither can hold other bytes than the disk.
+// Replaces what is stored of an existing stream, past the cache and the filters. STATUS_SHARING_VIOLATION while anybody
+// has the stream open or the cache still has some of it, so that neither can hold other bytes than the disk.
 // STATUS_OBJECT_NAME_NOT_FOUND.
 NTSTATUS WriteDisk(FileSystem& files, WideView path, std::string_view bytes);
 

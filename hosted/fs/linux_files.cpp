@@ -1,12 +1,10 @@
 #include "hosted/fs/linux_files.h"
 
-#include <atomic>
 #include <cerrno>
 #include <fcntl.h>
 #include <linux/openat2.h>
 #include <sys/syscall.h>
 #include <unistd.h>
-#include <utility>
 
 namespace hosted
 {
@@ -63,16 +61,6 @@ namespace
 constexpr LONGLONG UnixEpoch = 116444736000000000;
 constexpr LONGLONG UnitsPerSecond = 10000000;
 constexpr LONGLONG NanosecondsPerUnit = 100;
-
-std::atomic<void (*)(const LinuxChange&)> changeWatcher = nullptr;
-
-void Announce(const LinuxChange& change)
-{
-    if (auto* watcher = changeWatcher.load(std::memory_order_acquire))
-    {
-        watcher(change);
-    }
-}
 }
 
 LONGLONG SystemTimeOf(const timespec& time)
@@ -102,7 +90,7 @@ Descriptor OpenBelow(int directory, const std::string& path, int flags, LookupRu
     for (;;)
     {
         const long opened = syscall(SYS_openat2, directory, name, &how, sizeof(how));
-        // A rename elsewhere may make the host give up once.
+        // A rename elsewhere may make Linux give up once.
         if (opened >= 0 || (errno != EAGAIN && errno != EINTR))
         {
             return Descriptor(static_cast<int>(opened));
@@ -118,45 +106,5 @@ std::string DescriptorPath(int descriptor)
 Descriptor Reopen(int descriptor, int flags)
 {
     return Descriptor(open(DescriptorPath(descriptor).c_str(), flags | O_CLOEXEC));
-}
-
-void SetLinuxChangeWatcher(void (*watcher)(const LinuxChange&))
-{
-    changeWatcher.store(watcher, std::memory_order_release);
-}
-
-int LinuxWrite(int file, const void* data, size_t length, LONGLONG offset, size_t* written)
-{
-    *written = 0;
-    while (*written < length)
-    {
-        const char* from = static_cast<const char*>(data) + *written;
-        Announce({file, from, length - *written, offset + static_cast<LONGLONG>(*written)});
-        const ssize_t moved = pwrite(file, from, length - *written, offset + static_cast<LONGLONG>(*written));
-        if (moved < 0 && errno != EINTR)
-        {
-            return errno;
-        }
-        *written += moved > 0 ? static_cast<size_t>(moved) : 0;
-    }
-    return 0;
-}
-
-int LinuxTruncate(int file, LONGLONG size)
-{
-    Announce({file, nullptr, 0, size});
-    return ftruncate(file, size) == 0 ? 0 : errno;
-}
-
-int LinuxRemove(int directory, const std::string& name)
-{
-    Announce({directory, nullptr, 0, 0});
-    return unlinkat(directory, name.c_str(), 0) == 0 ? 0 : errno;
-}
-
-Descriptor LinuxCreate(int directory, const std::string& name)
-{
-    Announce({directory, nullptr, 0, 0});
-    return Descriptor(openat(directory, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
 }
 }

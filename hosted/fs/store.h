@@ -1,4 +1,4 @@
-// Where a file system keeps its bytes and its metadata.
+// Where a file system keeps its bytes, and one over a store also what it knows of files.
 #pragma once
 
 #include "hosted/rtl/wide_string.h"
@@ -74,15 +74,4 @@ public:
     // The stream must exist; the object stays usable until the stream is removed, also across renames.
     virtual std::shared_ptr<StoreStream> OpenStream(ULONGLONG id, WideView stream) = 0;
 };
-
-// What a memory store keeps; shared, so that a later store over the same disk finds it again.
-class MemoryDisk;
-std::shared_ptr<MemoryDisk> CreateMemoryDisk();
-std::unique_ptr<Store> CreateMemoryStore(std::shared_ptr<MemoryDisk> disk = CreateMemoryDisk());
-
-// Keeps files and directories as such below an ordinary folder, which exists: the bytes of each stream in one
-// ordinary file (named streams in "name:stream" next to it). Times, attributes, short names and file ids are kept in
-// one small file at the top and are made anew where that is missing. Files put there by hand appear at the next
-// mount. Names longer than 255 bytes of UTF-8 cannot be held.
-std::unique_ptr<Store> CreateDirectoryStore(const std::string& folder);
 }

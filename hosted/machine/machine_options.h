@@ -19,7 +19,7 @@ struct VolumeOptions
     bool StrictEndOfFile = false;
     bool ShortNames = true;
     std::string Directory = {}; // where a directory store keeps its files; empty: in memory
-    // A folder of the host system that is the volume itself (see folder_file_system.h), in place of a store.
+    // A folder of the host system that is the volume itself (see folder_volume.h), in place of a store.
     std::string Folder = {};
     bool ReadOnly = false;    // of a folder
     std::string Without = {}; // of a folder

@@ -1,7 +1,7 @@
 #include "hosted/machine/machine_volume.h"
 
 #include "hosted/cc/cache.h"
-#include "hosted/fs/folder/folder_file_system.h"
+#include "hosted/fs/folder/folder_volume.h"
 
 namespace hosted
 {
@@ -41,8 +41,8 @@ void MachineVolume::Mount()
     else
     {
         auto store = disk_ != nullptr ? CreateMemoryStore(disk_) : CreateDirectoryStore(options_.Directory);
-        const FileSystemOptions files{.StrictEndOfFile = options_.StrictEndOfFile, .ShortNames = options_.ShortNames};
-        volume->Files = CreateFileSystem(*volume, std::move(store), files);
+        const StoreOptions files{.StrictEndOfFile = options_.StrictEndOfFile, .ShortNames = options_.ShortNames};
+        volume->Files = CreateStoreFileSystem(*volume, std::move(store), files);
     }
     volume_ = MountVolume(std::move(volume));
 }

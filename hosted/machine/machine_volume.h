@@ -1,7 +1,7 @@
 // One volume of the machine over its store, which outlives mounts.
 #pragma once
 
-#include "hosted/fs/store.h"
+#include "hosted/fs/store/store_volume.h"
 #include "hosted/io/volume.h"
 #include "hosted/machine/machine_options.h"
 

@@ -1,7 +1,7 @@
 // Files of the volume, opened through the hosted I/O manager and the filters.
 #pragma once
 
-#include "hosted/fs/folder/folder_file_system.h"
+#include "hosted/fs/folder/folder_volume.h"
 #include "hosted/io/file.h"
 #include "live/mount/node_table.h"
 #include "hosted/ps/process.h"

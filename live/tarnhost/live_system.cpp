@@ -1,7 +1,7 @@
 #include "live/tarnhost/live_system.h"
 
 #include "hosted/cc/cache.h"
-#include "hosted/fs/folder/folder_file_system.h"
+#include "hosted/fs/folder/folder_volume.h"
 #include "hosted/fs/linux_files.h"
 #include "hosted/ke/system_time.h"
 #include "hosted/ldr/loaded_image.h"

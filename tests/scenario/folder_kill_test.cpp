@@ -1,6 +1,6 @@
 // A system that is killed at any moment: what a program had flushed before can still be read through the driver.
 #include "hosted/fs/file_system.h"
-#include "hosted/fs/linux_files.h"
+#include "hosted/fs/folder/stored_changes.h"
 #include "tests/scenario/cipher_scenario.h"
 #include "tests/support/temporary_folder.h"
 
@@ -92,7 +92,7 @@ struct Shared
 };
 Shared* shared = nullptr;
 
-void Count(const LinuxChange& change)
+void Count(const StoredChange& change)
 {
     if (++shared->Changes != shared->KillAt)
     {
@@ -185,7 +185,7 @@ protected:
         const pid_t child = fork();
         if (child == 0)
         {
-            SetLinuxChangeWatcher(Count);
+            SetStoredChangeWatcher(Count);
             Play(script);
         }
         int status = 0;

@@ -1,5 +1,5 @@
 // The driver on volumes that are folders of the host: the programs' on one that is only read, the sandbox on another.
-#include "hosted/fs/folder/folder_file_system.h"
+#include "hosted/fs/folder/folder_volume.h"
 #include "hosted/io/posix_information.h"
 #include "tests/scenario/cipher_scenario.h"
 #include "tests/support/temporary_folder.h"

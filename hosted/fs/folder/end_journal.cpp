@@ -43,8 +43,8 @@ int ApplyEndRecord(int file, const EndRecord& record)
 {
     const LONGLONG start = BlockDown(record.End);
     size_t written;
-    const int error = LinuxWrite(file, record.Tail, static_cast<size_t>(record.End - start), start, &written);
-    return error != 0 ? error : LinuxTruncate(file, record.End);
+    const int error = WriteStored(file, record.Tail, static_cast<size_t>(record.End - start), start, &written);
+    return error != 0 ? error : TruncateStored(file, record.End);
 }
 
 EndJournal::EndJournal(int root) : root_(root)
@@ -109,24 +109,24 @@ int EndJournal::Put(const std::string& key, const EndRecord& record)
     {
         return errno;
     }
-    Descriptor file = LinuxCreate(directory, key);
+    Descriptor file = CreateStored(directory, key);
     if (!file)
     {
         return errno;
     }
     const StoredRecord stored = {RecordMark, record, SumOf(record)};
     size_t written;
-    const int error = LinuxWrite(file.Get(), &stored, sizeof(stored), 0, &written);
+    const int error = WriteStored(file.Get(), &stored, sizeof(stored), 0, &written);
     if (error != 0)
     {
-        LinuxRemove(directory, key);
+        RemoveStored(directory, key);
     }
     return error;
 }
 
 int EndJournal::Remove(const std::string& key)
 {
-    return LinuxRemove(directory_.Get(), key);
+    return RemoveStored(directory_.Get(), key);
 }
 
 int EndJournal::Recover(int descriptor)

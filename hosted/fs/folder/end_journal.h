@@ -1,7 +1,7 @@
 // What a folder file system writes down before it replaces the last block of a file by a shorter one.
 #pragma once
 
-#include "hosted/fs/linux_files.h"
+#include "hosted/fs/folder/stored_changes.h"
 
 #include <atomic>
 #include <mutex>

@@ -1,342 +1,132 @@
-// Opening what is in the folder.
-#include "hosted/fs/folder/folder_volume.h"
+// Making what is not yet in the folder.
+#include "hosted/fs/folder/folder_file_system.h"
 
 #include <cerrno>
 #include <fcntl.h>
+#include <unistd.h>
 
 namespace hosted
 {
 namespace
 {
-// Names that others make and remove at the same moment are tried for so often.
-constexpr int MostAttempts = 16;
+constexpr mode_t PermissionBits = 07777;
 
-// Rights by which something would change, and by which it would not only look.
-constexpr ACCESS_MASK ChangingRights = DataWriteRights | DELETE;
-
-NTSTATUS ErrnoStatus()
+const FolderCreation* CreationOf(const CreateRequest& request)
 {
-    return StatusFromErrno(errno);
+    return request.Ea != nullptr && request.EaLength == sizeof(FolderCreation)
+               ? static_cast<const FolderCreation*>(request.Ea)
+               : nullptr;
 }
 
-StreamKind KindOf(mode_t mode)
+// Makes what was created belong to whom the creator says, with exactly his permissions.
+NTSTATUS SetCreation(const FolderCreation& creation, int directory, int made)
 {
-    return S_ISREG(mode) ? StreamKind::Data : S_ISDIR(mode) ? StreamKind::Directory : StreamKind::Other;
-}
-}
-
-FileKey KeyOf(const struct stat& info)
-{
-    return {info.st_dev, info.st_ino};
-}
-
-bool FolderFileSystem::IsHidden(const FolderEntry& directory, WideView name) const
-{
-    return directory.IsRoot() && !options_.ReadOnly && name == WideView(Widen(EndJournal::DirectoryName));
-}
-
-FolderEntry* FolderFileSystem::StartOf(PFILE_OBJECT file) const
-{
-    const PFILE_OBJECT related = file->RelatedFileObject;
-    const bool fromRoot = related == nullptr || related->FsContext == nullptr || (related->Flags & FO_VOLUME_OPEN);
-    return fromRoot ? root_.get() : FolderOpenOf(related)->Entry.get();
-}
-
-NTSTATUS FolderFileSystem::OpenTarget(CreateRequest& request)
-{
-    if (request.ById())
+    struct stat above = {};
+    struct stat info = {};
+    if (fstat(directory, &above) != 0 || fstat(made, &info) != 0)
     {
-        return STATUS_NOT_SUPPORTED;
+        return StatusFromErrno(errno);
     }
-    if (request.VolumeOpen)
+    const std::string path = DescriptorPath(made);
+    const gid_t group = (above.st_mode & S_ISGID) ? static_cast<gid_t>(-1) : creation.Group;
+    if (creation.SetOwner && fchownat(made, "", creation.Owner, group, AT_EMPTY_PATH) != 0)
     {
-        return OpenVolume(request);
+        return StatusFromErrno(errno);
     }
-    const bool changes = (request.Access & ChangingRights) || Overwrites(request.Disposition) ||
-                         request.Disposition == FILE_CREATE || (request.Options & FILE_DELETE_ON_CLOSE);
-    if (options_.ReadOnly && changes)
+    if (S_ISLNK(info.st_mode))
+    {
+        return STATUS_SUCCESS;
+    }
+    // Directories pass on what their own parent gave them.
+    const mode_t inherited = S_ISDIR(info.st_mode) ? info.st_mode & S_ISGID : 0;
+    const mode_t wanted = (creation.Mode & PermissionBits) | inherited;
+    const bool special = wanted & (S_ISUID | S_ISGID);
+    if (((info.st_mode & PermissionBits) != wanted || (creation.SetOwner && special)) &&
+        chmod(path.c_str(), wanted) != 0)
+    {
+        return StatusFromErrno(errno);
+    }
+    return STATUS_SUCCESS;
+}
+
+// Makes the thing itself; for a file *made is open for its data. 0 or -1 with errno.
+int Make(int directory, const std::string& name, bool asDirectory, const FolderCreation* creation, Descriptor* made)
+{
+    const mode_t mode = creation != nullptr ? creation->Mode & PermissionBits : asDirectory ? 0777 : 0666;
+    const mode_t type = creation != nullptr ? creation->Mode & S_IFMT : 0;
+    const char* text = name.c_str();
+    const bool file = !asDirectory && (type == 0 || type == S_IFREG);
+    if (creation != nullptr && creation->LinkTarget != nullptr)
+    {
+        if (symlinkat(creation->LinkTarget, directory, text) != 0)
+        {
+            return -1;
+        }
+    }
+    else if (file)
+    {
+        *made = Descriptor(openat(directory, text, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode));
+        return made->Get() < 0 ? -1 : 0;
+    }
+    else
+    {
+        const int result =
+            asDirectory ? mkdirat(directory, text, mode) : mknodat(directory, text, type | mode, creation->Device);
+        if (result != 0)
+        {
+            return -1;
+        }
+    }
+    *made = Descriptor(openat(directory, text, O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    return made->Get() < 0 ? -1 : 0;
+}
+}
+
+NTSTATUS FolderFileSystem::CreateNew(CreateRequest& request, const FolderPlace& place)
+{
+    const FolderCreation* creation = CreationOf(request);
+    if (options_.ReadOnly)
     {
         return STATUS_MEDIA_WRITE_PROTECTED;
     }
-    if (request.Path.StreamGiven)
+    const bool link = creation != nullptr && creation->LinkTarget != nullptr;
+    if ((request.Ea != nullptr && creation == nullptr) || (link && !(request.Options & FILE_OPEN_REPARSE_POINT)))
+    {
+        return STATUS_INVALID_PARAMETER;
+    }
+    if (!request.WantsDirectory() && request.Path.TrailingBackslash)
     {
         return STATUS_OBJECT_NAME_INVALID;
     }
-    std::shared_lock names(names_);
-    FolderPlace place;
-    NTSTATUS status = FindPlace(request, &place);
-    for (int attempt = 0; NT_SUCCESS(status); ++attempt)
-    {
-        Descriptor found;
-        status = LookUp(place, &found);
-        if (NT_SUCCESS(status))
-        {
-            return OpenExisting(request, place, std::move(found), false);
-        }
-        if (status != STATUS_OBJECT_NAME_NOT_FOUND || NeedsExisting(request.Disposition))
-        {
-            return status;
-        }
-        status = CreateNew(request, place);
-        const bool appeared = status == STATUS_OBJECT_NAME_COLLISION && request.Disposition != FILE_CREATE;
-        if (!appeared || attempt == MostAttempts)
-        {
-            return status;
-        }
-        status = STATUS_SUCCESS;
-    }
-    return status;
-}
-
-NTSTATUS FolderFileSystem::OpenVolume(CreateRequest& request)
-{
-    if (request.WantsDirectory())
-    {
-        return STATUS_NOT_A_DIRECTORY;
-    }
-    if (request.Disposition != FILE_OPEN && request.Disposition != FILE_OPEN_IF)
-    {
-        return STATUS_ACCESS_DENIED;
-    }
-    std::lock_guard guard(tree_);
-    std::shared_ptr<FolderBlock> block = volumeBlock_.lock();
-    if (block == nullptr || block->TornDown)
-    {
-        block = std::make_shared<FolderBlock>(*this, StreamKind::Volume, 0, FileKey{}, Descriptor());
-        Activate(block);
-        volumeBlock_ = block;
-    }
-    request.Information = FILE_OPENED;
-    NTSTATUS status = AttachOpen(request, std::move(block), nullptr);
-    request.File->Flags |= NT_SUCCESS(status) ? FO_VOLUME_OPEN : 0;
-    return status;
-}
-
-NTSTATUS FolderFileSystem::FindPlace(const CreateRequest& request, FolderPlace* place)
-{
-    const std::vector<WideString>& components = request.Path.Components;
-    std::lock_guard guard(tree_);
-    place->Start = StartOf(request.File);
-    place->Components = &components;
-    // Links are followed from the top, where they may lead back up.
-    const bool links = rule_ == LookupRule::FollowLinks && !components.empty();
-    const bool fromTop = place->Start->IsRoot() || links;
-    place->StartDescriptor = fromTop ? folder_.Get() : FolderBlockOf(request.File->RelatedFileObject)->Descriptor.Get();
-    if (place->Start->Gone && !components.empty())
-    {
-        return STATUS_DELETE_PENDING;
-    }
-    place->Directory = fromTop ? place->Start->LinuxPath() : std::string();
-    for (size_t i = 0; i < components.size(); ++i)
-    {
-        std::string name = NameToLinux(components[i]);
-        if (name.empty() || (i == 0 && IsHidden(*place->Start, components[i])))
-        {
-            const bool last = i + 1 == components.size();
-            const NTSTATUS hidden =
-                NeedsExisting(request.Disposition) ? STATUS_OBJECT_NAME_NOT_FOUND : STATUS_ACCESS_DENIED;
-            return name.empty() ? STATUS_OBJECT_NAME_INVALID : last ? hidden : STATUS_OBJECT_PATH_NOT_FOUND;
-        }
-        if (i + 1 == components.size())
-        {
-            place->Name = std::move(name);
-            break;
-        }
-        place->Directory += (place->Directory.empty() ? "" : "/") + name;
-    }
-    if (components.empty())
-    {
-        std::swap(place->Directory, place->Name);
-    }
-    return IsLeftOut(*place) ? STATUS_OBJECT_PATH_NOT_FOUND : STATUS_SUCCESS;
-}
-
-bool FolderFileSystem::IsLeftOut(const FolderPlace& place) const
-{
-    if (options_.Without.empty() || place.StartDescriptor != folder_.Get())
-    {
-        return false;
-    }
-    const std::string top = options_.Folder.ends_with('/') ? options_.Folder : options_.Folder + "/";
-    const std::string path = top + place.Directory + (place.Directory.empty() ? "" : "/") + place.Name;
-    return path.starts_with(options_.Without) &&
-           (path.size() == options_.Without.size() || path[options_.Without.size()] == '/');
-}
-
-NTSTATUS FolderFileSystem::LookUp(const FolderPlace& place, Descriptor* found)
-{
-    if (place.Components->empty() && place.StartDescriptor != folder_.Get())
-    {
-        *found = Descriptor(fcntl(place.StartDescriptor, F_DUPFD_CLOEXEC, 0));
-        return *found ? STATUS_SUCCESS : ErrnoStatus();
-    }
-    *found = OpenBelow(place.StartDescriptor, place.Path(), O_PATH, rule_);
-    if (*found)
-    {
-        return STATUS_SUCCESS;
-    }
-    if (errno == ENOTDIR)
-    {
-        return STATUS_OBJECT_PATH_NOT_FOUND;
-    }
-    if (errno != ENOENT)
-    {
-        return ErrnoStatus();
-    }
-    // Is it the last component that is missing?
-    const bool directory =
-        static_cast<bool>(OpenBelow(place.StartDescriptor, place.Directory, O_PATH | O_DIRECTORY, rule_));
-    return directory ? STATUS_OBJECT_NAME_NOT_FOUND : STATUS_OBJECT_PATH_NOT_FOUND;
-}
-
-NTSTATUS FolderFileSystem::CheckExisting(const CreateRequest& request, const struct stat& info, bool created) const
-{
-    const bool directory = S_ISDIR(info.st_mode);
-    const bool overwrites = Overwrites(request.Disposition) && !created;
-    if (!created && request.Disposition == FILE_CREATE)
-    {
-        return STATUS_OBJECT_NAME_COLLISION;
-    }
-    if (S_ISLNK(info.st_mode) && !(request.Options & FILE_OPEN_REPARSE_POINT))
-    {
-        return STATUS_STOPPED_ON_SYMLINK;
-    }
-    if (directory && (request.WantsFile() || overwrites))
-    {
-        return STATUS_FILE_IS_A_DIRECTORY;
-    }
-    if (!directory && request.WantsDirectory())
-    {
-        return STATUS_NOT_A_DIRECTORY;
-    }
-    if (!directory && request.Path.TrailingBackslash)
-    {
-        return STATUS_OBJECT_NAME_INVALID;
-    }
-    return !directory && !S_ISREG(info.st_mode) && overwrites ? STATUS_ACCESS_DENIED : STATUS_SUCCESS;
-}
-
-NTSTATUS FolderFileSystem::OpenExisting(
-    CreateRequest& request, const FolderPlace& place, Descriptor found, bool created)
-{
-    std::shared_ptr<FolderBlock> block;
-    NTSTATUS status;
     {
         std::lock_guard guard(tree_);
-        // The size counts from now on, so it is asked for under the lock.
-        struct stat info = {};
-        if (fstat(found.Get(), &info) != 0)
+        const FolderEntry* above = place.Start;
+        for (size_t i = 0; above != nullptr && i + 1 < place.Components->size(); ++i)
         {
-            return ErrnoStatus();
+            above = above->FindChild((*place.Components)[i]);
         }
-        status = CheckExisting(request, info, created);
-        if (!NT_SUCCESS(status))
-        {
-            return status;
-        }
-        std::shared_ptr<FolderEntry> entry = place.Start->shared_from_this();
-        for (const WideString& component : *place.Components)
-        {
-            entry = entry->Child(component);
-        }
-        if (entry->IsRoot() && (request.Options & FILE_DELETE_ON_CLOSE))
-        {
-            return STATUS_CANNOT_DELETE;
-        }
-        if (entry->Handles != 0 && entry->File != KeyOf(info) && !entry->IsRoot())
-        {
-            // Somebody else gave the name to another file.
-            entry->Detach();
-            entry = entry->Parent->Child(entry->Name);
-        }
-        entry->File = KeyOf(info);
-        if (entry->DeletePending)
+        if (above != nullptr && (above->DeletePending || above->Gone))
         {
             return STATUS_DELETE_PENDING;
         }
-        request.Truncate = Overwrites(request.Disposition) && !created;
-        request.Information = created                                 ? FILE_CREATED
-                              : request.Disposition == FILE_SUPERSEDE ? FILE_SUPERSEDED
-                              : request.Truncate                      ? FILE_OVERWRITTEN
-                                                                      : FILE_OPENED;
-        status = BlockFor(info, std::move(found), created && S_ISREG(info.st_mode), &block);
-        if (NT_SUCCESS(status))
-        {
-            status = AttachOpen(request, block, std::move(entry));
-        }
     }
-    if (!NT_SUCCESS(status) && block != nullptr)
+    const Descriptor directory = OpenBelow(place.StartDescriptor, place.Directory, O_PATH | O_DIRECTORY, rule_);
+    if (!directory)
     {
-        TryTearDown(block);
+        return errno == ENOENT || errno == ENOTDIR ? STATUS_OBJECT_PATH_NOT_FOUND : StatusFromErrno(errno);
     }
-    return status;
-}
-
-// `forData`: the descriptor is one of the file's data.
-NTSTATUS FolderFileSystem::BlockFor(
-    const struct stat& info, Descriptor found, bool forData, std::shared_ptr<FolderBlock>* block)
-{
-    if (FolderBlock* known = FindBlock(KeyOf(info)))
+    Descriptor made;
+    if (Make(directory.Get(), place.Name, request.WantsDirectory(), creation, &made) != 0)
     {
-        *block = std::static_pointer_cast<FolderBlock>(known->shared_from_this());
-        return STATUS_SUCCESS;
+        // A directory that is gone takes no names.
+        return errno == ENOENT ? STATUS_DELETE_PENDING : StatusFromErrno(errno);
     }
-    const StreamKind kind = KindOf(info.st_mode);
-    LONGLONG size = kind == StreamKind::Data ? info.st_size : 0;
-    if (kind == StreamKind::Data && !options_.ReadOnly)
-    {
-        const int error = journal_.Recover(found.Get());
-        struct stat recovered = {};
-        if (error != 0 || fstat(found.Get(), &recovered) != 0)
-        {
-            return StatusFromErrno(error != 0 ? error : errno);
-        }
-        size = recovered.st_size;
-    }
-    const int descriptor = found.Get();
-    auto made = std::make_shared<FolderBlock>(*this, kind, size, KeyOf(info), std::move(found));
-    if (kind == StreamKind::Data)
-    {
-        auto stored = std::make_shared<FolderStream>(descriptor, size, options_.ReadOnly ? nullptr : &journal_);
-        if (forData)
-        {
-            stored->Adopt(descriptor);
-        }
-        made->Data = std::move(stored);
-    }
-    Activate(made);
-    blocks_[made->Key] = made.get();
-    *block = std::move(made);
-    return STATUS_SUCCESS;
-}
-
-NTSTATUS FolderFileSystem::AttachOpen(
-    CreateRequest& request, std::shared_ptr<FolderBlock> block, std::shared_ptr<FolderEntry> entry)
-{
-    NTSTATUS status = CheckSharing(*block, request);
-    const ACCESS_MASK data = request.Access & (DataReadRights | DataWriteRights);
-    const bool asItself = request.Options & FILE_OPEN_REPARSE_POINT;
-    if (block->Kind == StreamKind::Other && data != 0 && NT_SUCCESS(status) && !asItself)
-    {
-        status = STATUS_ACCESS_DENIED;
-    }
-    // Whoever may not have the data learns it here and not when he touches it.
-    if (block->Kind == StreamKind::Data && NT_SUCCESS(status) && (data != 0 || request.Truncate))
-    {
-        status = block->Stored().Ready((data & DataWriteRights) || request.Truncate);
-    }
+    NTSTATUS status = creation != nullptr ? SetCreation(*creation, directory.Get(), made.Get()) : STATUS_SUCCESS;
     if (!NT_SUCCESS(status))
     {
+        unlinkat(directory.Get(), place.Name.c_str(), request.WantsDirectory() ? AT_REMOVEDIR : 0);
         return status;
     }
-    auto open = std::make_unique<FolderOpen>();
-    ++block->Handles;
-    if (entry != nullptr)
-    {
-        ++entry->Handles;
-    }
-    open->Entry = std::move(entry);
-    Attach(request, std::move(block), std::move(open));
-    return STATUS_SUCCESS;
+    return OpenExisting(request, place, std::move(made), true);
 }
 }

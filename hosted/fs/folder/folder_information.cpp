@@ -1,5 +1,5 @@
 // Changing times, and deletion, in the folder.
-#include "hosted/fs/folder/folder_volume.h"
+#include "hosted/fs/folder/folder_file_system.h"
 
 #include "hosted/io/posix_information.h"
 

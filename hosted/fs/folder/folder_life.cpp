@@ -1,5 +1,5 @@
 // What becomes of open files of the folder: writes, flushes, the last handle, the close.
-#include "hosted/fs/folder/folder_volume.h"
+#include "hosted/fs/folder/folder_file_system.h"
 
 #include "hosted/ke/system_time.h"
 

@@ -1,5 +1,5 @@
 // Names of the host's files as names of this system.
-#include "hosted/fs/folder/folder_file_system.h"
+#include "hosted/fs/folder/folder_volume.h"
 
 #include <cstdint>
 

@@ -1,5 +1,5 @@
 // What programs ask of files and directories of the folder.
-#include "hosted/fs/folder/folder_volume.h"
+#include "hosted/fs/folder/folder_file_system.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -122,7 +122,7 @@ NTSTATUS FolderFileSystem::PrepareScan(OpenContext& context, bool restart)
     return STATUS_SUCCESS;
 }
 
-bool FolderFileSystem::NextEntry(OpenContext& context, ScannedEntry* entry)
+bool FolderFileSystem::NextEntry(OpenContext& context, ListedFile* listed)
 {
     auto& open = static_cast<FolderOpen&>(context);
     const int directory = static_cast<FolderBlock&>(*open.Block).Descriptor.Get();
@@ -131,9 +131,9 @@ bool FolderFileSystem::NextEntry(OpenContext& context, ScannedEntry* entry)
     for (; scan.Dots < 2; ++scan.Dots)
     {
         const char* name = scan.Dots == 0 ? "." : "..";
-        if (!open.Entry->IsRoot() && FactsAt(directory, name, &entry->Facts))
+        if (!open.Entry->IsRoot() && FactsAt(directory, name, &listed->Facts))
         {
-            entry->Name = Widen(name);
+            listed->Name = Widen(name);
             ++scan.Dots;
             return true;
         }
@@ -141,9 +141,9 @@ bool FolderFileSystem::NextEntry(OpenContext& context, ScannedEntry* entry)
     for (; scan.NextListed < open.Listing.size(); ++scan.NextListed)
     {
         const std::string& name = open.Listing[scan.NextListed];
-        const bool shown = NameFromLinux(name, &entry->Name) && !IsHidden(*open.Entry, entry->Name) &&
-                           MatchesQuery(scan.Pattern, entry->Name);
-        if (shown && FactsAt(directory, name.c_str(), &entry->Facts))
+        const bool shown = NameFromLinux(name, &listed->Name) && !IsHidden(*open.Entry, listed->Name) &&
+                           MatchesQuery(scan.Pattern, listed->Name);
+        if (shown && FactsAt(directory, name.c_str(), &listed->Facts))
         {
             ++scan.NextListed;
             return true;

@@ -1,6 +1,7 @@
 // New names for files and directories of the folder, in place of the old ones or besides them.
-#include "hosted/fs/folder/folder_volume.h"
+#include "hosted/fs/folder/folder_file_system.h"
 
+#include "hosted/fs/target_name.h"
 #include "hosted/io/posix_information.h"
 
 #include <cerrno>
@@ -37,7 +38,7 @@ struct FolderFileSystem::NameChange
 NTSTATUS FolderFileSystem::PrepareChange(FLT_IO_PARAMETER_BLOCK& operation, NameChange* change)
 {
     TargetName target;
-    NTSTATUS status = ParseTargetName(operation, &target);
+    NTSTATUS status = ParseTargetName(volume_, operation, &target);
     if (!NT_SUCCESS(status))
     {
         return status;

@@ -144,7 +144,7 @@ NTSTATUS FolderStream::Write(LONGLONG offset, const void* buffer, ULONG length)
         return StatusFromErrno(error);
     }
     size_t written;
-    error = LinuxWrite(file, buffer, length, offset, &written);
+    error = WriteStored(file, buffer, length, offset, &written);
     physical_ = std::max<LONGLONG>(physical_, offset + static_cast<LONGLONG>(written));
     if (error != 0)
     {
@@ -211,7 +211,7 @@ int FolderStream::FinishEnd()
 int FolderStream::Cut(LONGLONG size)
 {
     const int file = Number(true);
-    const int error = file < 0 ? errno : LinuxTruncate(file, size);
+    const int error = file < 0 ? errno : TruncateStored(file, size);
     if (error == 0)
     {
         physical_ = size;

@@ -1,6 +1,6 @@
 #include "hosted/fs/folder/folder_tree.h"
 
-#include "hosted/fs/folder/folder_file_system.h"
+#include "hosted/fs/folder/folder_volume.h"
 
 namespace hosted
 {

@@ -9,7 +9,6 @@ namespace hosted
 {
 namespace
 {
-constexpr size_t MostOpenFiles = 64;
 constexpr size_t LongestLinuxName = 255;
 
 std::string LinuxName(WideView name, WideView stream)
@@ -20,6 +19,12 @@ std::string LinuxName(WideView name, WideView stream)
 NTSTATUS Result(int returned)
 {
     return returned == 0 ? STATUS_SUCCESS : StatusFromErrno(errno);
+}
+
+// An empty file. On failure errno tells why.
+bool MakeFile(const std::string& path)
+{
+    return static_cast<bool>(Descriptor(open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666)));
 }
 
 // Reads and writes go to the file by position, so they need no lock of their own.
@@ -47,7 +52,7 @@ public:
     {
         NTSTATUS status;
         auto file = store_.Open(id_, name_, &status);
-        return file == nullptr ? status : Result(ftruncate(file->Number, size));
+        return file == nullptr ? status : Result(ftruncate(file->Get(), size));
     }
 
     LONGLONG Size() override
@@ -55,7 +60,7 @@ public:
         NTSTATUS status;
         struct stat info = {};
         auto file = store_.Open(id_, name_, &status);
-        return file != nullptr && fstat(file->Number, &info) == 0 ? info.st_size : 0;
+        return file != nullptr && fstat(file->Get(), &info) == 0 ? info.st_size : 0;
     }
 
 private:
@@ -70,7 +75,7 @@ private:
         }
         for (ULONG done = 0; done < length;)
         {
-            const ssize_t moved = step(file->Number, done);
+            const ssize_t moved = step(file->Get(), done);
             if (moved < 0 && errno != EINTR)
             {
                 return StatusFromErrno(errno);
@@ -89,11 +94,6 @@ private:
     const ULONGLONG id_;
     const std::string name_;
 };
-}
-
-DirectoryStore::Descriptor::~Descriptor()
-{
-    close(Number);
 }
 
 DirectoryStore::~DirectoryStore()
@@ -134,16 +134,11 @@ NTSTATUS DirectoryStore::Create(const StoredNode& node)
     std::lock_guard guard(lock_);
     items_[node.Id] = Item{node, {}};
     const std::string path = PathOf(node.Id);
-    const int file = node.Directory ? -1 : open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-    if (node.Directory ? mkdir(path.c_str(), 0777) != 0 : file < 0)
+    if (node.Directory ? mkdir(path.c_str(), 0777) != 0 : !MakeFile(path))
     {
         const NTSTATUS status = StatusFromErrno(errno);
         items_.erase(node.Id);
         return status;
-    }
-    if (file >= 0)
-    {
-        close(file);
     }
     index_.Put(node);
     return STATUS_SUCCESS;
@@ -198,9 +193,9 @@ NTSTATUS DirectoryStore::Remove(ULONGLONG id)
     for (const std::string& stream : item.Streams)
     {
         unlink(PathOf(id, stream).c_str());
-        Forget(id, stream);
+        files_.Forget({id, stream});
     }
-    Forget(id, {});
+    files_.Forget({id, {}});
     items_.erase(id);
     index_.Remove(id);
     return STATUS_SUCCESS;
@@ -210,12 +205,10 @@ NTSTATUS DirectoryStore::CreateStream(ULONGLONG id, WideView stream)
 {
     std::lock_guard guard(lock_);
     const std::string name = Narrow(stream);
-    const int file = open(PathOf(id, name).c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-    if (file < 0)
+    if (!MakeFile(PathOf(id, name)))
     {
         return StatusFromErrno(errno);
     }
-    close(file);
     items_.at(id).Streams.insert(name);
     return STATUS_SUCCESS;
 }
@@ -227,7 +220,7 @@ NTSTATUS DirectoryStore::RemoveStream(ULONGLONG id, WideView stream)
     const NTSTATUS status = Result(unlink(PathOf(id, name).c_str()));
     if (NT_SUCCESS(status))
     {
-        Forget(id, name);
+        files_.Forget({id, name});
         items_.at(id).Streams.erase(name);
     }
     return status;
@@ -238,52 +231,22 @@ std::shared_ptr<StoreStream> DirectoryStore::OpenStream(ULONGLONG id, WideView s
     return std::make_shared<DirectoryStream>(*this, id, Narrow(stream));
 }
 
-void DirectoryStore::Forget(ULONGLONG id, const std::string& stream)
-{
-    auto found = open_.find({id, stream});
-    if (found != open_.end())
-    {
-        recent_.erase(found->second.second);
-        open_.erase(found);
-    }
-}
-
-std::shared_ptr<DirectoryStore::Descriptor> DirectoryStore::Open(
-    ULONGLONG id, const std::string& stream, NTSTATUS* status)
+std::shared_ptr<const Descriptor> DirectoryStore::Open(ULONGLONG id, const std::string& stream, NTSTATUS* status)
 {
     std::lock_guard guard(lock_);
     *status = STATUS_SUCCESS;
-    auto found = open_.find({id, stream});
-    if (found != open_.end())
+    if (auto open = files_.Find({id, stream}))
     {
-        recent_.splice(recent_.begin(), recent_, found->second.second);
-        return found->second.first;
+        return open;
     }
     if (!items_.contains(id))
     {
         *status = STATUS_FILE_DELETED;
         return nullptr;
     }
-    const std::string path = PathOf(id, stream);
-    int file = open(path.c_str(), O_RDWR | O_CLOEXEC);
-    if (file < 0 && (errno == EACCES || errno == EROFS))
-    {
-        file = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    }
-    if (file < 0)
-    {
-        *status = StatusFromErrno(errno);
-        return nullptr;
-    }
-    if (open_.size() >= MostOpenFiles)
-    {
-        const Key coldest = recent_.back();
-        Forget(coldest.first, coldest.second);
-    }
-    recent_.push_front({id, stream});
-    auto descriptor = std::make_shared<Descriptor>(file);
-    open_.emplace(Key{id, stream}, std::pair{descriptor, recent_.begin()});
-    return descriptor;
+    auto opened = files_.Open({id, stream}, PathOf(id, stream));
+    *status = opened == nullptr ? StatusFromErrno(errno) : STATUS_SUCCESS;
+    return opened;
 }
 
 std::unique_ptr<Store> CreateDirectoryStore(const std::string& folder)

@@ -1,4 +1,4 @@
-#include "hosted/fs/store.h"
+#include "hosted/fs/store/store_volume.h"
 
 #include <algorithm>
 #include <cstdlib>

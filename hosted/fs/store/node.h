@@ -1,4 +1,4 @@
-// What the disk file system keeps in memory: nodes with their streams.
+// What the file system over a store keeps in memory: nodes with their streams.
 #pragma once
 
 #include "hosted/fs/stream/control_block.h"
@@ -8,6 +8,8 @@
 namespace hosted
 {
 struct Node;
+
+constexpr ULONG SettableAttributes = 0x000001a7; // read-only, hidden, system, archive, normal, temporary
 
 // A stream of a node. Guarded by the tree lock.
 struct Stream
@@ -35,9 +37,9 @@ struct Node : std::enable_shared_from_this<Node>
     std::map<WideString, std::shared_ptr<Stream>, LessNoCase> Streams;
 };
 
-struct DiskBlock : ControlBlock
+struct StoreBlock : ControlBlock
 {
-    DiskBlock(StreamFileSystem& files, StreamKind kind, std::shared_ptr<Node> node, std::shared_ptr<Stream> stream)
+    StoreBlock(StreamFileSystem& files, StreamKind kind, std::shared_ptr<Node> node, std::shared_ptr<Stream> stream)
         : ControlBlock(files, kind, stream->Size), Owner(std::move(node)), Record(std::move(stream))
     {
     }
@@ -47,8 +49,8 @@ struct DiskBlock : ControlBlock
 };
 
 // Null when the file object is not open.
-inline DiskBlock* DiskBlockOf(PFILE_OBJECT file)
+inline StoreBlock* StoreBlockOf(PFILE_OBJECT file)
 {
-    return static_cast<DiskBlock*>(BlockOf(file));
+    return static_cast<StoreBlock*>(BlockOf(file));
 }
 }

@@ -7,8 +7,6 @@ namespace hosted
 {
 namespace
 {
-constexpr ULONG SettableAttributes = 0x000001a7; // read-only, hidden, system, archive, normal, temporary
-
 ULONG FileAttributes(ULONG asked)
 {
     return (asked & SettableAttributes & ~FILE_ATTRIBUTE_NORMAL) | FILE_ATTRIBUTE_ARCHIVE;
@@ -197,7 +195,7 @@ NTSTATUS StoreFileSystem::AttachOpen(CreateRequest& request, Node* node, Stream*
 
 void StoreFileSystem::Overwritten(ControlBlock& replaced, const CreateRequest& request)
 {
-    auto& block = static_cast<DiskBlock&>(replaced);
+    auto& block = static_cast<StoreBlock&>(replaced);
     std::vector<std::shared_ptr<ControlBlock>> discard;
     {
         std::lock_guard guard(tree_);

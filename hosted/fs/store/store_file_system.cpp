@@ -3,7 +3,7 @@
 
 namespace hosted
 {
-StoreFileSystem::StoreFileSystem(Volume& volume, std::unique_ptr<Store> store, FileSystemOptions options)
+StoreFileSystem::StoreFileSystem(Volume& volume, std::unique_ptr<Store> store, StoreOptions options)
     : StreamFileSystem(volume, options.StrictEndOfFile), store_(std::move(store)), options_(options),
       volumeNode_(std::make_shared<Node>())
 {
@@ -21,7 +21,7 @@ StoreFileSystem::~StoreFileSystem()
     }
 }
 
-std::unique_ptr<FileSystem> CreateFileSystem(Volume& volume, std::unique_ptr<Store> store, FileSystemOptions options)
+std::unique_ptr<FileSystem> CreateStoreFileSystem(Volume& volume, std::unique_ptr<Store> store, StoreOptions options)
 {
     return std::make_unique<StoreFileSystem>(volume, std::move(store), options);
 }

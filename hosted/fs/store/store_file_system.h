@@ -2,6 +2,7 @@
 #pragma once
 
 #include "hosted/fs/store/node.h"
+#include "hosted/fs/store/store_volume.h"
 #include "hosted/fs/stream/stream_file_system.h"
 
 #include <unordered_map>
@@ -11,7 +12,7 @@ namespace hosted
 class StoreFileSystem : public StreamFileSystem
 {
 public:
-    StoreFileSystem(Volume& volume, std::unique_ptr<Store> store, FileSystemOptions options);
+    StoreFileSystem(Volume& volume, std::unique_ptr<Store> store, StoreOptions options);
     ~StoreFileSystem() override;
 
     NTSTATUS NormalizedName(PFILE_OBJECT fileObject, ULONG options, WideString* path) override;
@@ -19,7 +20,7 @@ public:
     NTSTATUS WriteDisk(WideView path, std::string_view bytes) override;
 
 private:
-    // tree.cpp: the tree lock is held, but for Load.
+    // store_tree.cpp: the tree lock is held, but for Load.
     void Load();
     void NameShort(Node* node);
     Node* FindChild(Node* directory, WideView name) const;
@@ -39,7 +40,7 @@ private:
     NTSTATUS RemoveStream(Node* node, Stream* stream, std::vector<std::shared_ptr<ControlBlock>>* discard);
     void SaveIfChanged(Node* node);
 
-    // create.cpp
+    // store_create.cpp
     NTSTATUS OpenTarget(CreateRequest& request) override;
     NTSTATUS OpenLocked(CreateRequest& request);
     NTSTATUS FindTarget(CreateRequest& request, Node** parent, Node** node);
@@ -48,15 +49,15 @@ private:
     NTSTATUS AttachOpen(CreateRequest& request, Node* node, Stream* stream);
     void Overwritten(ControlBlock& block, const CreateRequest& request) override;
 
-    // streams.cpp
+    // store_streams.cpp
     std::shared_ptr<ControlBlock> BlockFor(Node* node, Stream* stream);
     void Cleanup(PFILE_OBJECT file) override;
     void Written(ControlBlock& block) override;
     void TornDown(ControlBlock& block) override;
 
-    // set_information.cpp, rename.cpp
+    // store_information.cpp, store_rename.cpp
     NTSTATUS SetOther(FLT_IO_PARAMETER_BLOCK& operation) override;
-    NTSTATUS SetBasic(DiskBlock& block, const FILE_BASIC_INFORMATION& basic);
+    NTSTATUS SetBasic(StoreBlock& block, const FILE_BASIC_INFORMATION& basic);
     NTSTATUS SetDisposition(PFILE_OBJECT file, bool remove);
     NTSTATUS Rename(FLT_IO_PARAMETER_BLOCK& operation);
     NTSTATUS RenameLocked(
@@ -64,14 +65,14 @@ private:
     NTSTATUS MoveNode(Node* node, Node* directory, WideView name);
     NTSTATUS RenameTarget(FLT_IO_PARAMETER_BLOCK& operation, Node* node, Node** directory, WideString* name) const;
 
-    // query.cpp
+    // store_query.cpp
     NTSTATUS Describe(PFILE_OBJECT file, FileFacts* facts, WideString* path) override;
     std::vector<StoredStream> StreamsOf(const ControlBlock& block) override;
     NTSTATUS PrepareScan(OpenContext& open, bool restart) override;
-    bool NextEntry(OpenContext& open, ScannedEntry* entry) override;
+    bool NextEntry(OpenContext& open, ListedFile* listed) override;
 
     const std::unique_ptr<Store> store_;
-    const FileSystemOptions options_;
+    const StoreOptions options_;
 
     // Guarded by tree_.
     std::shared_ptr<Node> root_;

@@ -25,7 +25,7 @@ NTSTATUS StoreFileSystem::SetOther(FLT_IO_PARAMETER_BLOCK& operation)
     switch (operation.Parameters.SetFileInformation.FileInformationClass)
     {
     case FileBasicInformation:
-        return TakeRecord(operation, &basic) ? SetBasic(*DiskBlockOf(file), basic) : STATUS_INFO_LENGTH_MISMATCH;
+        return TakeRecord(operation, &basic) ? SetBasic(*StoreBlockOf(file), basic) : STATUS_INFO_LENGTH_MISMATCH;
     case FileDispositionInformation:
         return TakeRecord(operation, &disposition) ? SetDisposition(file, disposition.DoDeleteFile != 0)
                                                    : STATUS_INFO_LENGTH_MISMATCH;
@@ -36,9 +36,8 @@ NTSTATUS StoreFileSystem::SetOther(FLT_IO_PARAMETER_BLOCK& operation)
     }
 }
 
-NTSTATUS StoreFileSystem::SetBasic(DiskBlock& block, const FILE_BASIC_INFORMATION& basic)
+NTSTATUS StoreFileSystem::SetBasic(StoreBlock& block, const FILE_BASIC_INFORMATION& basic)
 {
-    constexpr ULONG Settable = 0x000001a7; // read-only, hidden, system, archive, normal, temporary
     std::lock_guard guard(tree_);
     Node* node = block.Owner.get();
     StoredNode& info = node->Info;
@@ -53,7 +52,7 @@ NTSTATUS StoreFileSystem::SetBasic(DiskBlock& block, const FILE_BASIC_INFORMATIO
     SetTime(&info.ChangeTime, basic.ChangeTime);
     if (basic.FileAttributes != 0)
     {
-        info.Attributes = (basic.FileAttributes & Settable & ~FILE_ATTRIBUTE_NORMAL) |
+        info.Attributes = (basic.FileAttributes & SettableAttributes & ~FILE_ATTRIBUTE_NORMAL) |
                           (info.Directory ? FILE_ATTRIBUTE_DIRECTORY : 0);
     }
     node->Changed = true;
@@ -64,7 +63,7 @@ NTSTATUS StoreFileSystem::SetBasic(DiskBlock& block, const FILE_BASIC_INFORMATIO
 NTSTATUS StoreFileSystem::SetDisposition(PFILE_OBJECT file, bool remove)
 {
     std::lock_guard guard(tree_);
-    DiskBlock* block = DiskBlockOf(file);
+    StoreBlock* block = StoreBlockOf(file);
     Node* node = block->Owner.get();
     if (remove && (node == root_.get() || (node->Info.Attributes & FILE_ATTRIBUTE_READONLY)))
     {

@@ -28,7 +28,7 @@ LONGLONG DataSize(const Node& node)
 
 NTSTATUS StoreFileSystem::Describe(PFILE_OBJECT file, FileFacts* facts, WideString* path)
 {
-    const DiskBlock& block = *DiskBlockOf(file);
+    const StoreBlock& block = *StoreBlockOf(file);
     const Node& node = *block.Owner;
     const WideString& stream = block.Record->Name;
     *facts = FactsOf(node);
@@ -41,7 +41,7 @@ NTSTATUS StoreFileSystem::Describe(PFILE_OBJECT file, FileFacts* facts, WideStri
 
 std::vector<StoredStream> StoreFileSystem::StreamsOf(const ControlBlock& block)
 {
-    const Node& node = *static_cast<const DiskBlock&>(block).Owner;
+    const Node& node = *static_cast<const StoreBlock&>(block).Owner;
     std::vector<StoredStream> streams;
     for (auto& [name, stream] : node.Streams)
     {
@@ -55,13 +55,13 @@ std::vector<StoredStream> StoreFileSystem::StreamsOf(const ControlBlock& block)
 
 NTSTATUS StoreFileSystem::PrepareScan(OpenContext& open, bool)
 {
-    const Node& directory = *static_cast<DiskBlock&>(*open.Block).Owner;
+    const Node& directory = *static_cast<StoreBlock&>(*open.Block).Owner;
     return directory.Deleted || directory.DeletePending ? STATUS_DELETE_PENDING : STATUS_SUCCESS;
 }
 
-bool StoreFileSystem::NextEntry(OpenContext& open, ScannedEntry* entry)
+bool StoreFileSystem::NextEntry(OpenContext& open, ListedFile* listed)
 {
-    const Node& directory = *static_cast<DiskBlock&>(*open.Block).Owner;
+    const Node& directory = *static_cast<StoreBlock&>(*open.Block).Owner;
     DirectoryScan& scan = open.Scan;
     // The root has no parent, and so neither of the two. They have the times of the directories they stand for.
     for (; scan.Dots < 2; ++scan.Dots)
@@ -69,7 +69,7 @@ bool StoreFileSystem::NextEntry(OpenContext& open, ScannedEntry* entry)
         if (directory.Parent != nullptr)
         {
             const bool self = scan.Dots == 0;
-            *entry = {self ? L"." : L"..", {}, FactsOf(self ? directory : *directory.Parent)};
+            *listed = {self ? L"." : L"..", {}, FactsOf(self ? directory : *directory.Parent)};
             ++scan.Dots;
             return true;
         }
@@ -80,8 +80,8 @@ bool StoreFileSystem::NextEntry(OpenContext& open, ScannedEntry* entry)
         return false;
     }
     const Node& node = *next->second;
-    *entry = {node.Info.Name, node.Info.ShortName, FactsOf(node)};
-    entry->Facts.Size = DataSize(node);
+    *listed = {node.Info.Name, node.Info.ShortName, FactsOf(node)};
+    listed->Facts.Size = DataSize(node);
     scan.Last = node.Info.Name;
     return true;
 }

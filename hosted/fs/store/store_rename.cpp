@@ -1,6 +1,7 @@
 // Moving a file or directory to another name.
 #include "hosted/fs/store/store_file_system.h"
 
+#include "hosted/fs/target_name.h"
 #include "hosted/ke/system_time.h"
 
 namespace hosted
@@ -28,7 +29,7 @@ NTSTATUS StoreFileSystem::RenameTarget(
     FLT_IO_PARAMETER_BLOCK& operation, Node* node, Node** directory, WideString* name) const
 {
     TargetName target;
-    NTSTATUS status = ParseTargetName(operation, &target);
+    NTSTATUS status = ParseTargetName(volume_, operation, &target);
     if (!NT_SUCCESS(status))
     {
         return status;
@@ -36,7 +37,7 @@ NTSTATUS StoreFileSystem::RenameTarget(
     *name = target.Name;
     if (target.Parent != nullptr)
     {
-        *directory = DiskBlockOf(target.Parent)->Owner.get();
+        *directory = StoreBlockOf(target.Parent)->Owner.get();
         return STATUS_SUCCESS;
     }
     if (target.SameDirectory)
@@ -49,7 +50,7 @@ NTSTATUS StoreFileSystem::RenameTarget(
 
 NTSTATUS StoreFileSystem::Rename(FLT_IO_PARAMETER_BLOCK& operation)
 {
-    DiskBlock* block = DiskBlockOf(operation.TargetFileObject);
+    StoreBlock* block = StoreBlockOf(operation.TargetFileObject);
     std::vector<std::shared_ptr<ControlBlock>> discard;
     NTSTATUS status;
     {

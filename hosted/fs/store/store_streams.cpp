@@ -13,7 +13,8 @@ std::shared_ptr<ControlBlock> StoreFileSystem::BlockFor(Node* node, Stream* stre
         const StreamKind kind = node == volumeNode_.get() ? StreamKind::Volume
                                 : directory               ? StreamKind::Directory
                                                           : StreamKind::Data;
-        auto block = std::make_shared<DiskBlock>(*this, kind, node->shared_from_this(), node->Streams.at(stream->Name));
+        auto block =
+            std::make_shared<StoreBlock>(*this, kind, node->shared_from_this(), node->Streams.at(stream->Name));
         if (kind == StreamKind::Data)
         {
             block->Data = store_->OpenStream(node->Info.Id, stream->Name);
@@ -26,7 +27,7 @@ std::shared_ptr<ControlBlock> StoreFileSystem::BlockFor(Node* node, Stream* stre
 
 void StoreFileSystem::TornDown(ControlBlock& block)
 {
-    Stream& stream = *static_cast<DiskBlock&>(block).Record;
+    Stream& stream = *static_cast<StoreBlock&>(block).Record;
     stream.Size = block.Size();
     stream.Active = nullptr;
 }
@@ -34,7 +35,7 @@ void StoreFileSystem::TornDown(ControlBlock& block)
 void StoreFileSystem::Written(ControlBlock& block)
 {
     std::lock_guard guard(tree_);
-    Node& node = *static_cast<DiskBlock&>(block).Owner;
+    Node& node = *static_cast<StoreBlock&>(block).Owner;
     StoredNode& info = node.Info;
     info.LastWriteTime = info.ChangeTime = info.LastAccessTime = SystemTime();
     info.Attributes |= FILE_ATTRIBUTE_ARCHIVE;
@@ -53,7 +54,7 @@ void StoreFileSystem::Cleanup(PFILE_OBJECT file)
     NTSTATUS removal = STATUS_SUCCESS;
     {
         std::lock_guard guard(tree_);
-        const DiskBlock* block = DiskBlockOf(file);
+        const StoreBlock* block = StoreBlockOf(file);
         Node* node = block->Owner.get();
         Stream* stream = block->Record.get();
         if (!open->CleanedUp)

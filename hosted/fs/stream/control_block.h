@@ -93,12 +93,6 @@ struct OpenContext
     DirectoryScan Scan;
 };
 
-constexpr LONGLONG ClusterBytes = PAGE_SIZE;
-constexpr LONGLONG AllocationFor(LONGLONG size)
-{
-    return (size + ClusterBytes - 1) / ClusterBytes * ClusterBytes;
-}
-
 // Null when the file object is not open.
 inline ControlBlock* BlockOf(PFILE_OBJECT file)
 {

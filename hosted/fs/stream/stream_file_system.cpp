@@ -79,14 +79,4 @@ bool StreamFileSystem::IsPagingFile(PFILE_OBJECT fileObject)
     const ControlBlock* block = BlockOf(fileObject);
     return block != nullptr && block->PagingFileStream;
 }
-
-bool ReadDisk(FileSystem& files, WideView path, std::string* bytes)
-{
-    return static_cast<StreamFileSystem&>(files).ReadDisk(path, bytes);
-}
-
-NTSTATUS WriteDisk(FileSystem& files, WideView path, std::string_view bytes)
-{
-    return static_cast<StreamFileSystem&>(files).WriteDisk(path, bytes);
-}
 }

@@ -2,9 +2,10 @@
 // the records in which programs are told of files. Where names come from is each file system's own affair.
 #pragma once
 
-#include "hosted/fs/stream/control_block.h"
+#include "hosted/fs/file_facts.h"
 #include "hosted/fs/file_system.h"
 #include "hosted/fs/names.h"
+#include "hosted/fs/stream/control_block.h"
 
 #include <unordered_set>
 
@@ -42,42 +43,10 @@ struct CreateRequest
     bool ById() const { return (Options & FILE_OPEN_BY_FILE_ID) != 0; }
 };
 
-// What programs are told of a file.
-struct FileFacts
-{
-    LONGLONG CreationTime = 0;
-    LONGLONG LastAccessTime = 0;
-    LONGLONG LastWriteTime = 0;
-    LONGLONG ChangeTime = 0;
-    ULONG Attributes = 0;
-    LONGLONG Size = 0;
-    ULONGLONG Id = 0;
-    ULONG Links = 1;
-    bool DeletePending = false;
-    bool Directory = false;
-};
-
-struct ScannedEntry
-{
-    WideString Name;
-    WideString ShortName; // empty: none
-    FileFacts Facts;
-};
-
-// Where a new name leads: a name alone stays in the directory, a path starts at the volume, and the I/O manager may
-// have opened the target's directory.
-struct TargetName
-{
-    PFILE_OBJECT Parent = nullptr;
-    bool SameDirectory = false;
-    std::vector<WideString> Directory; // from the root, with neither of the above
-    WideString Name;
-};
-
 // Locks: the main lock of one stream, then its cache map's lock, then its inner lock; the tree lock may be taken under
 // any of them and is never held while filters are called or another of these locks is taken. Operations on a stream
 // whose file object is open never meet its teardown.
-class StreamFileSystem : public FileSystem
+class StreamFileSystem : public StoredFileSystem
 {
 public:
     NTSTATUS Dispatch(FLT_IO_PARAMETER_BLOCK& operation, IO_STATUS_BLOCK& status) override;
@@ -86,9 +55,6 @@ public:
     bool IsDirectory(PFILE_OBJECT fileObject) override;
     bool IsPagingFile(PFILE_OBJECT fileObject) override;
 
-    // See ReadDisk and WriteDisk of file_system.h.
-    virtual bool ReadDisk(WideView path, std::string* bytes) = 0;
-    virtual NTSTATUS WriteDisk(WideView path, std::string_view bytes) = 0;
     // Frees the control block if nobody has the stream open and nothing is left to write. No lock is needed; locks
     // of another stream may be held.
     void TryTearDown(const std::shared_ptr<ControlBlock>& block);
@@ -120,7 +86,7 @@ protected:
     // Before each query; `restart` also before the first. STATUS_DELETE_PENDING where the directory is going.
     virtual NTSTATUS PrepareScan(OpenContext& open, bool restart) = 0;
     // The entry after what the scan has dealt with, past which the scan then stands.
-    virtual bool NextEntry(OpenContext& open, ScannedEntry* entry) = 0;
+    virtual bool NextEntry(OpenContext& open, ListedFile* listed) = 0;
     // An open ends.
     virtual void Closing(OpenContext&) {}
     // From here on an open of the stream makes a new control block.
@@ -143,9 +109,6 @@ protected:
 
     // stream_data.cpp. The main lock is held.
     NTSTATUS ReserveRoom(ControlBlock& block, LONGLONG begin, LONGLONG end);
-
-    // target_name.cpp. No lock is needed.
-    NTSTATUS ParseTargetName(const FLT_IO_PARAMETER_BLOCK& operation, TargetName* target) const;
 
     Volume& volume_;
     mutable std::mutex tree_;
@@ -171,11 +134,11 @@ private:
     NTSTATUS WriteCached(ControlBlock& block, LONGLONG offset, ULONG length, const void* data, ULONG_PTR* information);
     bool IsSectorAligned(LONGLONG offset, ULONG length) const;
 
-    // stream_information.cpp, directory_records.cpp
+    // stream_information.cpp, stream_directory.cpp
     NTSTATUS SetInformation(FLT_IO_PARAMETER_BLOCK& operation);
     NTSTATUS QueryInformation(FLT_IO_PARAMETER_BLOCK& operation, ULONG_PTR* information);
     NTSTATUS QueryDirectory(FLT_IO_PARAMETER_BLOCK& operation, ULONG_PTR* information);
-    NTSTATUS FillDirectory(OpenContext& open, FLT_IO_PARAMETER_BLOCK& operation, std::string* entries);
+    NTSTATUS FillDirectory(OpenContext& open, FLT_IO_PARAMETER_BLOCK& operation, std::string* records);
 
     const bool strictEndOfFile_;
     std::unordered_set<std::shared_ptr<ControlBlock>> active_; // guarded by the tree lock

@@ -55,7 +55,7 @@ FILE_BASIC_INFORMATION BasicOf(const FileFacts& facts)
     basic.LastAccessTime = Large(facts.LastAccessTime);
     basic.LastWriteTime = Large(facts.LastWriteTime);
     basic.ChangeTime = Large(facts.ChangeTime);
-    basic.FileAttributes = facts.Attributes != 0 ? facts.Attributes : FILE_ATTRIBUTE_NORMAL;
+    basic.FileAttributes = ToldAttributes(facts);
     return basic;
 }
 

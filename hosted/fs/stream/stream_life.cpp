@@ -65,12 +65,6 @@ std::function<void()> StreamCache::BecameClean()
     return [block = block_.shared_from_this()] { block->Files.TryTearDown(block); };
 }
 
-CacheMap* CacheMapOf(PFILE_OBJECT file)
-{
-    const ControlBlock* block = BlockOf(file);
-    return block == nullptr ? nullptr : block->Map;
-}
-
 void StreamFileSystem::Activate(const std::shared_ptr<ControlBlock>& block)
 {
     if (block->Kind == StreamKind::Data)

@@ -1,5 +1,5 @@
 // The cache as a file system uses it: which paging I/O it issues, and how much it holds.
-#include "../fs/volume_fixture.h"
+#include "tests/unit/hosted/fs/volume_fixture.h"
 
 #include "hosted/ke/user_access.h"
 

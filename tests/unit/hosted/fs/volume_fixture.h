@@ -2,6 +2,7 @@
 #pragma once
 
 #include "hosted/fs/file_system.h"
+#include "hosted/fs/store/store_volume.h"
 #include "hosted/io/file.h"
 #include "hosted/ke/system_model.h"
 #include "hosted/ob/object.h"
@@ -248,13 +249,13 @@ protected:
     }
 
     std::shared_ptr<MemoryDisk> Disk = CreateMemoryDisk();
-    FileSystemOptions Options;
+    StoreOptions Options;
     ULONG SectorSize = 512;
     Volume* Mounted = nullptr;
     RecordingFiles* Files = nullptr;
     std::function<std::unique_ptr<Store>()> MakeStoreFor = [this] { return CreateMemoryStore(Disk); };
     std::function<std::unique_ptr<FileSystem>(Volume&)> MakeFilesFor = [this](Volume& volume)
-    { return CreateFileSystem(volume, MakeStoreFor(), Options); };
+    { return CreateStoreFileSystem(volume, MakeStoreFor(), Options); };
 
 private:
     SIZE_T limitBefore_;

@@ -1,5 +1,5 @@
 // Deleting, renaming and linking in a folder.
-#include "folder_fixture.h"
+#include "tests/unit/hosted/fs/folder/folder_fixture.h"
 
 namespace hosted
 {

@@ -1,4 +1,4 @@
-#include "folder_fixture.h"
+#include "tests/unit/hosted/fs/folder/folder_fixture.h"
 
 #include "hosted/ke/bug_check.h"
 

@@ -1,7 +1,8 @@
 // The sizes that a stored file goes through, and the data of files of a folder.
-#include "folder_fixture.h"
+#include "tests/unit/hosted/fs/folder/folder_fixture.h"
 
 #include "hosted/fs/folder/folder_stream.h"
+#include "hosted/fs/folder/stored_changes.h"
 
 #include <fcntl.h>
 #include <latch>
@@ -26,9 +27,9 @@ protected:
     void Watch()
     {
         changes_.clear();
-        SetLinuxChangeWatcher([](const LinuxChange& change) { changes_.emplace_back(change.Offset, change.Length); });
+        SetStoredChangeWatcher([](const StoredChange& change) { changes_.emplace_back(change.Offset, change.Length); });
     }
-    ~FolderData() override { SetLinuxChangeWatcher(nullptr); }
+    ~FolderData() override { SetStoredChangeWatcher(nullptr); }
 
 private:
     inline static std::vector<std::pair<LONGLONG, size_t>> changes_;

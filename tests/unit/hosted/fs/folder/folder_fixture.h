@@ -1,7 +1,7 @@
 // The volume "X:" over a folder of the host, which tests also look at and change from outside.
 #pragma once
 
-#include "hosted/fs/folder/folder_file_system.h"
+#include "hosted/fs/folder/folder_volume.h"
 #include "hosted/io/posix_information.h"
 #include "tests/support/temporary_folder.h"
 #include "tests/unit/hosted/fs/volume_fixture.h"

@@ -1,4 +1,4 @@
-#include "hosted/fs/folder/folder_file_system.h"
+#include "hosted/fs/folder/folder_volume.h"
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,5 @@
 // What programs learn of files and directories of a folder.
-#include "folder_fixture.h"
+#include "tests/unit/hosted/fs/folder/folder_fixture.h"
 
 #include "hosted/ke/system_time.h"
 

@@ -1,4 +1,4 @@
-#include "volume_fixture.h"
+#include "tests/unit/hosted/fs/volume_fixture.h"
 
 #include "hosted/ke/user_access.h"
 

@@ -1,5 +1,5 @@
 // Many threads on the same and on different streams, with little memory for the cache.
-#include "volume_fixture.h"
+#include "tests/unit/hosted/fs/volume_fixture.h"
 
 #include <latch>
 #include <thread>

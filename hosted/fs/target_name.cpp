@@ -1,5 +1,6 @@
-// The new name that a request to rename or link gives.
-#include "hosted/fs/stream/stream_file_system.h"
+#include "hosted/fs/target_name.h"
+
+#include "hosted/fs/names.h"
 
 namespace hosted
 {
@@ -22,7 +23,7 @@ WideView PathOnVolume(const Volume& volume, WideView path)
 }
 }
 
-NTSTATUS StreamFileSystem::ParseTargetName(const FLT_IO_PARAMETER_BLOCK& operation, TargetName* target) const
+NTSTATUS ParseTargetName(const Volume& volume, const FLT_IO_PARAMETER_BLOCK& operation, TargetName* target)
 {
     const auto& parameters = operation.Parameters.SetFileInformation;
     const auto* rename = static_cast<const FILE_RENAME_INFORMATION*>(parameters.InfoBuffer);
@@ -35,7 +36,7 @@ NTSTATUS StreamFileSystem::ParseTargetName(const FLT_IO_PARAMETER_BLOCK& operati
     const size_t lastBackslash = text.rfind(L'\\');
     if (parameters.ParentOfTarget != nullptr)
     {
-        if (BlockOf(parameters.ParentOfTarget) == nullptr)
+        if (parameters.ParentOfTarget->FsContext == nullptr)
         {
             return STATUS_INVALID_PARAMETER;
         }
@@ -54,7 +55,7 @@ NTSTATUS StreamFileSystem::ParseTargetName(const FLT_IO_PARAMETER_BLOCK& operati
         return STATUS_SUCCESS;
     }
     ParsedPath parsed;
-    NTSTATUS status = ParsePath(PathOnVolume(volume_, text), false, &parsed);
+    NTSTATUS status = ParsePath(PathOnVolume(volume, text), false, &parsed);
     if (!NT_SUCCESS(status) || parsed.StreamGiven || parsed.Components.empty())
     {
         return STATUS_OBJECT_NAME_INVALID;

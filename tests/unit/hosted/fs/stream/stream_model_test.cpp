@@ -1,6 +1,6 @@
 // Random operations on one file, compared with an array of bytes.
 #include "tests/support/temporary_folder.h"
-#include "volume_fixture.h"
+#include "tests/unit/hosted/fs/volume_fixture.h"
 
 #include <algorithm>
 #include <cstdlib>
