@@ -23,6 +23,20 @@ private:
     std::mutex mutex_;
 };
 
+// For many threads at once or for one alone, where those who share are quick and many. Not recursive.
+class LOCK_CAPABILITY("shared mutex") SharedMutex
+{
+public:
+    void lock() ACQUIRES_LOCK() { mutex_.lock(); }
+    bool try_lock() TRIES_LOCK(true) { return mutex_.try_lock(); }
+    void unlock() RELEASES_LOCK() { mutex_.unlock(); }
+    void lock_shared() ACQUIRES_SHARED_LOCK() { mutex_.lock_shared(); }
+    void unlock_shared() RELEASES_LOCK() { mutex_.unlock_shared(); }
+
+private:
+    std::shared_mutex mutex_;
+};
+
 // For many threads at once or for one alone. Nobody is passed by those who come later, so that a thread that wants to
 // be alone gets its turn however many share. Not recursive, not even for those who share.
 class LOCK_CAPABILITY("shared mutex") FairSharedMutex
@@ -84,16 +98,17 @@ private:
 };
 
 // Shares a lock until the end of the scope.
+template <class Lockable>
 class SCOPED_LOCK SharedGuard
 {
 public:
-    explicit SharedGuard(FairSharedMutex& lock) ACQUIRES_SHARED_LOCK(lock) : lock_(lock) { lock_.lock_shared(); }
+    explicit SharedGuard(Lockable& lock) ACQUIRES_SHARED_LOCK(lock) : lock_(lock) { lock_.lock_shared(); }
     ~SharedGuard() RELEASES_ANY_LOCK() { lock_.unlock_shared(); }
     SharedGuard(const SharedGuard&) = delete;
     SharedGuard& operator=(const SharedGuard&) = delete;
 
 private:
-    FairSharedMutex& lock_;
+    Lockable& lock_;
 };
 
 // What threads wait for under a lock. The lock is held again when a wait returns, which it may do without reason: wait

@@ -258,7 +258,7 @@ void TrimCache()
     ULONG attempts = static_cast<ULONG>(held / CacheViewBytes);
     while (held > limit)
     {
-        std::unique_lock<FairSharedMutex> lock;
+        std::unique_lock<common::FairSharedMutex> lock;
         CacheView* view = TakeColdestView(&attempts, &lock);
         if (view == nullptr)
         {

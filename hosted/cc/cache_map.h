@@ -2,7 +2,7 @@
 #pragma once
 
 #include "hosted/cc/cache.h"
-#include "hosted/ke/fair_shared_mutex.h"
+#include "common/mutex.h"
 
 #include <atomic>
 #include <bit>
@@ -49,7 +49,7 @@ public:
     CachedStream& Stream;
     // Held during this stream's paging I/O: shared by those who only read, so that pages are brought in side by side. A
     // thread holds at most one map's lock.
-    FairSharedMutex Lock;
+    common::FairSharedMutex Lock;
     // All below guarded by Lock; the count of dirty pages may be read without.
     std::map<LONGLONG, std::unique_ptr<CacheView>> Views;
     std::mutex Making; // guards Views among those who share the lock
@@ -68,7 +68,9 @@ class CacheMapGuard
 {
 public:
     explicit CacheMapGuard(CacheMap& map) : map_(map), lock_(map.Lock) {}
-    CacheMapGuard(CacheMap& map, std::unique_lock<FairSharedMutex>&& lock) : map_(map), lock_(std::move(lock)) {}
+    CacheMapGuard(CacheMap& map, std::unique_lock<common::FairSharedMutex>&& lock) : map_(map), lock_(std::move(lock))
+    {
+    }
     ~CacheMapGuard();
     CacheMapGuard(const CacheMapGuard&) = delete;
     CacheMapGuard& operator=(const CacheMapGuard&) = delete;
@@ -78,7 +80,7 @@ public:
 
 private:
     CacheMap& map_;
-    std::unique_lock<FairSharedMutex> lock_;
+    std::unique_lock<common::FairSharedMutex> lock_;
     bool wasDirty_ = map_.DirtyPages != 0;
 };
 
@@ -104,5 +106,5 @@ void UnregisterMap(CacheMap& map);
 std::vector<std::shared_ptr<CacheMap>> RegisteredMaps();
 // The least recently used view whose map's lock is free and whose pages may leave memory; *lock then holds the map's
 // lock. Views that were passed over, and the one found, count as most recently used afterwards.
-CacheView* TakeColdestView(ULONG* attempts, std::unique_lock<FairSharedMutex>* lock);
+CacheView* TakeColdestView(ULONG* attempts, std::unique_lock<common::FairSharedMutex>* lock);
 }

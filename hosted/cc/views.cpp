@@ -138,7 +138,7 @@ std::vector<std::shared_ptr<CacheMap>> RegisteredMaps()
     return maps;
 }
 
-CacheView* TakeColdestView(ULONG* attempts, std::unique_lock<FairSharedMutex>* lock)
+CacheView* TakeColdestView(ULONG* attempts, std::unique_lock<common::FairSharedMutex>* lock)
 {
     SharedState& shared = Shared();
     std::lock_guard guard(shared.Lock);

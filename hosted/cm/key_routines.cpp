@@ -22,12 +22,9 @@ void DeleteOpenKey(void* body)
 {
     static_cast<OpenKey*>(body)->~OpenKey();
 }
-}
 
-const ObjectType KeyType = {"Key", nullptr, DeleteOpenKey};
+constexpr ObjectType KeyType = {"Key", nullptr, DeleteOpenKey};
 
-namespace
-{
 // The form of a value query's answer: a fixed part, then what varies, each piece at its offset.
 struct Answer
 {

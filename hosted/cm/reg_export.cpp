@@ -122,7 +122,7 @@ std::string Registry::ExportReg(WideView key) const
     std::shared_ptr<RegistryKey> found = FindKey(nullptr, key);
     if (found != nullptr)
     {
-        std::lock_guard lock(lock_);
+        common::Guard lock(lock_);
         ExportKey(text, WideString(key), *found);
     }
     return text;

@@ -76,7 +76,7 @@ std::shared_ptr<RegistryKey> Registry::FindLocked(std::shared_ptr<RegistryKey> k
 
 std::shared_ptr<RegistryKey> Registry::FindKey(const std::shared_ptr<RegistryKey>& relativeTo, WideView path) const
 {
-    std::lock_guard lock(lock_);
+    common::Guard lock(lock_);
     if (relativeTo != nullptr)
     {
         return FindLocked(relativeTo, path);
@@ -109,7 +109,7 @@ std::shared_ptr<RegistryKey> Registry::CreateLocked(WideView path)
 
 bool Registry::CreateKey(WideView path)
 {
-    std::lock_guard lock(lock_);
+    common::Guard lock(lock_);
     return CreateLocked(path) != nullptr;
 }
 
@@ -123,7 +123,7 @@ bool Registry::DeleteKey(WideView path)
         return false;
     }
     std::shared_ptr<RegistryKey> parent = FindKey(nullptr, path.substr(0, slash));
-    std::lock_guard lock(lock_);
+    common::Guard lock(lock_);
     if (parent == nullptr)
     {
         return false;
@@ -151,7 +151,7 @@ std::vector<WideString> Registry::Subkeys(WideView path) const
     {
         return names;
     }
-    std::lock_guard lock(lock_);
+    common::Guard lock(lock_);
     for (const auto& [name, subkey] : key->Subkeys)
     {
         names.push_back(name);
@@ -167,7 +167,7 @@ std::vector<NamedRegistryValue> Registry::Values(WideView path) const
     {
         return values;
     }
-    std::lock_guard lock(lock_);
+    common::Guard lock(lock_);
     for (const auto& [name, value] : key->Values)
     {
         values.push_back({name, value});
@@ -177,7 +177,7 @@ std::vector<NamedRegistryValue> Registry::Values(WideView path) const
 
 void Registry::SetValue(WideView key, WideView name, ULONG type, std::span<const UCHAR> bytes)
 {
-    std::lock_guard lock(lock_);
+    common::Guard lock(lock_);
     std::shared_ptr<RegistryKey> target = CreateLocked(key);
     if (target == nullptr)
     {
@@ -215,7 +215,7 @@ void Registry::SetMultiString(WideView key, WideView name, const std::vector<Wid
 bool Registry::DeleteValue(WideView key, WideView name)
 {
     std::shared_ptr<RegistryKey> target = FindKey(nullptr, key);
-    std::lock_guard lock(lock_);
+    common::Guard lock(lock_);
     if (target == nullptr)
     {
         return false;
@@ -242,7 +242,7 @@ std::optional<RegistryValue> Registry::GetValue(WideView key, WideView name) con
 
 std::optional<NamedRegistryValue> Registry::ReadValue(const RegistryKey& key, WideView name) const
 {
-    std::lock_guard lock(lock_);
+    common::Guard lock(lock_);
     auto found = key.Values.find(name);
     if (found == key.Values.end())
     {
@@ -254,14 +254,14 @@ std::optional<NamedRegistryValue> Registry::ReadValue(const RegistryKey& key, Wi
 bool Registry::WriteValue(RegistryKey& key, WideView name, ULONG type, std::span<const UCHAR> bytes)
 {
     {
-        std::lock_guard lock(lock_);
+        common::Guard lock(lock_);
         if (key.Deleted)
         {
             return false;
         }
         Store(key, name, type, bytes);
     }
-    std::lock_guard lock(hookLock_);
+    common::Guard lock(hookLock_);
     if (writeHook_)
     {
         writeHook_();
@@ -271,19 +271,19 @@ bool Registry::WriteValue(RegistryKey& key, WideView name, ULONG type, std::span
 
 void Registry::SetWriteHook(std::function<void()> hook)
 {
-    std::lock_guard lock(hookLock_);
+    common::Guard lock(hookLock_);
     writeHook_ = std::move(hook);
 }
 
 bool Registry::IsDeleted(const RegistryKey& key) const
 {
-    std::lock_guard lock(lock_);
+    common::Guard lock(lock_);
     return key.Deleted;
 }
 
 void Registry::Reset()
 {
-    std::lock_guard lock(lock_);
+    common::Guard lock(lock_);
     MarkDeleted(*root_);
     root_ = std::make_shared<RegistryKey>();
     MakeRoots();

@@ -1,12 +1,12 @@
 // The registry from the outside: what an installer or an administrator does.
 #pragma once
 
+#include "common/mutex.h"
 #include "hosted/rtl/wide_string.h"
 
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <span>
 #include <vector>
@@ -81,14 +81,14 @@ public:
     bool IsDeleted(const RegistryKey& key) const;
 
 private:
-    std::shared_ptr<RegistryKey> FindLocked(std::shared_ptr<RegistryKey> key, WideView path) const;
-    std::shared_ptr<RegistryKey> CreateLocked(WideView path);
-    void MakeRoots();
+    std::shared_ptr<RegistryKey> FindLocked(std::shared_ptr<RegistryKey> key, WideView path) const REQUIRES_LOCK(lock_);
+    std::shared_ptr<RegistryKey> CreateLocked(WideView path) REQUIRES_LOCK(lock_);
+    void MakeRoots() REQUIRES_LOCK(lock_);
 
-    mutable std::mutex lock_;
-    std::shared_ptr<RegistryKey> root_;
-    std::mutex hookLock_;
-    std::function<void()> writeHook_;
+    mutable common::Mutex lock_; // also guards what the keys hold
+    std::shared_ptr<RegistryKey> root_ GUARDED_BY(lock_);
+    common::Mutex hookLock_;
+    std::function<void()> writeHook_ GUARDED_BY(hookLock_);
 };
 
 // The running machine's.

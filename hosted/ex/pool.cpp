@@ -1,7 +1,7 @@
 // The pool routines and their rules.
 #include "hosted/ex/pool.h"
 
-#include "hosted/ex/fast_mutex.h"
+#include "hosted/ke/fast_mutex.h"
 #include "hosted/ex/pool_records.h"
 #include "hosted/ke/bug_check.h"
 #include "hosted/ke/failure_injection.h"

@@ -1,4 +1,4 @@
-// Pool seen from the host's side: what is allocated, and by whom.
+// Pool seen from outside the kernel: what is allocated, and by whom.
 #pragma once
 
 #include <ntifs.h>

@@ -56,7 +56,7 @@ PoolBlock MapGuarded(SIZE_T size)
     void* mapping = mmap(nullptr, bytes + PAGE_SIZE, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (mapping == MAP_FAILED)
     {
-        BugCheck("pool-host-memory", "%llu bytes cannot be mapped: %s", size, strerror(errno));
+        BugCheck("pool-memory", "%llu bytes cannot be mapped: %s", size, strerror(errno));
     }
     UCHAR* start = static_cast<UCHAR*>(mapping);
     mprotect(start + bytes, PAGE_SIZE, PROT_NONE);
@@ -105,7 +105,7 @@ PoolBlock AllocatePoolBlock(SIZE_T size, SIZE_T alignment, bool guarded)
         void* memory = nullptr;
         if (posix_memalign(&memory, alignment, size + SlackOf(block)) != 0)
         {
-            BugCheck("pool-host-memory", "%llu bytes cannot be allocated", size);
+            BugCheck("pool-memory", "%llu bytes cannot be allocated", size);
         }
         block.Address = static_cast<UCHAR*>(memory);
     }

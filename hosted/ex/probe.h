@@ -5,7 +5,7 @@
 
 namespace hosted
 {
-// Runs after each ProbeForWrite of this host thread that found its buffer good: another thread of the program may take
-// the buffer away just then. An empty function removes it.
+// Runs after each ProbeForWrite of the calling Linux thread that found its buffer good: another thread of the program
+// may take the buffer away just then. An empty function removes it.
 void SetAfterProbe(std::function<void()> hook);
 }

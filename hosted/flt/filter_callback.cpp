@@ -1,6 +1,6 @@
 #include "hosted/flt/filter_callback.h"
 
-#include "hosted/ex/fast_mutex.h"
+#include "hosted/ke/fast_mutex.h"
 #include "hosted/ke/bug_check.h"
 #include "hosted/ke/irql.h"
 

@@ -1,28 +1,10 @@
-// The filter manager: carries an operation through the registered filter to the file system and back.
+// The filter manager: carries each request for a volume through the registered filter to the file system and back.
 #pragma once
 
 #include "hosted/io/volume.h"
-#include "hosted/ps/process.h"
 
 namespace hosted
 {
-struct FilterRequest
-{
-    Volume* Target;
-    ULONG DataFlags; // FLTFL_CALLBACK_DATA_IRP_OPERATION or ..._FAST_IO_OPERATION
-    KPROCESSOR_MODE Mode;
-    Thread* Requestor; // null: the calling thread
-    FLT_IO_PARAMETER_BLOCK Parameters;
-};
-
-// Pre-operation callbacks, FileSystem::Dispatch, post-operation callbacks. Returns the final status, also in
-// *status. The request's parameters are afterwards what they were before, whatever the filter changed.
-// STATUS_FLT_DISALLOW_FAST_IO: the filter wants this fast I/O operation as an ordinary request.
-NTSTATUS SendOperation(FilterRequest& request, IO_STATUS_BLOCK* status);
-
-// A volume came (instance setup when filtering runs) or goes (its instance is torn down).
-void FilterVolumeMounted(Volume* volume);
-void FilterVolumeDismounted(Volume* volume);
 bool HasInstance(Volume* volume);
 // The file system is about to free the stream's header: its contexts are torn down.
 void FilterStreamDeleted(PFSRTL_COMMON_FCB_HEADER stream);

@@ -1,12 +1,22 @@
 // The filter manager's own records: the registered filter and its instances.
 #pragma once
 
+#include "common/mutex.h"
 #include "hosted/flt/filter_manager.h"
+#include "hosted/io/request.h"
 
 #include <array>
 #include <map>
 #include <memory>
 #include <vector>
+
+namespace hosted
+{
+// Held while instances are set up or torn down; callbacks run under it, so it is never wanted inside one.
+extern common::Mutex filterSetupLock;
+// Never held across a callback.
+extern common::Mutex filterLock;
+}
 
 // One attachment of the filter to a volume.
 struct _FLT_INSTANCE
@@ -14,9 +24,8 @@ struct _FLT_INSTANCE
     ULONG Signature;
     PFLT_FILTER Filter;
     hosted::Volume* Volume;
-    // Guarded by the filter manager's lock.
-    ULONG Running = 0; // operations on their way through this instance
-    bool Closing = false;
+    ULONG Running GUARDED_BY(hosted::filterLock) = 0; // operations on their way through this instance
+    bool Closing GUARDED_BY(hosted::filterLock) = false;
 };
 
 struct _FLT_FILTER
@@ -26,10 +35,9 @@ struct _FLT_FILTER
     FLT_REGISTRATION Registration; // its pointers to records are not kept
     std::vector<FLT_CONTEXT_REGISTRATION> Contexts;
     std::array<FLT_OPERATION_REGISTRATION, IRP_MJ_MAXIMUM_FUNCTION + 1> Operations{};
-    // Guarded by the filter manager's lock.
-    bool Filtering = false;
-    bool Closing = false;
-    std::map<hosted::Volume*, std::unique_ptr<_FLT_INSTANCE>> Instances;
+    bool Filtering GUARDED_BY(hosted::filterLock) = false;
+    bool Closing GUARDED_BY(hosted::filterLock) = false;
+    std::map<hosted::Volume*, std::unique_ptr<_FLT_INSTANCE>> Instances GUARDED_BY(hosted::filterLock);
 };
 
 namespace hosted
@@ -64,6 +72,9 @@ public:
 private:
     PFLT_INSTANCE instance_ = nullptr;
 };
+
+// Pre-operation callbacks, the file system, post-operation callbacks; see SendFileRequest.
+NTSTATUS SendThroughFilter(FileRequest& request, IO_STATUS_BLOCK* status);
 
 // Detaches the instance's contexts from their streams and gives the streams' references up.
 void TearDownContexts(PFLT_INSTANCE instance);

@@ -39,20 +39,6 @@ PMDL MdlOf(const FLT_IO_PARAMETER_BLOCK& block)
     }
 }
 
-NTSTATUS Dispatch(Volume* volume, const FLT_IO_PARAMETER_BLOCK& parameters, IO_STATUS_BLOCK* status)
-{
-    FLT_IO_PARAMETER_BLOCK block = parameters;
-    *status = {};
-    const KIRQL before = CurrentIrql();
-    const NTSTATUS result = volume->Files->Dispatch(block, *status);
-    if (result != status->Status || CurrentIrql() != before)
-    {
-        BugCheck("FILE_SYSTEM_RESULT", "returned 0x%08x at IRQL %d, stored 0x%08x, was called at IRQL %d",
-            static_cast<unsigned>(result), CurrentIrql(), static_cast<unsigned>(status->Status), before);
-    }
-    return result;
-}
-
 void CheckDecision(const Decision& decision, const ShownOperation& shown, const FLT_OPERATION_REGISTRATION& callbacks)
 {
     const bool fast = FLT_IS_FASTIO_OPERATION(&shown.Data);
@@ -152,7 +138,7 @@ void CallPost(ShownOperation& shown, const FLT_RELATED_OBJECTS& related, const F
     }
 }
 
-NTSTATUS SendFiltered(FilterRequest& request, PFLT_INSTANCE instance, IO_STATUS_BLOCK* status)
+NTSTATUS SendFiltered(FileRequest& request, PFLT_INSTANCE instance, IO_STATUS_BLOCK* status)
 {
     const FLT_OPERATION_REGISTRATION& callbacks = instance->Filter->Operations[request.Parameters.MajorFunction];
     const FLT_RELATED_OBJECTS related = RelatedObjects(instance, request.Parameters.TargetFileObject);
@@ -175,7 +161,7 @@ NTSTATUS SendFiltered(FilterRequest& request, PFLT_INSTANCE instance, IO_STATUS_
     {
         // Changes that the filter did not announce are lost.
         const bool changed = shown.Data.Flags & FLTFL_CALLBACK_DATA_DIRTY;
-        Dispatch(request.Target, changed ? shown.Block : callers, &shown.Data.IoStatus);
+        SendToFileSystem(request.Target, changed ? shown.Block : callers, &shown.Data.IoStatus);
         // The callback sees what the caller asked for, not what it made of it before.
         shown.Block = callers;
         shown.Data.Flags = (request.DataFlags & ~FLTFL_CALLBACK_DATA_DIRTY) | FLTFL_CALLBACK_DATA_POST_OPERATION;
@@ -192,15 +178,16 @@ NTSTATUS SendFiltered(FilterRequest& request, PFLT_INSTANCE instance, IO_STATUS_
     shown.Signature = 0;
     return status->Status;
 }
+}
 
-NTSTATUS Send(FilterRequest& request, IO_STATUS_BLOCK* status)
+NTSTATUS SendThroughFilter(FileRequest& request, IO_STATUS_BLOCK* status)
 {
     const UCHAR major = request.Parameters.MajorFunction;
     const InstanceInUse use(request.Target);
     const PFLT_INSTANCE instance = use.Instance();
     if (instance == nullptr || major > IRP_MJ_MAXIMUM_FUNCTION)
     {
-        return Dispatch(request.Target, request.Parameters, status);
+        return SendToFileSystem(request.Target, request.Parameters, status);
     }
     // A create is shown in the process that asks for it.
     std::optional<AttachedProcess> requestor;
@@ -209,19 +196,5 @@ NTSTATUS Send(FilterRequest& request, IO_STATUS_BLOCK* status)
         requestor.emplace(request.Requestor->Owner);
     }
     return SendFiltered(request, instance, status);
-}
-}
-
-NTSTATUS SendOperation(FilterRequest& request, IO_STATUS_BLOCK* status)
-{
-    const FLT_IO_PARAMETER_BLOCK& parameters = request.Parameters;
-    const UCHAR major = parameters.MajorFunction;
-    RequireIrql(major == IRP_MJ_CREATE ? PASSIVE_LEVEL : APC_LEVEL, "sending an operation");
-    const NTSTATUS result = Send(request, status);
-    if ((major == IRP_MJ_WRITE && !(parameters.IrpFlags & IRP_PAGING_IO)) || major == IRP_MJ_SET_INFORMATION)
-    {
-        request.Target->Files->Settled(parameters.TargetFileObject);
-    }
-    return result;
 }
 }

@@ -94,7 +94,7 @@ PFILE_OBJECT PrepareFileObject(const OpenRequest& request, PDEVICE_OBJECT device
 NTSTATUS SendCreate(const OpenRequest& request, PFILE_OBJECT file, IO_STATUS_BLOCK* status)
 {
     CreateSecurity security{nullptr, nullptr, StateOf(file)->Granted, request.Options};
-    FilterRequest create = NewFileRequest(file, IRP_MJ_CREATE, IRP_CREATE_OPERATION | IRP_SYNCHRONOUS_API);
+    FileRequest create = NewFileRequest(file, IRP_MJ_CREATE, IRP_CREATE_OPERATION | IRP_SYNCHRONOUS_API);
     create.Parameters.OperationFlags = request.StackFlags;
     auto& parameters = create.Parameters.Parameters.Create;
     parameters.SecurityContext = &security;

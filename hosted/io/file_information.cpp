@@ -66,9 +66,9 @@ struct SystemBuffer
     std::unique_ptr<ULONGLONG[]> Memory;
 };
 
-FilterRequest NewBufferedRequest(PFILE_OBJECT file, UCHAR majorFunction)
+FileRequest NewBufferedRequest(PFILE_OBJECT file, UCHAR majorFunction)
 {
-    FilterRequest request = NewFileRequest(file, majorFunction, IRP_BUFFERED_IO | IRP_SYNCHRONOUS_API);
+    FileRequest request = NewFileRequest(file, majorFunction, IRP_BUFFERED_IO | IRP_SYNCHRONOUS_API);
     request.DataFlags |= FLTFL_CALLBACK_DATA_SYSTEM_BUFFER;
     return request;
 }
@@ -92,7 +92,7 @@ NTSTATUS SetInformation(PFILE_OBJECT file, FILE_INFORMATION_CLASS kind, void* bu
     {
         return copied;
     }
-    FilterRequest request = NewBufferedRequest(file, IRP_MJ_SET_INFORMATION);
+    FileRequest request = NewBufferedRequest(file, IRP_MJ_SET_INFORMATION);
     auto& parameters = request.Parameters.Parameters.SetFileInformation;
     parameters.Length = length;
     parameters.FileInformationClass = kind;
@@ -109,7 +109,7 @@ NTSTATUS QueryInformation(PFILE_OBJECT file, FILE_INFORMATION_CLASS kind, void* 
 {
     RequireIrql(PASSIVE_LEVEL, "QueryInformation");
     const SystemBuffer system(length);
-    FilterRequest request = NewBufferedRequest(file, IRP_MJ_QUERY_INFORMATION);
+    FileRequest request = NewBufferedRequest(file, IRP_MJ_QUERY_INFORMATION);
     auto& parameters = request.Parameters.Parameters.QueryFileInformation;
     parameters.Length = length;
     parameters.FileInformationClass = kind;
@@ -142,7 +142,7 @@ NTSTATUS QueryDirectory(PFILE_OBJECT file, FILE_INFORMATION_CLASS kind, bool sin
         return STATUS_ACCESS_DENIED;
     }
     UNICODE_STRING name = Counted(pattern);
-    FilterRequest request = NewFileRequest(file, IRP_MJ_DIRECTORY_CONTROL, IRP_SYNCHRONOUS_API);
+    FileRequest request = NewFileRequest(file, IRP_MJ_DIRECTORY_CONTROL, IRP_SYNCHRONOUS_API);
     request.Parameters.MinorFunction = IRP_MN_QUERY_DIRECTORY;
     request.Parameters.OperationFlags =
         static_cast<UCHAR>((single ? DirectorySingleEntry : 0) | (restart ? DirectoryRestartScan : 0));
@@ -167,7 +167,7 @@ NTSTATUS FlushFile(PFILE_OBJECT file)
     {
         return STATUS_ACCESS_DENIED;
     }
-    FilterRequest request = NewFileRequest(file, IRP_MJ_FLUSH_BUFFERS, IRP_SYNCHRONOUS_API);
+    FileRequest request = NewFileRequest(file, IRP_MJ_FLUSH_BUFFERS, IRP_SYNCHRONOUS_API);
     IO_STATUS_BLOCK status{};
     return SendFileRequest(request, &status);
 }

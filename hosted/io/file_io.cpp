@@ -19,7 +19,7 @@ NTSTATUS Fail(NTSTATUS status, IO_STATUS_BLOCK* result)
     return status;
 }
 
-void SetTransfer(FilterRequest* request, LONGLONG offset, void* buffer, ULONG length, PMDL mdl)
+void SetTransfer(FileRequest* request, LONGLONG offset, void* buffer, ULONG length, PMDL mdl)
 {
     FLT_PARAMETERS& parameters = request->Parameters.Parameters;
     if (request->Parameters.MajorFunction == IRP_MJ_READ)
@@ -67,7 +67,7 @@ NTSTATUS Transfer(
     }
     if (cached && volume->Files->FastIoPossible(file, write, length))
     {
-        FilterRequest fast = NewFileRequest(file, majorFunction, 0);
+        FileRequest fast = NewFileRequest(file, majorFunction, 0);
         fast.DataFlags = FLTFL_CALLBACK_DATA_FAST_IO_OPERATION;
         SetTransfer(&fast, offset, buffer, length, nullptr);
         const NTSTATUS result = SendFileRequest(fast, status);
@@ -79,7 +79,7 @@ NTSTATUS Transfer(
     ULONG flags = write ? IRP_WRITE_OPERATION : IRP_READ_OPERATION;
     flags |= cached ? 0 : IRP_NOCACHE;
     flags |= file->Flags & FO_SYNCHRONOUS_IO ? IRP_SYNCHRONOUS_API : 0;
-    FilterRequest request = NewFileRequest(file, majorFunction, flags);
+    FileRequest request = NewFileRequest(file, majorFunction, flags);
     SetTransfer(&request, offset, buffer, length, nullptr);
     return SendFileRequest(request, status);
 }
@@ -94,8 +94,7 @@ NTSTATUS Page(
     }
     const bool read = majorFunction == IRP_MJ_READ;
     const PMDL mdl = LockPages(pages, length, read ? LockPurpose::DeviceFillsPages : LockPurpose::DeviceTakesPages);
-    FilterRequest request =
-        NewFileRequest(file, majorFunction, IRP_PAGING_IO | IRP_NOCACHE | IRP_SYNCHRONOUS_PAGING_IO);
+    FileRequest request = NewFileRequest(file, majorFunction, IRP_PAGING_IO | IRP_NOCACHE | IRP_SYNCHRONOUS_PAGING_IO);
     request.Mode = KernelMode;
     SetTransfer(&request, offset, MmGetMdlVirtualAddress(mdl), length, mdl);
     const NTSTATUS result = SendFileRequest(request, status);

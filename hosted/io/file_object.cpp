@@ -5,8 +5,6 @@
 #include "hosted/ke/bug_check.h"
 #include "hosted/ke/irql.h"
 
-#include <cstring>
-
 namespace hosted
 {
 namespace
@@ -18,7 +16,7 @@ constexpr ACCESS_MASK FileWriteExtendedAttributes = 0x0010;
 void SendPlain(PFILE_OBJECT file, UCHAR majorFunction, ULONG irpFlags)
 {
     IO_STATUS_BLOCK status{};
-    FilterRequest request = NewFileRequest(file, majorFunction, irpFlags);
+    FileRequest request = NewFileRequest(file, majorFunction, irpFlags);
     SendFileRequest(request, &status);
 }
 
@@ -133,30 +131,5 @@ ACCESS_MASK MapFileAccess(ACCESS_MASK desired)
     mapped |= desired & GENERIC_EXECUTE ? Execute : 0;
     mapped |= desired & GENERIC_ALL ? FILE_ALL_ACCESS : 0;
     return mapped;
-}
-
-FilterRequest NewFileRequest(PFILE_OBJECT file, UCHAR majorFunction, ULONG irpFlags)
-{
-    FilterRequest request;
-    std::memset(static_cast<void*>(&request), 0, sizeof(request));
-    const FileState* state = StateOf(file);
-    request.Target = VolumeOfFile(file);
-    request.DataFlags = FLTFL_CALLBACK_DATA_IRP_OPERATION;
-    request.Mode = state != nullptr ? state->Mode : static_cast<KPROCESSOR_MODE>(KernelMode);
-    request.Parameters.IrpFlags = irpFlags;
-    request.Parameters.MajorFunction = majorFunction;
-    request.Parameters.TargetFileObject = file;
-    return request;
-}
-
-NTSTATUS SendFileRequest(FilterRequest& request, IO_STATUS_BLOCK* status)
-{
-    if (request.Target == nullptr)
-    {
-        *status = {};
-        status->Status = STATUS_INVALID_DEVICE_REQUEST;
-        return STATUS_INVALID_DEVICE_REQUEST;
-    }
-    return SendOperation(request, status);
 }
 }

@@ -2,9 +2,8 @@
 // requests without being needed by drivers.
 #pragma once
 
-#include "hosted/flt/filter_manager.h"
 #include "hosted/io/file.h"
-#include "hosted/ob/object.h"
+#include "hosted/io/request.h"
 
 #include <atomic>
 
@@ -22,6 +21,8 @@ struct CreateSecurity
 // Flags of a directory query (FLT_IO_PARAMETER_BLOCK::OperationFlags).
 constexpr UCHAR DirectoryRestartScan = 0x01;
 constexpr UCHAR DirectorySingleEntry = 0x02;
+
+extern const ObjectType FileType;
 
 // Behind FILE_OBJECT::FileObjectExtension of every file object made by NewFileObject.
 struct FileState
@@ -44,9 +45,4 @@ Volume* VolumeOfFile(PFILE_OBJECT file);
 
 // Generic rights replaced by those that they stand for on files.
 ACCESS_MASK MapFileAccess(ACCESS_MASK desired);
-
-// A request with the fields filled that every operation on an open file has.
-FilterRequest NewFileRequest(PFILE_OBJECT file, UCHAR majorFunction, ULONG irpFlags);
-// Carries a request through the filters of the file's volume. STATUS_INVALID_DEVICE_REQUEST when it has none.
-NTSTATUS SendFileRequest(FilterRequest& request, IO_STATUS_BLOCK* status);
 }

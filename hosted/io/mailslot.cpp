@@ -122,10 +122,9 @@ struct MailslotDriver
     }
 };
 
-const ObjectType MailslotType = {"Mailslot", nullptr, MailslotDriver::DeleteBody};
-
 namespace
 {
+constexpr ObjectType MailslotType = {"Mailslot", nullptr, MailslotDriver::DeleteBody};
 constexpr WideView Directory = L"\\Device\\Mailslot";
 
 PDEVICE_OBJECT mailslotDevice = nullptr;

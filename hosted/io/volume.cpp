@@ -1,6 +1,6 @@
 #include "hosted/io/volume_registry.h"
 
-#include "hosted/flt/filter_manager.h"
+#include "hosted/io/request.h"
 #include "hosted/ke/bug_check.h"
 #include "hosted/ke/failure_injection.h"
 #include "hosted/ke/irql.h"
@@ -117,7 +117,10 @@ Volume* MountVolume(std::unique_ptr<Volume> volume)
     {
         RequireSuccess(InsertSymbolicLink(DriveLink(*mounted), mounted->DeviceName), "linking", mounted->DosName);
     }
-    FilterVolumeMounted(mounted);
+    if (VolumeFilters* filters = FiltersOfVolumes())
+    {
+        filters->VolumeMounted(mounted);
+    }
     return mounted;
 }
 
@@ -139,7 +142,10 @@ void DismountVolume(Volume* volume)
             BugCheck("VOLUME_IN_USE", "dismounted with %d open file objects", open);
         }
     }
-    FilterVolumeDismounted(volume);
+    if (VolumeFilters* filters = FiltersOfVolumes())
+    {
+        filters->VolumeDismounted(volume);
+    }
 
     MountedVolume entry;
     {

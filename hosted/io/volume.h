@@ -49,7 +49,7 @@ struct Volume
     std::unique_ptr<FileSystem> Files;
 };
 
-// Adds the volume to the name space (device, drive letter link) and to the filter manager (instances are set up
+// Adds the volume to the name space (device, drive letter link) and shows it to the filters (instances are set up
 // at once when filtering already runs). Owned by io/.
 Volume* MountVolume(std::unique_ptr<Volume> volume);
 // Flushes and closes nothing: every file object must be closed and the cache purged before (bug check otherwise).

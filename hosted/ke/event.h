@@ -1,4 +1,4 @@
-// Events seen from the host's side: what a program that waits for one does.
+// Events seen from outside the kernel: what a program that waits for one does.
 #pragma once
 
 #include <ntifs.h>

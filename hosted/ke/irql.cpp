@@ -1,6 +1,6 @@
 #include "hosted/ke/irql.h"
 
-#include "hosted/ex/fast_mutex.h"
+#include "hosted/ke/fast_mutex.h"
 #include "hosted/ke/bug_check.h"
 
 #include <deque>

@@ -1,5 +1,5 @@
-// Kernel stack limits. The host's stack is far larger than a kernel stack, so the limits are the model's, not the
-// host's: what is left is counted from the caller's frame.
+// Kernel stack limits. A Linux thread's stack is far larger than a kernel stack, so the limits are the model's, not
+// those of the thread: what is left is counted from the caller's frame.
 #include "hosted/ke/bug_check.h"
 #include "hosted/ke/failure_injection.h"
 #include "hosted/ke/irql.h"

@@ -1,6 +1,6 @@
 #include "hosted/ke/user_access.h"
 
-#include "hosted/ex/fast_mutex.h"
+#include "hosted/ke/fast_mutex.h"
 #include "hosted/ke/bug_check.h"
 #include "hosted/ke/irql.h"
 #include "hosted/ke/user_space.h"

@@ -3,9 +3,9 @@
 #pragma once
 
 // EXPORT(Module, Name): the routine has the same name here.
-// EXPORT_AS(Module, Name, Here): exported as Name; its name here differs, as Name belongs to the host's C library.
+// EXPORT_AS(Module, Name, Here): exported as Name; its name here differs, as Name belongs to Linux's C library.
 // EXPORT_DATA(Module, Name): a variable; Name points to it.
-// EXPORT_IMAGE(Module, Name): called by compiled code of an image only (the natively built driver has the host's own),
+// EXPORT_IMAGE(Module, Name): called by compiled code of an image only (the natively built driver uses those of Linux),
 // so the loader supplies it with the image's calling convention. Which of them an image imports is up to its compiler.
 //
 // Routines found by name at run time (MmGetSystemRoutineAddress) are not here: importing them is not allowed.

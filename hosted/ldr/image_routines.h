@@ -1,4 +1,4 @@
-// Routines that only compiled images call; the natively built driver has the host's own.
+// Routines that only compiled images call; the natively built driver uses those of Linux.
 #pragma once
 
 namespace hosted

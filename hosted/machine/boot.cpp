@@ -2,7 +2,7 @@
 
 #include "hosted/cc/cache.h"
 #include "hosted/cm/registry.h"
-#include "hosted/ex/fast_mutex.h"
+#include "hosted/ke/fast_mutex.h"
 #include "hosted/ex/pool.h"
 #include "hosted/ex/system_routines.h"
 #include "hosted/io/mailslot.h"

@@ -22,7 +22,7 @@ public:
         : volume_(volume), file_(NewFileObject(volume.Disk, name, access, KernelMode))
     {
         CreateSecurity security{nullptr, nullptr, access, options};
-        FilterRequest create = NewFileRequest(file_, IRP_MJ_CREATE, IRP_CREATE_OPERATION | IRP_SYNCHRONOUS_API);
+        FileRequest create = NewFileRequest(file_, IRP_MJ_CREATE, IRP_CREATE_OPERATION | IRP_SYNCHRONOUS_API);
         auto& parameters = create.Parameters.Parameters.Create;
         parameters.SecurityContext = &security;
         parameters.Options = disposition << DispositionShift | options;
@@ -50,11 +50,11 @@ public:
 private:
     NTSTATUS Send(UCHAR majorFunction)
     {
-        FilterRequest request = NewFileRequest(file_, majorFunction, IRP_SYNCHRONOUS_API);
+        FileRequest request = NewFileRequest(file_, majorFunction, IRP_SYNCHRONOUS_API);
         return Send(request);
     }
 
-    NTSTATUS Send(FilterRequest& request)
+    NTSTATUS Send(FileRequest& request)
     {
         IO_STATUS_BLOCK status{};
         return volume_.Files->Dispatch(request.Parameters, status);

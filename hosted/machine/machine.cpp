@@ -1,7 +1,7 @@
 #include "hosted/machine/machine.h"
 
 #include "hosted/cc/cache.h"
-#include "hosted/ex/fast_mutex.h"
+#include "hosted/ke/fast_mutex.h"
 #include "hosted/flt/filter_manager.h"
 #include "hosted/ke/bug_check.h"
 #include "hosted/ke/failure_injection.h"
@@ -11,7 +11,7 @@
 #include "hosted/machine/disk_access.h"
 #include "hosted/machine/program_state.h"
 #include "hosted/ob/name_space.h"
-#include "hosted/ps/process_create.h"
+#include "hosted/machine/process_create.h"
 #include "hosted/ps/process_notify.h"
 #include "hosted/ps/query_hooks.h"
 #include "hosted/rtl/debug_print.h"

@@ -2,7 +2,7 @@
 
 #include "hosted/machine/disk_access.h"
 #include "hosted/machine/program_state.h"
-#include "hosted/ps/process_create.h"
+#include "hosted/machine/process_create.h"
 
 namespace hosted
 {

@@ -1,7 +1,7 @@
 #include "hosted/machine/program_state.h"
 
 #include "hosted/ke/bug_check.h"
-#include "hosted/ps/process_create.h"
+#include "hosted/machine/process_create.h"
 
 #include <utility>
 

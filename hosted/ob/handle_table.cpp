@@ -1,6 +1,6 @@
 #include "hosted/ob/handle_table.h"
 
-#include "hosted/ke/bug_check.h"
+#include "hosted/ob/caller.h"
 #include "hosted/ob/object_counts.h"
 
 namespace hosted
@@ -34,7 +34,7 @@ HANDLE HandleTable::Insert(void* body, ACCESS_MASK granted)
 {
     ReferenceObject(body);
     AddHandleCount(body);
-    std::lock_guard lock(mutex_);
+    common::Guard lock(mutex_);
     // Values are not used twice, so that a stale handle never names another object by chance.
     ULONG_PTR index = next_ | (kernel_ ? KernelHandleBits : 0);
     next_ += HandleStep;
@@ -51,7 +51,7 @@ NTSTATUS HandleTable::Reference(
     {
         return STATUS_INVALID_HANDLE;
     }
-    std::lock_guard lock(mutex_);
+    common::Guard lock(mutex_);
     auto found = entries_.find(IndexOf(handle));
     if (found == entries_.end())
     {
@@ -74,7 +74,7 @@ NTSTATUS HandleTable::Reference(
 
 NTSTATUS HandleTable::Granted(HANDLE handle, ACCESS_MASK* granted) const
 {
-    std::lock_guard lock(mutex_);
+    common::Guard lock(mutex_);
     auto found = entries_.find(IndexOf(handle));
     if (found == entries_.end())
     {
@@ -88,7 +88,7 @@ NTSTATUS HandleTable::Close(HANDLE handle)
 {
     void* body;
     {
-        std::lock_guard lock(mutex_);
+        common::Guard lock(mutex_);
         auto found = entries_.find(IndexOf(handle));
         if (found == entries_.end())
         {
@@ -106,7 +106,7 @@ void HandleTable::CloseAll()
 {
     std::map<ULONG_PTR, Entry> entries;
     {
-        std::lock_guard lock(mutex_);
+        common::Guard lock(mutex_);
         entries.swap(entries_);
     }
     for (const auto& [index, entry] : entries)
@@ -118,7 +118,7 @@ void HandleTable::CloseAll()
 
 size_t HandleTable::Count() const
 {
-    std::lock_guard lock(mutex_);
+    common::Guard lock(mutex_);
     return entries_.size();
 }
 
@@ -126,6 +126,11 @@ HandleTable& KernelHandles()
 {
     static HandleTable& table = *new HandleTable(true);
     return table;
+}
+
+HandleTable& CurrentProcessHandles()
+{
+    return Caller().Handles();
 }
 
 HandleTable& TableOf(HANDLE handle)

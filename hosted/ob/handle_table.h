@@ -1,10 +1,10 @@
 // Handles: one table per process and one for the kernel.
 #pragma once
 
+#include "common/mutex.h"
 #include "hosted/ob/object.h"
 
 #include <map>
-#include <mutex>
 
 namespace hosted
 {
@@ -35,13 +35,13 @@ private:
         ACCESS_MASK Granted;
     };
     const bool kernel_;
-    mutable std::mutex mutex_;
-    std::map<ULONG_PTR, Entry> entries_;
-    ULONG_PTR next_ = 4;
+    mutable common::Mutex mutex_;
+    std::map<ULONG_PTR, Entry> entries_ GUARDED_BY(mutex_);
+    ULONG_PTR next_ GUARDED_BY(mutex_) = 4;
 };
 
 HandleTable& KernelHandles();
-// The table of the process that the calling thread plays (implemented by ps/).
+// The table of the process for which the calling thread works.
 HandleTable& CurrentProcessHandles();
 // Chooses by the handle's sign bit.
 HandleTable& TableOf(HANDLE handle);

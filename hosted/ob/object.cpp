@@ -78,7 +78,7 @@ void* CreateObject(const ObjectType& type, SIZE_T bodyBytes)
     SIZE_T bytes = sizeof(ObjectHeader) + bodyBytes;
     if (posix_memalign(&memory, alignof(ObjectHeader), bytes) != 0)
     {
-        BugCheck("object-host-memory", "%llu bytes for an object of type %s", bytes, type.Name);
+        BugCheck("object-memory", "%llu bytes for an object of type %s", bytes, type.Name);
     }
     memset(memory, 0, bytes);
     auto* header = new (memory) ObjectHeader{&type, 1, 0};

@@ -18,11 +18,6 @@ struct ObjectType
 extern const ObjectType EventType;
 extern const ObjectType SymbolicLinkType;
 extern const ObjectType DeviceType;
-extern const ObjectType KeyType;      // defined by cm/
-extern const ObjectType ProcessType;  // defined by ps/
-extern const ObjectType ThreadType;   // defined by ps/
-extern const ObjectType FileType;     // defined by io/
-extern const ObjectType MailslotType; // defined by io/
 
 // A zero-filled body of that many bytes, 16-byte aligned, with one reference owned by the caller. Never fails.
 void* CreateObject(const ObjectType& type, SIZE_T bodyBytes);

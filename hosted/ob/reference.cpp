@@ -2,8 +2,7 @@
 #include "hosted/ke/bug_check.h"
 #include "hosted/ke/failure_injection.h"
 #include "hosted/ke/irql.h"
-#include "hosted/ob/handle_table.h"
-#include "hosted/ps/process.h"
+#include "hosted/ob/caller.h"
 
 namespace hosted
 {
@@ -17,9 +16,9 @@ void* PseudoHandleBody(HANDLE handle)
 {
     if (handle == CurrentProcessHandle)
     {
-        return CurrentProcess();
+        return Caller().Process();
     }
-    return handle == CurrentThreadHandle ? CurrentThread() : nullptr;
+    return handle == CurrentThreadHandle ? Caller().Thread() : nullptr;
 }
 
 NTSTATUS ReferencePseudoHandle(void* self, const ObjectType* type, void** body)

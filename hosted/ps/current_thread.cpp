@@ -1,6 +1,7 @@
 #include "hosted/ps/current_thread.h"
 
 #include "hosted/ke/bug_check.h"
+#include "hosted/ob/caller.h"
 #include "hosted/ps/process_table.h"
 
 #include <cstdint>
@@ -17,14 +18,14 @@ struct SystemThreads
     uint64_t Generation = 1;
 };
 
-// Never destroyed: host threads may end after the program's static objects.
+// Never destroyed: Linux threads may end after the program's static objects.
 SystemThreads& Registry()
 {
     static auto* registry = new SystemThreads;
     return *registry;
 }
 
-// What one host thread plays.
+// What one Linux thread plays.
 struct Slot
 {
     Thread* Attached = nullptr;
@@ -77,9 +78,17 @@ Process* CurrentProcess()
     return slot.Attached != nullptr ? slot.Attached->Owner : SystemProcess();
 }
 
-HandleTable& CurrentProcessHandles()
+namespace
 {
-    return CurrentProcess()->Handles;
+class PlayedCaller final : public CallerSource
+{
+public:
+    void* Process() const override { return CurrentProcess(); }
+    void* Thread() const override { return CurrentThread(); }
+    HandleTable& Handles() const override { return CurrentProcess()->Handles; }
+};
+
+const PlayedCaller caller;
 }
 
 AttachedProcess::AttachedProcess(Process* process) : previous_(slot.Attached), thread_(CreateThreadObject(process))

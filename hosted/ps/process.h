@@ -22,12 +22,15 @@ struct Thread
     Process* Owner; // referenced
 };
 
-// The process and thread that the calling host thread plays; the system process when it plays none. No reference.
+extern const ObjectType ProcessType;
+extern const ObjectType ThreadType;
+
+// The process and thread that the calling Linux thread plays; the system process when it plays none. No reference.
 Process* CurrentProcess();
 Thread* CurrentThread();
 Process* SystemProcess();
 
-// Plays a process for a scope: what the calling host thread does in it is done by that process. Nests.
+// Plays a process for a scope: what the calling Linux thread does in it is done by that process. Nests.
 class AttachedProcess
 {
 public:

@@ -31,7 +31,7 @@ Process* FindProcess(HANDLE id);
 // The running processes, System first. The idle process is none of them.
 std::vector<ProcessSummary> SnapshotProcesses();
 
-// Forgets every process, thread and hook, and starts numbering again. No notifications; no host thread may play a
-// process meanwhile.
+// Forgets every process, thread and hook, and starts numbering again. No notifications; no thread may play a process
+// meanwhile.
 void ShutdownProcesses();
 }

@@ -98,7 +98,7 @@ NTSTATUS WriteZeros(PFILE_OBJECT file, LONGLONG offset, LONGLONG end)
 // Whoever has it open may ask for a flush, whatever the file was opened for.
 NTSTATUS Flush(PFILE_OBJECT file)
 {
-    hosted::FilterRequest flush = hosted::NewFileRequest(file, IRP_MJ_FLUSH_BUFFERS, IRP_SYNCHRONOUS_API);
+    hosted::FileRequest flush = hosted::NewFileRequest(file, IRP_MJ_FLUSH_BUFFERS, IRP_SYNCHRONOUS_API);
     IO_STATUS_BLOCK status = {};
     return hosted::SendFileRequest(flush, &status);
 }
@@ -227,7 +227,7 @@ void Write(fuse_req_t request, fuse_ino_t, const char* data, size_t size, off_t 
         fuse_reply_err(request, error);
         return;
     }
-    hosted::FairSharedMutex& sizeLock = StateOf(request).SizeLockOf(handle.Node);
+    common::FairSharedMutex& sizeLock = StateOf(request).SizeLockOf(handle.Node);
     IO_STATUS_BLOCK result = {};
     NTSTATUS status = STATUS_SUCCESS;
     if (!cached)

@@ -1,7 +1,7 @@
 // What every request of the mounted volume uses.
 #pragma once
 
-#include "hosted/ke/fair_shared_mutex.h"
+#include "common/mutex.h"
 #include "live/mount/node_table.h"
 #include "live/mount/opened_file.h"
 
@@ -32,10 +32,10 @@ struct MountState
 
     // Alone for who takes a name away or gives it to another file, until the node table knows; shared for who goes by a
     // name or a node until it has the file open. Not to be taken twice by one thread.
-    hosted::FairSharedMutex Names;
+    common::FairSharedMutex Names;
     // Shared by who writes to a file, alone for who looks at its size to change it: what the host's kernel writes back
     // meanwhile must not be cut off. One for several files.
-    hosted::FairSharedMutex& SizeLockOf(NodeId node) { return sizeLocks_[node % sizeLocks_.size()]; }
+    common::FairSharedMutex& SizeLockOf(NodeId node) { return sizeLocks_[node % sizeLocks_.size()]; }
 
     // What is open on the volume, for looks at what a process has open, and for an end with files open.
     HandleSet Handles;
@@ -52,6 +52,6 @@ struct MountState
     }
 
 private:
-    std::array<hosted::FairSharedMutex, 64> sizeLocks_;
+    std::array<common::FairSharedMutex, 64> sizeLocks_;
 };
 }

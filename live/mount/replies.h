@@ -85,7 +85,7 @@ void WithName(fuse_req_t request, fuse_ino_t parent, const char* name, Use&& use
     AsRequester(request,
         [&]
         {
-            const Lock<hosted::FairSharedMutex> names(StateOf(request).Names);
+            const Lock<common::FairSharedMutex> names(StateOf(request).Names);
             hosted::WideString path;
             hosted::WideString wide;
             const int error = PathOfName(StateOf(request), parent, name, &path, &wide);

@@ -1,7 +1,7 @@
 #include "live/processes/linux_processes.h"
 
 #include "hosted/fs/linux_files.h"
-#include "hosted/ps/process_create.h"
+#include "hosted/machine/process_create.h"
 #include "hosted/ps/process_table.h"
 
 #include <unistd.h>

@@ -1,6 +1,6 @@
 // Everything at once: programs inside and outside the sandbox, processes that come and go, an agent that sets, asks and
 // listens. Nothing may be lost, and nothing may be left behind.
-#include "hosted/ke/fair_shared_mutex.h"
+#include "common/mutex.h"
 #include "tests/stress/agent_worker.h"
 #include "tests/unit/driver/filter/cipher_vectors.h"
 
@@ -129,7 +129,7 @@ TEST(DriverStress, LoadedAndUnloadedWhileWorkGoesOn)
     run.Add("processes", [&](Random& random) { return machine.ProcessWork(random); });
     run.Add("outsider", [&](Random& random) { return machine.OutsiderWork(random, false); });
     // Requests share it; who takes the driver away has it alone.
-    FairSharedMutex gate;
+    common::FairSharedMutex gate;
     run.Add("settings",
         [&](Random& random) -> Round
         {

@@ -3,7 +3,7 @@
 
 #include "hosted/cc/cache.h"
 #include "hosted/fs/store.h"
-#include "hosted/ke/fair_shared_mutex.h"
+#include "common/mutex.h"
 
 #include <atomic>
 #include <memory>
@@ -57,7 +57,7 @@ struct ControlBlock : FSRTL_COMMON_FCB_HEADER, std::enable_shared_from_this<Cont
     // Order: Main, then the cache map's lock, then Inner. Paging I/O takes Inner only.
     std::shared_mutex Main; // shared to read, exclusive to write and to change the size
     // The size together with the store's bytes; shared to read these. The size only changes with all three held.
-    FairSharedMutex Inner;
+    common::FairSharedMutex Inner;
     bool Discarded = false; // the stream was deleted; changes with all three held
     std::atomic<bool> PagingFileStream = false;
 

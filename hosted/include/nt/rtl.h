@@ -96,7 +96,7 @@ ULONG __cdecl DbgPrint(PCSTR Format, ...);
 #define RtlZeroMemory(Destination, Length) __builtin_memset((Destination), 0, (Length))
 #define RtlFillMemory(Destination, Length, Fill) __builtin_memset((Destination), (Fill), (Length))
 
-// The C run-time routines that the kernel exports. Their names belong to the host's own library here, whose
+// The C run-time routines that the kernel exports. Their names belong to Linux's own library here, whose
 // wide characters are wider, so the kernel's go by another name and the driver's calls are renamed to it.
 unsigned short __cdecl KernelToUpper(unsigned short Character);
 int __cdecl KernelVsnwprintf(WCHAR* Buffer, size_t Count, const WCHAR* Format, __builtin_ms_va_list Arguments);

@@ -6,7 +6,7 @@
 #include "driver/util/debug_print.h"
 #include "hosted/ke/failure_injection.h"
 #include "hosted/machine/native_image.h"
-#include "hosted/ps/process_create.h"
+#include "hosted/machine/process_create.h"
 #include "hosted/ps/process_table.h"
 #include "tests/support/machine.h"
 

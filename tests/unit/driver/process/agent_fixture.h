@@ -6,7 +6,7 @@
 #include "hosted/ke/failure_injection.h"
 #include "hosted/machine/machine.h"
 #include "hosted/machine/native_image.h"
-#include "hosted/ps/process_create.h"
+#include "hosted/machine/process_create.h"
 #include "hosted/ps/query_hooks.h"
 #include "tests/support/text.h"
 

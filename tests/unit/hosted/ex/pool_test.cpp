@@ -1,6 +1,6 @@
 #include "hosted/ex/pool.h"
 
-#include "hosted/ex/fast_mutex.h"
+#include "hosted/ke/fast_mutex.h"
 #include "hosted/ex/pool_memory.h"
 #include "hosted/ke/failure_injection.h"
 #include "hosted/ke/irql.h"

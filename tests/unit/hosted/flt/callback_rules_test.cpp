@@ -60,9 +60,9 @@ TEST_F(FltCallbackRules, ACreateIsShownInTheRequestorsProcess)
         data->IoStatus.Status = STATUS_ACCESS_DENIED;
         return FLT_PREOP_COMPLETE;
     };
-    FilterRequest request = NewFileRequest(file_, IRP_MJ_CREATE, IRP_CREATE_OPERATION);
+    FileRequest request = NewFileRequest(file_, IRP_MJ_CREATE, IRP_CREATE_OPERATION);
     request.Requestor = &thread;
-    EXPECT_EQ(SendOperation(request, &status_), STATUS_ACCESS_DENIED);
+    EXPECT_EQ(SendFileRequest(request, &status_), STATUS_ACCESS_DENIED);
     EXPECT_EQ(CurrentProcess(), SystemProcess());
     DereferenceObject(other);
 }
@@ -142,18 +142,18 @@ TEST_F(FltCallbackRules, FailingAnOpenedCreateIsABugCheck)
 
 TEST_F(FltCallbackRules, OperationsAboveTheirLevelAreBugChecks)
 {
-    FilterRequest create = NewFileRequest(file_, IRP_MJ_CREATE, IRP_CREATE_OPERATION);
-    FilterRequest read = NewFileRequest(file_, IRP_MJ_READ, IRP_READ_OPERATION);
+    FileRequest create = NewFileRequest(file_, IRP_MJ_CREATE, IRP_CREATE_OPERATION);
+    FileRequest read = NewFileRequest(file_, IRP_MJ_READ, IRP_READ_OPERATION);
     EXPECT_DEATH(
         {
             const RaisedIrql raised(APC_LEVEL);
-            SendOperation(create, &status_);
+            SendFileRequest(create, &status_);
         },
         "sending an operation");
     EXPECT_DEATH(
         {
             const RaisedIrql raised(DISPATCH_LEVEL);
-            SendOperation(read, &status_);
+            SendFileRequest(read, &status_);
         },
         "sending an operation");
     const RaisedIrql raised(APC_LEVEL);

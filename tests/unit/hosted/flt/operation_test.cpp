@@ -179,9 +179,9 @@ TEST_F(FltOperation, TheRequestIsLeftAsItWas)
             FltSetCallbackDataDirty(data);
             return FLT_PREOP_SUCCESS_NO_CALLBACK;
         });
-    FilterRequest request = NewFileRequest(file_, IRP_MJ_READ, IRP_READ_OPERATION);
+    FileRequest request = NewFileRequest(file_, IRP_MJ_READ, IRP_READ_OPERATION);
     request.Parameters.Parameters.Read.Length = 9;
-    EXPECT_EQ(SendOperation(request, &status_), STATUS_SUCCESS);
+    EXPECT_EQ(SendFileRequest(request, &status_), STATUS_SUCCESS);
     EXPECT_EQ(status_.Information, 5u);
     EXPECT_EQ(request.Parameters.Parameters.Read.Length, 9u);
     EXPECT_EQ(request.Parameters.TargetInstance, nullptr);

@@ -1,5 +1,5 @@
 // Termination handlers: the cleanup runs once on every way out.
-#include "hosted/ex/fast_mutex.h"
+#include "hosted/ke/fast_mutex.h"
 #include "hosted/ke/irql.h"
 #include "hosted/ke/user_access.h"
 

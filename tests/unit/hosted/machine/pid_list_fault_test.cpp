@@ -1,6 +1,6 @@
 // A request whose output buffer goes away under the driver's hands, in the middle of a list that it writes under a
 // lock.
-#include "hosted/ex/fast_mutex.h"
+#include "hosted/ke/fast_mutex.h"
 #include "hosted/ex/probe.h"
 #include "hosted/io/device_control.h"
 #include "hosted/ke/irql.h"

@@ -1,5 +1,5 @@
 // Programs of the host system as processes.
-#include "hosted/ps/process_create.h"
+#include "hosted/machine/process_create.h"
 #include "hosted/ps/process_table.h"
 #include "tests/support/machine.h"
 #include "tests/unit/live/processes/process_notes.h"

@@ -3,7 +3,7 @@
 
 #include "hosted/ke/failure_injection.h"
 #include "hosted/ke/irql.h"
-#include "hosted/ps/process_create.h"
+#include "hosted/machine/process_create.h"
 #include "tests/support/machine.h"
 
 #include <gmock/gmock.h>

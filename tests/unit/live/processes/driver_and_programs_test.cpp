@@ -2,7 +2,7 @@
 #include "live/processes/process_tracker.h"
 
 #include "hosted/machine/disk_access.h"
-#include "hosted/ps/process_create.h"
+#include "hosted/machine/process_create.h"
 #include "tests/scenario/driver_under_test.h"
 #include "tests/support/machine.h"
 #include "tests/support/temporary_folder.h"

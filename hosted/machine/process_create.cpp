@@ -1,4 +1,4 @@
-#include "hosted/ps/process_create.h"
+#include "hosted/machine/process_create.h"
 
 #include "hosted/io/file_object.h"
 #include "hosted/ke/irql.h"

@@ -22,7 +22,7 @@ struct ProcessParameters
 // IRQL: PASSIVE_LEVEL.
 NTSTATUS CreateProcess(const ProcessParameters& parameters, Process** process);
 
-// A program of the host system that runs already.
+// A program of Linux that runs already.
 struct AdoptedProcess
 {
     HANDLE Id; // which no running process may have
@@ -32,7 +32,7 @@ struct AdoptedProcess
 };
 
 // Makes it a running process and tells the registered routines, on the calling thread and as a child of the process
-// that this thread plays. The host system opened the image, so no request is sent for it: the routines get a file
+// that this thread plays. Linux opened the image, so no request is sent for it: the routines get a file
 // object that names it on its volume; for an image on no volume they get none, and are told that the process is one of
 // another subsystem, for which the platform leaves it out. There is no command line, and what a routine leaves in
 // CreationStatus counts for nothing: the program runs. Referenced for the caller. IRQL: PASSIVE_LEVEL.

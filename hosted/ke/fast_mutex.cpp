@@ -1,4 +1,4 @@
-#include "hosted/ex/fast_mutex.h"
+#include "hosted/ke/fast_mutex.h"
 
 #include "hosted/ke/bug_check.h"
 #include "hosted/ke/event.h"
