@@ -12,12 +12,14 @@ bool IsBrowserModeActive();
 // Whether a path is in the browser product's data folder.
 bool BRPLIsDataPath(PCUNICODE_STRING path);
 
-// A process that starts. STATUS_INSUFFICIENT_RESOURCES.
+// Takes in a process that starts if its NT image path matches a pattern. STATUS_INSUFFICIENT_RESOURCES.
 NTSTATUS BRPLInsert(HANDLE processId, PCUNICODE_STRING imagePath);
 // Every running process of an image, named by its drive-letter path, whatever the patterns say.
 // STATUS_INVALID_PARAMETER for a null argument, else the failure to turn the path into its NT form.
 NTSTATUS BRPLRegistProcess(const SYSTEM_PROCESS_INFORMATION* snapshot, PCUNICODE_STRING path);
+// A process that exits.
 void BRPLRemove(HANDLE processId);
-// STATUS_SUCCESS or STATUS_NOT_FOUND.
+// Whether a process is in the list: STATUS_SUCCESS or STATUS_NOT_FOUND.
 NTSTATUS BRPLLookup(HANDLE processId);
+// At unload.
 void BRPLClear();

@@ -11,11 +11,13 @@ NTSTATUS HBPLBuild(const UNICODE_STRING& sandboxPath);
 // Whether a path is in the product's folder.
 bool HBPLIsProductPath(PCUNICODE_STRING path);
 
-// A process that starts. STATUS_INSUFFICIENT_RESOURCES.
+// Takes in a process that starts if its NT image path matches a pattern. STATUS_INSUFFICIENT_RESOURCES.
 NTSTATUS HBPLInsert(HANDLE processId, PCUNICODE_STRING imagePath);
-// Every running process. STATUS_INVALID_PARAMETER, printed, for a null snapshot.
+// The same for every running process. STATUS_INVALID_PARAMETER, printed, for a null snapshot.
 NTSTATUS HBPLRegistProcess(const SYSTEM_PROCESS_INFORMATION* snapshot);
+// A process that exits.
 void HBPLRemove(HANDLE processId);
-// STATUS_SUCCESS or STATUS_NOT_FOUND.
+// Whether a process is in the list: STATUS_SUCCESS or STATUS_NOT_FOUND.
 NTSTATUS HBPLLookup(HANDLE processId);
+// At unload.
 void HBPLClear();

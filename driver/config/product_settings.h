@@ -9,9 +9,11 @@ inline constexpr LONG InstallerModeWithoutBrowser = 1;
 inline constexpr LONG InstallerModeUnknown = -1;
 
 // *mode: InstallerModeUnknown unless a mode was read, and also for a sound value with an unknown digit.
-// STATUS_UNSUCCESSFUL for a value that is not as expected, STATUS_INSUFFICIENT_RESOURCES without memory, else the
-// failure to open the key or to find the value.
+// STATUS_UNSUCCESSFUL for a value that is not as expected or cannot be read, STATUS_INSUFFICIENT_RESOURCES without
+// memory, else the failure to open the key or to find the value.
 NTSTATUS ReadInstallerMode(PLONG mode);
 
-// The folder that the product was installed in; the same failures.
+// The folder that the product was installed in, as the installer wrote it, into an empty string, which stays empty on
+// failure. STATUS_UNSUCCESSFUL for a value that is not as expected, STATUS_INSUFFICIENT_RESOURCES without memory, else
+// the failure to open the key or to find or read the value.
 NTSTATUS ReadProductPath(CountedString* path);

@@ -1,9 +1,9 @@
-// What the driver tells the Filter Manager about itself.
+// What the driver tells the Filter Manager about itself. IRQL PASSIVE_LEVEL.
 #pragma once
 
 #include <fltkernel.h>
 
-// The record points to tables that live as long as the driver.
+// Fills the record, which points to tables that live as long as the driver.
 void BuildFilterRegistration(PFLT_REGISTRATION registration, PFLT_FILTER_UNLOAD_CALLBACK unload);
 
 // Local disk file systems only: STATUS_FLT_DO_NOT_ATTACH for anything else.

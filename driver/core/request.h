@@ -17,15 +17,19 @@ struct Request
     ULONG_PTR Information;
 };
 
-// STATUS_ACCESS_VIOLATION when the caller cannot write that many bytes there. Before anything is changed.
+// STATUS_ACCESS_VIOLATION when the caller cannot write that many bytes there; asked before anything is changed. A
+// kernel caller's buffer is taken on trust. All routines here: IRQL PASSIVE_LEVEL, in the caller's process.
 NTSTATUS ProbeCallerOutput(const Request& request, ULONG bytes);
-// Guarded four-byte accesses to the caller's output buffer. STATUS_ACCESS_VIOLATION.
+// Guarded four-byte accesses to the beginning of the caller's output buffer. STATUS_ACCESS_VIOLATION where it cannot be
+// touched, also when it could be a moment ago.
 NTSTATUS ReadCallerWord(const Request& request, PULONG word);
 NTSTATUS WriteCallerWord(const Request& request, ULONG word);
 
 // The first four bytes of the input; false when there are fewer.
 bool InputWord(const Request& request, PULONG word);
 
+// A handler returns the status that the request is completed with. IRQL PASSIVE_LEVEL, in the caller's process, no
+// locks held. docs/control-protocol.md says what each takes and answers.
 typedef NTSTATUS (*RequestHandler)(Request& request);
 
 NTSTATUS SetCryptKey(Request& request);

@@ -4,11 +4,11 @@
 
 #include <ntifs.h>
 
-// Requests may come from now on. Before the control device is made.
+// Requests may come from now on. Before the control device is made. IRQL PASSIVE_LEVEL.
 void OpenRequestGate();
-// No request begins any more; returns when the last one has ended. PASSIVE_LEVEL, and not inside a request.
+// No request begins any more; returns when the last one has ended. IRQL PASSIVE_LEVEL, and not inside a request.
 void CloseRequestGate();
 
-// False when the gate is closed. A request that began must end.
+// False when the gate is closed. A request that began must end. IRQL up to DISPATCH_LEVEL.
 bool BeginRequest();
 void EndRequest();

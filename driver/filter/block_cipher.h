@@ -1,6 +1,6 @@
 // AES in electronic code book, by OpenSSL: its AES-NI routines where the processor has the instructions (SSE
 // registers only, so safe in kernel code at any IRQL), its portable ones otherwise. A schedule is used only by the
-// family that made it; the family is chosen once, at load.
+// family that made it; the family is chosen once, at load. Nothing here allocates or locks: any IRQL.
 #pragma once
 
 #include <ntifs.h>
@@ -15,6 +15,7 @@ enum class CipherFamily
     Instructions
 };
 
+// As the processor says of itself.
 bool ProcessorHasAesInstructions();
 // Before any schedule is made. `Instructions` only where the processor has them.
 void SelectCipherFamily(CipherFamily family);

@@ -3,9 +3,10 @@
 
 #include <fltkernel.h>
 
-// Swaps the buffer of a paging read on a stream with a context. Any failure lets the read go on unchanged.
+// Swaps the buffer of a paging read on a stream with a context. Any failure lets the read go on unchanged. IRQL up to
+// APC_LEVEL; above it everything passes.
 FLT_PREOP_CALLBACK_STATUS NTAPI PreRead(
     PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS objects, PVOID* completionContext);
-// Deciphers into the caller's memory at whatever IRQL the completion runs.
+// Deciphers into the caller's memory and gives the caller's buffer back, at whatever IRQL the completion runs.
 FLT_POSTOP_CALLBACK_STATUS NTAPI PostRead(
     PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS objects, PVOID completionContext, FLT_POST_OPERATION_FLAGS flags);

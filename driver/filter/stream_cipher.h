@@ -5,7 +5,7 @@
 
 #include "driver/filter/block_cipher.h"
 
-// The caller's bytes of one transfer, as long as the caller says they are.
+// The caller's bytes of one transfer, as many as the caller says there are.
 struct CallerSpan
 {
     UCHAR* Data;

@@ -11,7 +11,8 @@ struct StreamCipherContext
     // stream's data then passes unchanged.
     AES_KEY EncryptionSchedule;
     AES_KEY DecryptionSchedule;
-    // The largest end of file that the filter has seen. Read and written without a lock; the last writer wins.
+    // The end of file, in bytes, as the filter has followed it: writes raise it, end-of-file changes set it. Read and
+    // written without a lock; the last writer wins.
     LONGLONG TrackedFileSize;
 };
 
@@ -34,6 +35,7 @@ public:
     bool Find(PCFLT_RELATED_OBJECTS objects);
     StreamCipherContext* Get() const { return context_; }
     StreamCipherContext* operator->() const { return context_; }
+    // Hands the reference to the caller.
     StreamCipherContext* Detach()
     {
         StreamCipherContext* context = context_;
@@ -45,7 +47,7 @@ private:
     StreamCipherContext* context_ = nullptr;
 };
 
-// The file system's present size of the stream; 0 for a file object without a stream.
+// The file system's present size of the stream, in bytes; 0 for a file object without a stream. Any IRQL.
 LONGLONG FileSystemSize(PFILE_OBJECT fileObject);
 
 // Attaches a fresh context after a permitted open; replaces the one that is there. Runs only when the pre-create

@@ -43,6 +43,7 @@ public:
     // A buffer of that many bytes and an MDL over its first mdlBytes. IRQL up to APC_LEVEL.
     bool Allocate(ULONG bytes, ULONG mdlBytes);
     PUCHAR Data() const { return static_cast<PUCHAR>(buffer_); }
+    // Hands both to the operation.
     void MoveTo(WriteSwapContext* swap);
 
 private:
@@ -51,5 +52,6 @@ private:
     PMDL mdl_ = nullptr;
 };
 
-// Frees the driver's buffer and the swap context in a post-operation. IRQL up to DISPATCH_LEVEL.
+// Frees the driver's buffer and the swap context in a post-operation; the MDL goes with the operation. IRQL up to
+// DISPATCH_LEVEL.
 void FreeSwap(PFLT_INSTANCE instance, WriteSwapContext* swap);

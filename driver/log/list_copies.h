@@ -1,5 +1,5 @@
 // Copies of the lists that the parameter dump shows: made under a list's lock, printed without it. Each owns what it
-// copied. IRQL PASSIVE_LEVEL; above APC_LEVEL a list is copied without its lock.
+// copied. IRQL up to DISPATCH_LEVEL; above APC_LEVEL a list is copied without its lock.
 #pragma once
 
 #include "driver/util/list.h"
@@ -32,6 +32,7 @@ public:
         return static_cast<bool>(slots_);
     }
 
+    // Back to no slots.
     void Free()
     {
         for (ULONG i = 0; i < count_; ++i)
@@ -63,9 +64,9 @@ struct ProcessSlot
     void Free() {}
 };
 
-// All: STATUS_INVALID_PARAMETER for a null argument, STATUS_INSUFFICIENT_RESOURCES without memory; the copy is then
-// empty.
+// All replace what the copy held. STATUS_INVALID_PARAMETER, with nothing done, for a null argument;
+// STATUS_INSUFFICIENT_RESOURCES without memory: the copy is then empty.
 NTSTATUS DuplicateProcessNameList(LockedList<ProcessNameEntry>* list, ListCopy<NameSlot>* copy);
 NTSTATUS DuplicateMonProcList(LockedList<MonitoredProcessEntry>* list, ListCopy<ProcessSlot>* copy);
-// The lock is the one that guards the entry.
+// The lock is the one that guards the list, which is a protected file's.
 NTSTATUS DuplicateAllowedProcessList(List<AllowedProcessEntry>* list, FastLock* lock, ListCopy<ProcessSlot>* copy);

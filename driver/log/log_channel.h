@@ -8,9 +8,9 @@
 #include <ntifs.h>
 #include <tarnveil/control.h>
 
-// Once, at load. STATUS_UNSUCCESSFUL when done already.
+// Once, at load. STATUS_UNSUCCESSFUL when done already. IRQL up to DISPATCH_LEVEL.
 NTSTATUS InitializeLogChannel();
-// At unload: as StopLogging, and the channel may be initialised anew.
+// At unload: as StopLogging, and the channel may be initialised anew. IRQL up to APC_LEVEL.
 void FinalizeLogChannel();
 
 // Registers the agent's event and the levels to queue; a repetition with the same handle and flags changes nothing.
@@ -28,9 +28,11 @@ NTSTATUS __cdecl WriteLogRecord(ULONG level, HANDLE processId, PCWSTR processNam
 
 // True when an event is registered for a level of the word. Any IRQL up to DISPATCH_LEVEL.
 BOOLEAN IsLogLevelEnabled(ULONG level);
+// How many records wait. IRQL up to APC_LEVEL, after initialisation.
 ULONG GetLogRecordCount();
 
 // Moves as many whole records as fit, oldest first, into the buffer. *length: its bytes on entry, the bytes moved on
 // return. STATUS_BUFFER_TOO_SMALL for less than one record's room, STATUS_NO_MORE_ENTRIES for an empty queue,
-// STATUS_UNSUCCESSFUL before initialisation (*length is then left alone). The buffer is kernel memory.
+// STATUS_UNSUCCESSFUL before initialisation (*length is then left alone). The buffer is kernel memory. IRQL up to
+// DISPATCH_LEVEL; above APC_LEVEL without the lock.
 NTSTATUS GetLogData(PVOID buffer, PULONG length);

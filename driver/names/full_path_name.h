@@ -10,7 +10,8 @@
 NTSTATUS GetCreateTargetName(PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS objects, CountedString* path);
 
 // Volume name + name of the related file object + separator where one is wanted + the file object's name.
-// STATUS_INSUFFICIENT_RESOURCES without memory; else the failure of the volume name query.
+// STATUS_INSUFFICIENT_RESOURCES without memory or for a volume without a name; else what the volume name query answers,
+// with an empty path.
 NTSTATUS CreateFullPathNameFromFltObjects(PCFLT_RELATED_OBJECTS objects, CountedString* path);
 
 // The normalized name where it says the same as the file object's own name, else volume + file object name: the

@@ -30,7 +30,8 @@ struct FileProtection
 // Allows a process to open a file (a terminated drive-letter path), which is protected from then on. *id receives the
 // setting's id, also that of a process that was allowed before. STATUS_INVALID_PARAMETER for a null path,
 // STATUS_MEMORY_NOT_ALLOCATED or STATUS_INSUFFICIENT_RESOURCES without memory, else the failure to turn the path into
-// its NT form. A failure to store the paths is printed and does not fail the request.
+// its NT form. A path whose process found no memory stays protected. A failure to store the paths is printed and does
+// not fail the request.
 NTSTATUS AddFileProtectionSetting(HANDLE processId, PCWSTR path, PULONG id);
 
 // Takes the allowed process with that setting id out of its file, with a log record; an id that none carries changes
@@ -52,7 +53,7 @@ NTSTATUS FindAllowedProcess(FileProtection* protection, HANDLE processId, PULONG
 // The entry at an index of the list, or STATUS_NOT_FOUND behind the last one.
 NTSTATUS GetFileProtectionAt(ULONG index, FileProtection** protection);
 
-// At unload.
+// At unload: frees every entry with its processes, whose ids are released.
 void ClearFileProtections();
 
 // Writes every protected path to the service key. STATUS_INSUFFICIENT_RESOURCES without memory, else the failure to

@@ -14,7 +14,7 @@ inline constexpr ULONG MonitoredKindAny = MonitoredKindProcess | MonitoredKindCh
 struct MonitoredProcessEntry
 {
     LIST_ENTRY Links;
-    // As the system handed it over; not referenced and never followed.
+    // As the system handed it over, for whoever looks with a debugger; not referenced and never followed.
     PEPROCESS Process;
     HANDLE ProcessId;
     // Of the setting that put the process here; owned by that setting.
@@ -27,7 +27,8 @@ struct MonitoredProcessEntry
 NTSTATUS InsertMonitoredParent(PEPROCESS process, HANDLE processId, ULONG settingId);
 NTSTATUS InsertMonitoredProcess(PEPROCESS process, HANDLE processId, ULONG kind, ULONG settingId);
 
-// True, with the setting id of the process's first entry (of a kind in the mask). False for a null id.
+// True, with the setting id of the process's first entry (of a kind in the mask); *settingId keeps its value otherwise.
+// False for a null id.
 bool FindMonitoredParent(HANDLE processId, PULONG settingId);
 bool FindMonitoredProcess(HANDLE processId, ULONG kindMask, PULONG settingId);
 bool IsMonitoredProcessListEmpty();
@@ -37,7 +38,8 @@ bool IsMonitoredProcessListEmpty();
 // less than 4 bytes, or, with the count left in the first word, for less than the ids need.
 NTSTATUS GetMonitoredPidList(PULONG buffer, ULONG bytes);
 
-// What takes entries out, and which label its records carry.
+// Take out the entries of a process that exits, of a setting that is deleted, or all, with a log record for each;
+// without memory to remember them they go unrecorded. Clearing writes records only when `log` is set.
 void RemoveMonitoredParentsByProcess(HANDLE processId);
 void RemoveMonitoredParentsById(ULONG settingId);
 void ClearMonitoredParents(bool log);

@@ -50,42 +50,37 @@ void FreeEntry(ProcessNameEntry* entry)
     FreePool(entry);
 }
 
-// At most LongestPathCharacters.
-SIZE_T CountCharacters(PCWSTR path)
+// A path of the agent's. It is measured once, since it may be long.
+struct AgentPath
 {
-    SIZE_T count = 0;
-    while (count < LongestPathCharacters && path[count] != UNICODE_NULL)
+    PCWSTR Text;
+    SIZE_T Characters;
+};
+
+// Counts at most LongestPathCharacters.
+AgentPath Measure(PCWSTR text)
+{
+    AgentPath path = {text, 0};
+    while (path.Characters < LongestPathCharacters && text[path.Characters] != UNICODE_NULL)
     {
-        ++count;
+        ++path.Characters;
     }
-    return count;
+    return path;
 }
 
 // The path as an entry's name shows it: beyond the 16-bit length only the low bits of the length remain.
-UNICODE_STRING NameView(PCWSTR path)
+UNICODE_STRING NameView(const AgentPath& path)
 {
-    SIZE_T bytes = CountCharacters(path) * sizeof(WCHAR);
+    SIZE_T bytes = path.Characters * sizeof(WCHAR);
     UNICODE_STRING name;
     name.Length = static_cast<USHORT>(bytes);
     name.MaximumLength = static_cast<USHORT>(bytes + sizeof(WCHAR));
-    name.Buffer = const_cast<PWSTR>(path);
+    name.Buffer = const_cast<PWSTR>(path.Text);
     return name;
 }
 
-NTSTATUS MeasurePath(PCWSTR path, SIZE_T* bytes)
-{
-    SIZE_T count = CountCharacters(path);
-    if (count == LongestPathCharacters)
-    {
-        DbgPrint("Tarnveil - RtlStringCbLengthW error %x\n", STATUS_INVALID_PARAMETER);
-        return STATUS_INVALID_PARAMETER;
-    }
-    *bytes = count * sizeof(WCHAR);
-    return STATUS_SUCCESS;
-}
-
 // A new entry with its own copy of the path, not yet linked and without an id.
-NTSTATUS MakeEntry(PCWSTR path, ProcessNameEntry** made)
+NTSTATUS MakeEntry(const AgentPath& path, ProcessNameEntry** made)
 {
     auto entry = PoolPointer<ProcessNameEntry>::Allocate();
     if (!entry)
@@ -93,20 +88,20 @@ NTSTATUS MakeEntry(PCWSTR path, ProcessNameEntry** made)
         DbgPrint("Tarnveil - process name entry allocate error\n");
         return STATUS_MEMORY_NOT_ALLOCATED;
     }
-    SIZE_T bytes = 0;
-    NTSTATUS status = MeasurePath(path, &bytes);
-    if (!NT_SUCCESS(status))
+    if (path.Characters == LongestPathCharacters)
     {
-        return status;
+        DbgPrint("Tarnveil - RtlStringCbLengthW error %x\n", STATUS_INVALID_PARAMETER);
+        return STATUS_INVALID_PARAMETER;
     }
+    SIZE_T bytes = path.Characters * sizeof(WCHAR);
     auto text = PoolPointer<WCHAR>::Allocate(bytes + sizeof(WCHAR));
     if (!text)
     {
         DbgPrint("Tarnveil - current process list allocate error\n");
         return STATUS_MEMORY_NOT_ALLOCATED;
     }
-    RtlCopyMemory(text.Get(), path, bytes);
-    entry->Name = NameView(text.Get());
+    RtlCopyMemory(text.Get(), path.Text, bytes);
+    entry->Name = NameView(path);
     entry->Name.Buffer = text.Detach();
     *made = entry.Detach();
     return STATUS_SUCCESS;
@@ -137,7 +132,7 @@ void LinkNewEntry(const ProcessNameSettingList& list, ProcessNameEntry* entry, P
         OutcomeAddedSetting, *id, path);
 }
 
-NTSTATUS AddOrRefresh(const ProcessNameSettingList& list, PCWSTR path, bool isNew, PULONG id)
+NTSTATUS AddOrRefresh(const ProcessNameSettingList& list, const AgentPath& path, bool isNew, PULONG id)
 {
     ProcessNameEntry* entry = nullptr;
     NTSTATUS status = MakeEntry(path, &entry);
@@ -147,8 +142,7 @@ NTSTATUS AddOrRefresh(const ProcessNameSettingList& list, PCWSTR path, bool isNe
     }
     // Once linked, the entry may be removed and freed by another request at any moment, so from there on the caller's
     // text stands in for it.
-    UNICODE_STRING name = entry->Name;
-    name.Buffer = const_cast<PWSTR>(path);
+    UNICODE_STRING name = NameView(path);
     if (isNew)
     {
         LinkNewEntry(list, entry, &name, id);
@@ -180,6 +174,12 @@ void DeleteSettings(const ProcessNameSettingList& list, PCWSTR label, bool log, 
         },
         FreeEntry);
 }
+
+void DeleteSettingsByName(const ProcessNameSettingList& list, const UNICODE_STRING& name)
+{
+    DeleteSettings(
+        list, list.Label, true, [&name](ProcessNameEntry* entry) { return IsEqualNameNoCase(&entry->Name, &name); });
+}
 }
 
 constinit const ProcessNameSettingList ParentProcessNames = {
@@ -195,17 +195,18 @@ NTSTATUS AddSetting(const ProcessNameSettingList& list, PCWSTR path, PULONG id)
     {
         return STATUS_INVALID_PARAMETER;
     }
-    UNICODE_STRING wanted = NameView(path);
+    AgentPath measured = Measure(path);
+    UNICODE_STRING wanted = NameView(measured);
     bool isNew = !FindSetting(list, &wanted, id);
     if (!isNew)
     {
         WriteLogRecord(LevelTrace, PsGetCurrentProcessId(), nullptr, L"%s %s %s id = %d path = %ws",
             SourceDeviceControl, list.Label, OutcomeSettingExists, *id, path);
     }
-    NTSTATUS status = AddOrRefresh(list, path, isNew, id);
+    NTSTATUS status = AddOrRefresh(list, measured, isNew, id);
     if (!NT_SUCCESS(status))
     {
-        DeleteSettingsByPath(list, path);
+        DeleteSettingsByName(list, wanted);
     }
     return status;
 }
@@ -233,9 +234,7 @@ void DeleteSettingsByPath(const ProcessNameSettingList& list, PCWSTR path)
     {
         return;
     }
-    UNICODE_STRING wanted = NameView(path);
-    DeleteSettings(list, list.Label, true,
-        [&wanted](ProcessNameEntry* entry) { return IsEqualNameNoCase(&entry->Name, &wanted); });
+    DeleteSettingsByName(list, NameView(Measure(path)));
 }
 
 void DeleteSettingsById(const ProcessNameSettingList& list, ULONG id)

@@ -1,4 +1,5 @@
-// Counted UTF-16 strings that own their buffer in the driver's pool. All lengths are in bytes.
+// Counted UTF-16 strings that own their buffer in the driver's pool. All lengths, capacities and offsets are in bytes.
+// IRQL up to DISPATCH_LEVEL throughout.
 #pragma once
 
 #include "driver/util/pool.h"
@@ -20,6 +21,7 @@ public:
     bool Append(const UNICODE_STRING& text);
     bool Append(PCWSTR text);
 
+    // Leaves an empty string without a buffer.
     void Free();
     // Hands the buffer to the caller.
     UNICODE_STRING Detach();
@@ -32,10 +34,10 @@ private:
     UNICODE_STRING string_ = {};
 };
 
-// Frees the buffer of a record's own string and empties it.
+// Frees the buffer of a record's own string, if it has one, and empties it.
 void FreeString(PUNICODE_STRING string);
 
-// Parts of a string without a copy.
+// Parts of a string without a copy; they must lie within it.
 UNICODE_STRING SubString(const UNICODE_STRING& string, USHORT offset, USHORT length);
 inline UNICODE_STRING RightOf(const UNICODE_STRING& string, USHORT offset)
 {
@@ -51,7 +53,8 @@ inline bool EndsWith(const UNICODE_STRING& string, WCHAR character)
     USHORT count = CharacterCount(string);
     return count != 0 && string.Buffer[count - 1] == character;
 }
+// Case counts.
 bool Contains(const UNICODE_STRING& string, WCHAR character);
 
-// A counted string over a terminated one that outlives it.
+// A counted string over a terminated one that outlives it; over its beginning when it is too long for one.
 UNICODE_STRING CountedView(PCWSTR text);

@@ -1,4 +1,5 @@
-// Kernel debugger output in the driver's fixed forms.
+// Kernel debugger output in the driver's fixed forms. Formats that print wide text (%wZ, %ws) at PASSIVE_LEVEL only,
+// all others at any IRQL.
 #pragma once
 
 #include <ntifs.h>

@@ -3,6 +3,7 @@
 
 #include <ntifs.h>
 
+// A handle of the kernel's own table, or none. Closes it at PASSIVE_LEVEL.
 class KernelHandle
 {
 public:
@@ -25,7 +26,7 @@ private:
     HANDLE handle_ = nullptr;
 };
 
-// A referenced process object, or none.
+// A referenced process object, or none. Gives the reference back at up to DISPATCH_LEVEL.
 class ProcessReference
 {
 public:
@@ -41,6 +42,7 @@ public:
     }
 
     PEPROCESS Get() const { return process_; }
+    // For the routine that references it; the owner must be empty.
     PEPROCESS* Address() { return &process_; }
 
 private:

@@ -1,5 +1,6 @@
 // Doubly linked lists of entries that carry their own links in a member `LIST_ENTRY Links`.
 // A link whose neighbours do not point back at it stops the system: a list that somebody wrote over is not repaired.
+// Nothing here locks, allocates or frees; any IRQL at which the entries may be touched.
 #pragma once
 
 #include "driver/util/lock.h"
@@ -18,6 +19,7 @@ public:
 
     bool IsEmpty() const { return head_.Flink == &head_; }
 
+    // Behind all others. The list does not own the entry, which must be in no list.
     void Append(Entry* entry)
     {
         LIST_ENTRY* last = head_.Blink;
@@ -31,6 +33,7 @@ public:
         head_.Blink = &entry->Links;
     }
 
+    // Out of whatever list it is in; the entry is then its caller's to free.
     static void Unlink(Entry* entry)
     {
         LIST_ENTRY* next = entry->Links.Flink;
@@ -73,6 +76,7 @@ public:
         return nullptr;
     }
 
+    // Walks the whole list.
     ULONG Count() const
     {
         ULONG count = 0;

@@ -17,6 +17,7 @@ bool MatchNamePattern(PCUNICODE_STRING name, PCUNICODE_STRING pattern);
 
 // Same length and same characters after upcasing. False when a pointer is null. Buffers of empty strings are not read.
 bool IsEqualNameNoCase(PCUNICODE_STRING first, PCUNICODE_STRING second);
+// The same for the beginning of the name; an empty prefix begins every name.
 bool IsPrefixNameNoCase(PCUNICODE_STRING prefix, PCUNICODE_STRING name);
 
 // -1, 0 or 1 after folding with the C run-time library's table. A string that is a proper prefix of the other sorts

@@ -1,5 +1,5 @@
 // Loads and stores of fields that are shared without a lock on purpose: single words of which the last writer wins.
-// A reader that sees a stored word also sees what its writer stored before it.
+// A reader that sees a stored word also sees what its writer stored before it. Any IRQL.
 #pragma once
 
 template <class T>

@@ -2,12 +2,12 @@
  * The control device of the Tarnveil driver: request codes, record layouts and limits.
  * Shared by the driver and by every agent; plain C, usable from C++.
  *
- * All integers are little-endian. Process ids and setting ids are unsigned 32-bit. Strings are UTF-16 and end with
- * a NUL, which the agent must supply: the driver does not compare the string with the input length.
+ * All integers are little-endian. Process ids and setting ids are unsigned 32-bit. Strings are UTF-16 and end at
+ * their NUL; one without a NUL ends where the input ends.
  *
  * Open "\\.\Tarnveil" (kernel name "\DosDevices\Tarnveil") and send the requests with DeviceIoControl. Four-byte
  * results and the process id list arrive in the output buffer although the request reports 0 bytes returned;
- * IOCTL_GET_LOG_DATA alone reports the bytes that it returned.
+ * only IOCTL_GET_LOG_DATA reports the bytes that it returned.
  */
 #ifndef TARNVEIL_CONTROL_H
 #define TARNVEIL_CONTROL_H
@@ -37,7 +37,7 @@
 #define IOCTL_GET_PID_LIST_UNDER_SANDBOX TARNVEIL_CTL_CODE(0x11)
 /* Input: path; output: exactly 4 bytes, the setting id. */
 #define IOCTL_ADD_EXC_PROCESS TARNVEIL_CTL_CODE(0x12)
-/* Input: exactly 4 bytes, non-zero = on. */
+/* Input: exactly 4 bytes. Only 1 switches encryption on; any other value than 0 is reported as on all the same. */
 #define IOCTL_SET_ENCRYPTION TARNVEIL_CTL_CODE(0x13)
 /* Input: process id, then a path; output: exactly 4 bytes, the setting id. */
 #define IOCTL_ADD_FILE_PROTECTION TARNVEIL_CTL_CODE(0x14)
