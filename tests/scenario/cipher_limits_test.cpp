@@ -2,6 +2,8 @@
 #include "hosted/ke/user_access.h"
 #include "tests/scenario/cipher_scenario.h"
 
+#include <tarnveil/control.h>
+
 namespace cipher_test
 {
 namespace
@@ -46,23 +48,32 @@ TEST(CipherLimits, ABufferThatVanishesFailsTheWriteAndLeavesTheDisk)
     EXPECT_EQ(scenario.Computer.Disk(Plan).substr(512), scenario.OnDisk(plain).substr(512));
 }
 
-TEST(CipherLimits, AKeyOfAWrongLengthLetsTheDataThroughUnchanged)
+// At load nothing is read behind such a key, so the driver knows no sandbox folder; and no other key can be set.
+TEST(CipherLimits, AfterAKeyOfAWrongLengthThereIsNoSandbox)
 {
     CipherScenario scenario({.Key = Pattern(20)});
+    ProgramEvent event = scenario.Agent->CreateEvent();
+    ASSERT_EQ(scenario.Agent->StartLogging(
+                  event, TARNVEIL_LEVEL_ALLOWED_OPEN | TARNVEIL_LEVEL_DENIED_OPEN | TARNVEIL_LEVEL_REFUSED_KEY),
+        STATUS_SUCCESS);
     const std::string plain = Pattern(5000);
-    auto file = scenario.Editor->Create(Plan);
-    ASSERT_EQ(file.Status(), STATUS_SUCCESS) << "a length is set, so the sandbox is open";
-    EXPECT_EQ(file.Write(plain), STATUS_SUCCESS);
-    EXPECT_EQ(file.Flush(), STATUS_SUCCESS);
+    {
+        auto file = scenario.Editor->Create(Plan);
+        ASSERT_EQ(file.Status(), STATUS_SUCCESS);
+        EXPECT_EQ(file.Write(plain), STATUS_SUCCESS);
+        EXPECT_EQ(file.Flush(), STATUS_SUCCESS);
+    }
     EXPECT_EQ(scenario.Computer.Disk(Plan), plain);
-    auto direct = scenario.Editor->OpenNonCached(Plan);
-    EXPECT_EQ(direct.Write(Pattern(512, 7)), STATUS_SUCCESS);
-    EXPECT_EQ(scenario.Computer.Disk(Plan), Pattern(512, 7) + plain.substr(512));
-    direct.Close();
-    file.Close();
+    EXPECT_EQ(scenario.Agent->Open(Plan).ReadAll(), plain) << "a program outside is let in, and reads it";
+    EXPECT_EQ(scenario.Agent->DrainLog(), std::vector<LogRecord>{}) << "no open was one of the sandbox's";
+
+    EXPECT_EQ(scenario.Agent->SetCryptKey(Pattern(16), ScenarioMask), STATUS_SUCCESS);
+    const auto records = scenario.Agent->DrainLog();
+    ASSERT_EQ(records.size(), 1u);
+    EXPECT_EQ(records[0].Level, ULONG{TARNVEIL_LEVEL_REFUSED_KEY});
+    EXPECT_EQ(scenario.Editor->Create(L"C:\\Sandbox\\later.txt").Write(plain), STATUS_SUCCESS);
     scenario.Computer.FlushAll();
-    scenario.Computer.Remount(L"C:");
-    EXPECT_EQ(scenario.Editor->Open(Plan).ReadAll(), Pattern(512, 7) + plain.substr(512));
+    EXPECT_EQ(scenario.Computer.Disk(L"C:\\Sandbox\\later.txt"), plain);
 }
 }
 }

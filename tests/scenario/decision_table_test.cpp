@@ -290,6 +290,8 @@ TEST_F(DecisionTable, AnythingElsePassesSilently)
     {
         ExpectSilently(program, Outside, STATUS_SUCCESS);
     }
+    EXPECT_EQ(agent_->Create(L"C:\\Data\\new.txt").Status(), STATUS_SUCCESS);
+    ExpectSilence();
     ASSERT_EQ(computer_.PutOnDisk(L"C:\\Bayou\\a", "a"), STATUS_SUCCESS);
     ExpectSilently(*agent_, L"C:\\Bayou\\a", STATUS_SUCCESS);
 }
@@ -321,6 +323,8 @@ TEST_F(DecisionTable, TheSystemIsJudgedLikeAnyOther)
         request.Path = L"\\??\\" + WideString(path);
         request.Mode = KernelMode;
         PFILE_OBJECT file = nullptr;
+        EXPECT_EQ(OpenFile(request, &file), STATUS_ACCESS_DENIED) << Narrow(path);
+        request.Disposition = FILE_OPEN_IF;
         EXPECT_EQ(OpenFile(request, &file), STATUS_ACCESS_DENIED) << Narrow(path);
     }
 }

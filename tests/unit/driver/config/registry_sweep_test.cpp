@@ -1,5 +1,6 @@
-// Every value that the driver reads, of every type, with every length from 0 to 64 bytes: each answer is compared with
-// a model, and the pool is guarded, so that a read behind a value stops the run.
+// Every value that the driver reads, with every length from 0 to 64 bytes and many contents, and of every type at the
+// lengths at which an answer changes: each answer is compared with a model, and the pool is guarded, so that a read
+// behind a value stops the run.
 
 #include "driver/config/base64.h"
 #include "driver/config/product_settings.h"
@@ -16,6 +17,9 @@ namespace
 constexpr ULONG Types[] = {
     REG_NONE, REG_SZ, REG_EXPAND_SZ, REG_BINARY, REG_DWORD, 5, 6, REG_MULTI_SZ, 8, 9, 10, 11, 0xffffffff};
 constexpr size_t LongestValue = 64;
+
+// Where one length is answered otherwise than the next: nothing, half a character, what the probe has room for, keys.
+constexpr size_t TellingLengths[] = {0, 1, 2, 3, 8, 9, 16, 17, 18, 25, 33, 34, 63, LongestValue};
 
 // What fills a value: a byte for each place.
 typedef UCHAR (*Filler)(size_t place);
@@ -39,29 +43,44 @@ class RegistrySweep : public testing::Test
 {
 protected:
     void TearDown() override { ResetFailures(); }
-    // Calls body(type, bytes) for each value, which is set before.
-    template <class Body>
-    void ForEachValue(WideView key, WideView name, Body&& body)
+    static std::vector<UCHAR> Filled(size_t filler, size_t length)
     {
+        std::vector<UCHAR> bytes(length);
+        for (size_t i = 0; i < length; ++i)
+        {
+            bytes[i] = Fillers[filler](i);
+        }
+        return bytes;
+    }
+    // Calls body(type, bytes) for each value, which is set before: of its own type with every content and length, of
+    // any other with the lengths that tell. The driver looks at a value's type either not at all or before anything
+    // else.
+    template <class Body>
+    void ForEachValue(WideView key, WideView name, ULONG ownType, Body&& body)
+    {
+        auto visit = [&](ULONG type, size_t filler, size_t length)
+        {
+            SCOPED_TRACE(Narrow(name) + " type " + std::to_string(type) + " filler " + std::to_string(filler) +
+                         " length " + std::to_string(length));
+            const std::vector<UCHAR> bytes = Filled(filler, length);
+            computer_.Registry().SetValue(key, name, type, bytes);
+            body(type, bytes);
+        };
+        for (size_t filler = 0; filler < std::size(Fillers); ++filler)
+        {
+            for (size_t length = 0; length <= LongestValue && !HasFailure(); ++length)
+            {
+                visit(ownType, filler, length);
+            }
+        }
+        size_t filler = 0;
         for (const ULONG type : Types)
         {
-            for (size_t filler = 0; filler < std::size(Fillers); ++filler)
+            for (const size_t length : TellingLengths)
             {
-                for (size_t length = 0; length <= LongestValue; ++length)
+                if (type != ownType && !HasFailure())
                 {
-                    SCOPED_TRACE(Narrow(name) + " type " + std::to_string(type) + " filler " + std::to_string(filler) +
-                                 " length " + std::to_string(length));
-                    std::vector<UCHAR> bytes(length);
-                    for (size_t i = 0; i < length; ++i)
-                    {
-                        bytes[i] = Fillers[filler](i);
-                    }
-                    computer_.Registry().SetValue(key, name, type, bytes);
-                    body(type, bytes);
-                    if (HasFailure())
-                    {
-                        return;
-                    }
+                    visit(type, filler++ % std::size(Fillers), length);
                 }
             }
         }
@@ -88,7 +107,7 @@ protected:
 
 TEST_F(RegistrySweep, CryptKey)
 {
-    ForEachValue(Machine::ServiceKey, L"SandboxCryptKey",
+    ForEachValue(Machine::ServiceKey, L"SandboxCryptKey", REG_BINARY,
         [this](ULONG, const std::vector<UCHAR>& bytes)
         {
             Reload();
@@ -114,7 +133,7 @@ TEST_F(RegistrySweep, CryptKey)
 
 TEST_F(RegistrySweep, SandboxPath)
 {
-    ForEachValue(Machine::ServiceKey, L"SandboxPath",
+    ForEachValue(Machine::ServiceKey, L"SandboxPath", REG_SZ,
         [this](ULONG, const std::vector<UCHAR>& bytes)
         {
             Reload();
@@ -140,7 +159,7 @@ TEST_F(RegistrySweep, SandboxPath)
 TEST_F(RegistrySweep, ProtectedPaths)
 {
     computer_.Registry().SetString(Machine::ServiceKey, L"SandboxPath", L"\\Device\\V\\S");
-    ForEachValue(Machine::ServiceKey, L"ProtectionFiles",
+    ForEachValue(Machine::ServiceKey, L"ProtectionFiles", REG_MULTI_SZ,
         [this](ULONG type, const std::vector<UCHAR>& bytes)
         {
             Reload();
@@ -184,7 +203,7 @@ TEST_F(RegistrySweep, ProtectedPaths)
 TEST_F(RegistrySweep, InstallerType)
 {
     Reload();
-    ForEachValue(Machine::ProductKey, L"InstallerType",
+    ForEachValue(Machine::ProductKey, L"InstallerType", REG_BINARY,
         [this](ULONG type, const std::vector<UCHAR>& bytes)
         {
             LONG mode = 77;
@@ -224,7 +243,7 @@ TEST_F(RegistrySweep, InstallerTypeOfEveryLength)
 TEST_F(RegistrySweep, InstallFolder)
 {
     Reload();
-    ForEachValue(Machine::ProductKey, L"InstallFolder",
+    ForEachValue(Machine::ProductKey, L"InstallFolder", REG_SZ,
         [](ULONG type, const std::vector<UCHAR>& bytes)
         {
             CountedString path;
@@ -240,7 +259,7 @@ TEST_F(RegistrySweep, InstallFolder)
 TEST_F(RegistrySweep, DebugLogLevel)
 {
     Reload();
-    ForEachValue(Machine::ProductKey, L"DebugLogLevel",
+    ForEachValue(Machine::ProductKey, L"DebugLogLevel", REG_DWORD,
         [](ULONG type, const std::vector<UCHAR>& bytes)
         {
             ULONG flags = 0xffffffff;
@@ -249,20 +268,17 @@ TEST_F(RegistrySweep, DebugLogLevel)
         });
 }
 
-// The whole of it at once: every value of the same type and length, at every load. The agent runs before, since a
-// sandbox folder of zeros makes the whole machine the sandbox, in which nothing starts.
+// The whole of it at once: every value of the same type and length, at every load; the types that some value has, and
+// one that none has. The agent runs before, since a sandbox folder of zeros makes the whole machine the sandbox, in
+// which nothing starts.
 TEST_F(RegistrySweep, EverythingAtOnce)
 {
     const Program agent = computer_.StartProcess(L"C:\\agent.exe");
-    for (const ULONG type : Types)
+    for (const ULONG type : {REG_SZ, REG_BINARY, REG_DWORD, REG_MULTI_SZ, 0xffffffff})
     {
         for (size_t length = 0; length <= LongestValue; ++length)
         {
-            std::vector<UCHAR> bytes(length);
-            for (size_t i = 0; i < length; ++i)
-            {
-                bytes[i] = Fillers[length % std::size(Fillers)](i);
-            }
+            const std::vector<UCHAR> bytes = Filled(length % std::size(Fillers), length);
             for (const WideView name : {L"SandboxCryptKey", L"SandboxPath", L"ProtectionFiles"})
             {
                 computer_.Registry().SetValue(Machine::ServiceKey, name, type, bytes);

@@ -83,6 +83,16 @@ TEST_F(ProcessScanTest, ARunningProcessIsRegisteredWithoutItsChildren)
     EXPECT_EQ(agent_.IsUnderSandbox(helper.ProcessId()).Value, 0u);
 }
 
+// A query that succeeds without asking for room leaves no name behind, in either of the scans of one add.
+TEST_F(ProcessScanTest, AProcessWhoseImageQueryGivesNothingIsPassedOver)
+{
+    const Program editor = machine_.StartProcess(L"C:\\e.exe");
+    SetProcessQueryHook([](ULONG, ULONG) { return QueryAnswer{STATUS_SUCCESS, 0}; });
+    EXPECT_THAT(PrintsOf([&] { EXPECT_EQ(agent_.AddProcess(L"C:\\e.exe"), Added(Id(0))); }),
+        testing::Contains("Tarnveil - GetProcessImageNameFromProcessId Failed: 0x00000000L\n"));
+    EXPECT_EQ(agent_.IsUnderSandbox(editor.ProcessId()).Value, 0u);
+}
+
 TEST_F(ProcessScanTest, AMonitoredParentMayBecomeAProcessToo)
 {
     const Program both = machine_.StartProcess(L"C:\\b.exe");

@@ -1,4 +1,6 @@
-// Every call that can fail, failing in its turn: of the load, of the unload, and of each request.
+// What every call that can fail, failing in its turn, leaves inside the driver: the pool after a load and an unload,
+// the lists after each request. That everything works again afterwards is seen from outside, by the scenario of that
+// name.
 
 #include "driver/core/global_state.h"
 #include "driver/core/unload.h"
@@ -67,7 +69,7 @@ bool LoadOnce(void (*plan)(uint64_t), uint64_t number)
     return failed;
 }
 
-TEST(FailureSweep, EachCallOfTheLoad)
+TEST(StateAfterFailure, EachCallOfTheLoad)
 {
     uint64_t number = 1;
     while (LoadOnce(FailNthCall, number))
@@ -77,7 +79,7 @@ TEST(FailureSweep, EachCallOfTheLoad)
     EXPECT_GT(number, 14u);
 }
 
-TEST(FailureSweep, EveryCallOfTheLoadFromOneOn)
+TEST(StateAfterFailure, EveryCallOfTheLoadFromOneOn)
 {
     uint64_t number = 1;
     while (LoadOnce(FailFromCall, number))
@@ -87,7 +89,7 @@ TEST(FailureSweep, EveryCallOfTheLoadFromOneOn)
     EXPECT_GT(number, 14u);
 }
 
-TEST(FailureSweep, EachCallOfTheUnload)
+TEST(StateAfterFailure, EachCallOfTheUnload)
 {
     uint64_t number = 0;
     for (bool failed = true; failed;)
@@ -116,7 +118,7 @@ TEST(FailureSweep, EachCallOfTheUnload)
 }
 
 // Machine and agent stay; each request starts from the same settings.
-class RequestFailureSweep : public testing::Test
+class RequestStateAfterFailure : public testing::Test
 {
 protected:
     void SetUp() override
@@ -190,22 +192,22 @@ protected:
     uint64_t Swept = 0;
 };
 
-TEST_F(RequestFailureSweep, AddParentProcess)
+TEST_F(RequestStateAfterFailure, AddParentProcess)
 {
     SweepAdd(ParentProcessNames, &ControlClient::AddParentProcess);
 }
 
-TEST_F(RequestFailureSweep, AddProcess)
+TEST_F(RequestStateAfterFailure, AddProcess)
 {
     SweepAdd(ProcessNames, &ControlClient::AddProcess);
 }
 
-TEST_F(RequestFailureSweep, AddExclusion)
+TEST_F(RequestStateAfterFailure, AddExclusion)
 {
     SweepAdd(ExclusionProcessNames, &ControlClient::AddExclusion);
 }
 
-TEST_F(RequestFailureSweep, DeleteProcess)
+TEST_F(RequestStateAfterFailure, DeleteProcess)
 {
     Sweep([this] { return Agent->DelProcess(Setting); }, {0},
         [this](NTSTATUS)
@@ -218,7 +220,7 @@ TEST_F(RequestFailureSweep, DeleteProcess)
     EXPECT_GT(Swept, 2u);
 }
 
-TEST_F(RequestFailureSweep, Stop)
+TEST_F(RequestStateAfterFailure, Stop)
 {
     Sweep([this] { return Agent->StopDriver(); }, {0},
         [this](NTSTATUS)
@@ -232,25 +234,25 @@ TEST_F(RequestFailureSweep, Stop)
     EXPECT_GT(Swept, 2u);
 }
 
-TEST_F(RequestFailureSweep, Start)
+TEST_F(RequestStateAfterFailure, Start)
 {
     Sweep([this] { return Agent->StartDriver(); }, {0});
 }
 
-TEST_F(RequestFailureSweep, SetCryptKey)
+TEST_F(RequestStateAfterFailure, SetCryptKey)
 {
     Sweep([this] { return Agent->SetCryptKey("0123456789abcdef", 1); }, {0},
         [](NTSTATUS) { EXPECT_EQ(Global.XorByte, 7); });
     EXPECT_GT(Swept, 0u);
 }
 
-TEST_F(RequestFailureSweep, SetEncryption)
+TEST_F(RequestStateAfterFailure, SetEncryption)
 {
     Sweep([this] { return Agent->SetEncryption(0); }, {0}, [](NTSTATUS) { EXPECT_EQ(Global.EncryptionEnabled, 0u); });
     EXPECT_GT(Swept, 0u);
 }
 
-TEST_F(RequestFailureSweep, StartLogging)
+TEST_F(RequestStateAfterFailure, StartLogging)
 {
     Sweep(
         [this]
@@ -262,13 +264,13 @@ TEST_F(RequestFailureSweep, StartLogging)
     EXPECT_GT(Swept, 0u);
 }
 
-TEST_F(RequestFailureSweep, GetLogDataAndStopLogging)
+TEST_F(RequestStateAfterFailure, GetLogDataAndStopLogging)
 {
     Sweep([this] { return Agent->GetLogData(4).Status; }, {0});
     Sweep([this] { return Agent->StopLogging(); }, {0});
 }
 
-TEST_F(RequestFailureSweep, Questions)
+TEST_F(RequestStateAfterFailure, Questions)
 {
     Sweep([this] { return Agent->IsUnderSandbox(App->ProcessId()).Status; }, {0});
     Sweep([this] { return Agent->IsExistUnderSandbox().Status; }, {0});

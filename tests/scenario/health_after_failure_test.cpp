@@ -8,7 +8,7 @@
 #include <functional>
 #include <gmock/gmock.h>
 
-namespace failure_sweep_test
+namespace health_after_failure_test
 {
 namespace
 {
@@ -87,7 +87,7 @@ public:
     std::optional<ProgramEvent> Event;
 };
 
-TEST(FailureSweep, Load)
+TEST(HealthAfterFailure, Load)
 {
     uint64_t failures = 0;
     for (uint64_t number = 1; number < MostCalls; ++number)
@@ -147,7 +147,7 @@ void Sweep(ConfiguredMachine& machine, uint64_t leastCalls, const std::function<
     FAIL() << "it never came to its end";
 }
 
-TEST(FailureSweep, AddFileProtection)
+TEST(HealthAfterFailure, AddFileProtection)
 {
     ConfiguredMachine machine;
     machine.Load();
@@ -163,7 +163,7 @@ TEST(FailureSweep, AddFileProtection)
         });
 }
 
-TEST(FailureSweep, AddFileProtectionOfAKnownPath)
+TEST(HealthAfterFailure, AddFileProtectionOfAKnownPath)
 {
     ConfiguredMachine machine;
     machine.Load();
@@ -179,7 +179,7 @@ TEST(FailureSweep, AddFileProtectionOfAKnownPath)
         });
 }
 
-TEST(FailureSweep, DelFileProtection)
+TEST(HealthAfterFailure, DelFileProtection)
 {
     ConfiguredMachine machine;
     machine.Load();
@@ -198,7 +198,7 @@ TEST(FailureSweep, DelFileProtection)
         });
 }
 
-TEST(FailureSweep, OutputCurrentParam)
+TEST(HealthAfterFailure, OutputCurrentParam)
 {
     ConfiguredMachine machine;
     machine.Load();
@@ -212,7 +212,7 @@ TEST(FailureSweep, OutputCurrentParam)
         });
 }
 
-TEST(FailureSweep, StartThatBuildsTheBrowserList)
+TEST(HealthAfterFailure, StartThatBuildsTheBrowserList)
 {
     for (uint64_t number = 1; number < MostCalls; ++number)
     {
@@ -238,7 +238,7 @@ TEST(FailureSweep, StartThatBuildsTheBrowserList)
     FAIL() << "the start never came to its end";
 }
 
-TEST(FailureSweep, AddProcessWhileItRuns)
+TEST(HealthAfterFailure, AddProcessWhileItRuns)
 {
     ConfiguredMachine machine;
     machine.Load();
@@ -253,7 +253,7 @@ TEST(FailureSweep, AddProcessWhileItRuns)
         });
 }
 
-TEST(FailureSweep, ProcessStartAndExit)
+TEST(HealthAfterFailure, ProcessStartAndExit)
 {
     ConfiguredMachine machine;
     machine.Load();
@@ -275,7 +275,7 @@ TEST(FailureSweep, ProcessStartAndExit)
     }
 }
 
-TEST(FailureSweep, Opens)
+TEST(HealthAfterFailure, Opens)
 {
     ConfiguredMachine machine;
     machine.Load();
@@ -296,7 +296,7 @@ TEST(FailureSweep, Opens)
 }
 
 // A process routine that refuses to go has a test of its own; memory is what everything else asks for.
-TEST(FailureSweep, UnloadWithoutMemory)
+TEST(HealthAfterFailure, UnloadWithoutMemory)
 {
     for (uint64_t number = 1; number < MostCalls; ++number)
     {
