@@ -96,7 +96,7 @@ NTSTATUS BuildNow()
 NTSTATUS BRPLBuild()
 {
     BuiltInList& list = Global.BrowserModeList;
-    // Of two start requests at once the first builds; the other has nothing to wait for.
+    // Of two start requests at once one builds, and the other does not wait for it.
     if (LoadUnlocked(list.Built) || !ClaimUnlocked(list.BuildClaimed))
     {
         return STATUS_SUCCESS;

@@ -7,13 +7,13 @@
 namespace
 {
 constexpr char PatternText[] = "[HBPL] Added SettingInfo = %wZ\n";
-// This list knows no forced insertion.
+// Nothing is forced into this list.
 constexpr BuiltInListTexts Texts = {"[HBPL] Insert PID = %d ProcName = %wZ\n", nullptr, "[HBPL] Remove PID = %d\n"};
 
 constexpr PCWSTR Programs[] = {L"*\\HbWarden.exe", L"*\\HbWarden64.exe", L"*\\HbCore.exe", L"*\\HbKit.exe",
     L"*\\HbKit64.exe", L"*\\netsh.exe", L"*\\conhost.exe", L"*\\rundll32.exe"};
 
-// What the sandbox folder's path has behind the product's.
+// By how much the sandbox folder's path is longer than the product's.
 constexpr USHORT SandboxTailBytes = 2 * sizeof(WCHAR);
 constexpr WCHAR EverythingBelow[] = L"\\*";
 constexpr ULONG EverythingBelowBytes = 2 * sizeof(WCHAR);
@@ -22,7 +22,7 @@ NTSTATUS SetFolders(const UNICODE_STRING& sandboxPath)
 {
     if (sandboxPath.Length < SandboxTailBytes)
     {
-        // Too short to be below any folder: no path is the product's then.
+        // Too short to lie in a folder of the product, so no path is known as one.
         return STATUS_SUCCESS;
     }
     UNICODE_STRING product = SubString(sandboxPath, 0, static_cast<USHORT>(sandboxPath.Length - SandboxTailBytes));

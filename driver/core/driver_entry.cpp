@@ -36,8 +36,8 @@ NTSTATUS RegisterProcessNotify()
 }
 }
 
-// A failed start of filtering does not return here, so a successful registration of the process routine makes the
-// load succeed without an active filter, and a failed one fails it although filtering runs.
+// A failed start of filtering does not end the load here. So a successful registration of the process routine makes the
+// load succeed without an active filter, and a failed registration fails it although filtering runs.
 extern "C" NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT driverObject, PUNICODE_STRING registryPath)
 {
     DbgPrint("Tarnveil Driver Entry %wZ\n", registryPath);

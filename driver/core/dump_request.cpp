@@ -3,7 +3,7 @@
 #include "driver/core/request.h"
 #include "driver/log/parameter_dump.h"
 
-// Succeeds whatever becomes of the dump, whose last line tells.
+// Succeeds whatever becomes of the dump: its own last line tells of a failure.
 NTSTATUS OutputCurrentParam(Request&)
 {
     DbgPrint("Tarnveil - IOCTL_OUTPUT_CURRENT_PARAM\n");

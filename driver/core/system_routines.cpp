@@ -10,7 +10,7 @@ typedef NTSTATUS(NTAPI* SystemQueryRoutine)(SYSTEM_INFORMATION_CLASS kind, PVOID
 ProcessQueryRoutine ProcessQuery;
 SystemQueryRoutine SystemQuery;
 
-// The texts differ per query; the first one does not describe its condition, and viewers know it so.
+// The texts differ per query. The first one does not describe its condition, but this is how viewers know it.
 struct ProbeTexts
 {
     PCSTR SlotInUse;

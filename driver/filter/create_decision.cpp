@@ -71,7 +71,7 @@ void TraceDecision(PCSTR format, const Opening& opening)
     TracePrint(format, ProcessIdNumber(opening.ProcessId), SourceCreate, OperationPre, opening.Path);
 }
 
-// To the opener as a denial is; the record is the caller's business.
+// The opener sees a denial; whether there is a record of it is up to the caller.
 FLT_PREOP_CALLBACK_STATUS Refuse(const Opening& opening)
 {
     opening.Data->IoStatus.Status = STATUS_ACCESS_DENIED;
@@ -98,7 +98,7 @@ FLT_PREOP_CALLBACK_STATUS JudgeInSandbox(const Opening& opening, bool keyIsSet)
         TraceDecision(DeniedTrace, opening);
         return Deny(opening, LevelDeniedOpen);
     }
-    // The browser product's data has the browser's own programs, whoever else is under the sandbox.
+    // The browser product's data is for the browser's own programs, whoever else is under the sandbox.
     if (IsBrowserModeActive() && BRPLIsDataPath(opening.Path) && !NT_SUCCESS(BRPLLookup(opening.ProcessId)))
     {
         return Deny(opening, LevelTrace);
@@ -132,7 +132,7 @@ FLT_PREOP_CALLBACK_STATUS JudgeOutside(const Opening& opening)
         WriteCreateRecord(LevelAllowedOpen, opening, STATUS_SUCCESS);
         return FLT_PREOP_SUCCESS_NO_CALLBACK;
     }
-    // Without a record: every search of the disk comes by here.
+    // Without a record: every search of the disk would leave some.
     return HBPLIsProductPath(opening.Path) && !MayOpenProduct(opening.ProcessId) ? Refuse(opening)
                                                                                  : FLT_PREOP_SUCCESS_NO_CALLBACK;
 }

@@ -111,7 +111,7 @@ bool SwapWriteBuffer(
         DbgPrint("PreWrite - free\n");
         return false;
     }
-    // Aligned pool comes as it was left; nothing of that may reach a disk.
+    // Aligned pool is not cleared, and what was left in it must not reach the disk.
     RtlZeroMemory(buffer.Data() + span.Enciphered, span.NewLength - span.Enciphered);
 
     swap->CallerBuffer = write.WriteBuffer;

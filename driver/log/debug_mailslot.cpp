@@ -37,7 +37,7 @@ void PrintQueryFailure(PCUNICODE_STRING name, NTSTATUS status)
     PrintWithDriverName("ZwQueryValueKey ValueName = %wZ NTStatus = %x\n", name, status);
 }
 
-// Bits 8 to 15. Of a value that is shorter than a word the missing bytes are zero.
+// Bits 8 to 15. The bytes that a value shorter than a word lacks are zero.
 ULONG FlagsOfValue(const RegistryValue& value)
 {
     ULONG word = 0;

@@ -50,7 +50,7 @@ void AddProcess(const Creation& creation, ULONG settingId)
     RecordCreation(creation, OutcomeAddedProcess, settingId);
 }
 
-// By the image's own settings. True when the creation is settled by them.
+// By the image's own settings. True when they settle the matter.
 bool JudgeByImage(const Creation& creation)
 {
     ULONG settingId = 0;
@@ -76,7 +76,7 @@ bool JudgeByImage(const Creation& creation)
 }
 
 // By the creator. Only children of monitored parents and of their descendants follow; a process that is under the
-// sandbox for its own image's sake hands nothing on.
+// sandbox because of its own image hands nothing on.
 void JudgeByCreator(const Creation& creation)
 {
     ULONG settingId = 0;

@@ -290,7 +290,7 @@ TEST_F(BrowserModeList, AnAddedProcessSettingTakesItsRunningProcessesInWhateverT
     // Again: they are there already.
     EXPECT_THAT(
         brpl(PrintsOf([&] { EXPECT_EQ(agent.AddProcess(L"C:\\Apps\\Tool.exe").Status, STATUS_SUCCESS); })), IsEmpty());
-    // Parents and exclusions are no business of this list.
+    // Settings for parents and exclusions do not concern this list.
     EXPECT_EQ(agent.AddParentProcess(L"C:\\Apps\\Other.exe").Status, STATUS_SUCCESS);
     EXPECT_EQ(agent.AddExclusion(L"C:\\Apps\\Other.exe").Status, STATUS_SUCCESS);
     EXPECT_FALSE(IsIn(other));

@@ -119,7 +119,7 @@ TEST_F(OddInput, AProcessWithoutAName)
     EXPECT_EQ(agent_->OutputCurrentParam(), STATUS_SUCCESS);
     agent_->DrainLog();
     {
-        // A denial that is told of it.
+        // A denial, whose record names the process.
         EXPECT_EQ(agent_->AddFileProtection(agent_->ProcessId(), L"C:\\x.txt").Status, STATUS_SUCCESS);
         agent_->DrainLog();
         const AttachedProcess attached(nameless);

@@ -167,7 +167,7 @@ protected:
         outputs.push_back(1);
         for (size_t length = 0; length <= request.Input.size() + Beyond; ++length)
         {
-            // Which buffer it is matters little to the length of the input.
+            // How long the input is hardly depends on the buffer: one kind is asked with every length.
             if (kind != OutputBuffer::Exact && length > 5 && length + 1 < request.Input.size())
             {
                 continue;

@@ -167,7 +167,7 @@ TEST_F(LongPathName, ComponentThatDoesNotExistStaysShort)
     EXPECT_EQ(Expanded(L"C:\\NOSUCH~1\\LONGED~1\\a.exe"), "C:\\NOSUCH~1\\LONGED~1\\a.exe");
     EXPECT_EQ(Expanded(L"C:\\PROGRA~1\\NOSUCH~1\\a.exe"), "C:\\Program Files\\NOSUCH~1\\a.exe");
     EXPECT_EQ(Expanded(L"X:\\PROGRA~1"), "X:\\PROGRA~1");
-    // What came of it is remembered all the same.
+    // The result is remembered all the same.
     EXPECT_EQ(Cached(), 3u);
     EXPECT_THAT(DebugPrints(), IsEmpty());
 }
