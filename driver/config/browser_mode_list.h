@@ -12,7 +12,7 @@ bool IsBrowserModeActive();
 // Whether a path is in the browser product's data folder.
 bool BRPLIsDataPath(PCUNICODE_STRING path);
 
-// Takes in a process that starts if its NT image path matches a pattern. STATUS_INSUFFICIENT_RESOURCES.
+// Takes in a process that starts if its image path, in whatever form, matches a pattern. STATUS_INSUFFICIENT_RESOURCES.
 NTSTATUS BRPLInsert(HANDLE processId, PCUNICODE_STRING imagePath);
 // Every running process of an image, named by its drive-letter path, whatever the patterns say.
 // STATUS_INVALID_PARAMETER for a null argument, else the failure to turn the path into its NT form.

@@ -11,7 +11,7 @@ NTSTATUS HBPLBuild(const UNICODE_STRING& sandboxPath);
 // Whether a path is in the product's folder.
 bool HBPLIsProductPath(PCUNICODE_STRING path);
 
-// Takes in a process that starts if its NT image path matches a pattern. STATUS_INSUFFICIENT_RESOURCES.
+// Takes in a process that starts if its image path, in whatever form, matches a pattern. STATUS_INSUFFICIENT_RESOURCES.
 NTSTATUS HBPLInsert(HANDLE processId, PCUNICODE_STRING imagePath);
 // The same for every running process. STATUS_INVALID_PARAMETER, printed, for a null snapshot.
 NTSTATUS HBPLRegistProcess(const SYSTEM_PROCESS_INFORMATION* snapshot);

@@ -7,6 +7,6 @@
 // APC_LEVEL; above it everything passes.
 FLT_PREOP_CALLBACK_STATUS NTAPI PreRead(
     PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS objects, PVOID* completionContext);
-// Deciphers into the caller's memory and gives the caller's buffer back, at whatever IRQL the completion runs.
+// Deciphers into the caller's memory and frees the driver's, at whatever IRQL the completion runs.
 FLT_POSTOP_CALLBACK_STATUS NTAPI PostRead(
     PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS objects, PVOID completionContext, FLT_POST_OPERATION_FLAGS flags);

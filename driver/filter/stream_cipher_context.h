@@ -11,8 +11,8 @@ struct StreamCipherContext
     // stream's data then passes unchanged.
     AES_KEY EncryptionSchedule;
     AES_KEY DecryptionSchedule;
-    // The end of file, in bytes, as the filter has followed it: writes raise it, end-of-file changes set it. Read and
-    // written without a lock; the last writer wins.
+    // The end of file, in bytes, as the filter has followed it through writes and end-of-file changes. Read and written
+    // without a lock; the last writer wins.
     LONGLONG TrackedFileSize;
 };
 

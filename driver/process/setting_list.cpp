@@ -60,12 +60,12 @@ struct AgentPath
 // Counts at most LongestPathCharacters.
 AgentPath Measure(PCWSTR text)
 {
-    AgentPath path = {text, 0};
-    while (path.Characters < LongestPathCharacters && text[path.Characters] != UNICODE_NULL)
+    SIZE_T count = 0;
+    while (count < LongestPathCharacters && text[count] != UNICODE_NULL)
     {
-        ++path.Characters;
+        ++count;
     }
-    return path;
+    return {text, count};
 }
 
 // The path as an entry's name shows it: beyond the 16-bit length only the low bits of the length remain.

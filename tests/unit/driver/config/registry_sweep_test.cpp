@@ -274,7 +274,7 @@ TEST_F(RegistrySweep, DebugLogLevel)
 TEST_F(RegistrySweep, EverythingAtOnce)
 {
     const Program agent = computer_.StartProcess(L"C:\\agent.exe");
-    for (const ULONG type : {REG_SZ, REG_BINARY, REG_DWORD, REG_MULTI_SZ, 0xffffffff})
+    for (const ULONG type : std::initializer_list<ULONG>{REG_SZ, REG_BINARY, REG_DWORD, REG_MULTI_SZ, 0xffffffff})
     {
         for (size_t length = 0; length <= LongestValue; ++length)
         {

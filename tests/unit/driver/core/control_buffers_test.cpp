@@ -37,7 +37,7 @@ TEST_F(ControlBuffers, OpenCloseAndCleanupCompleteAtOnceWithNothing)
     EXPECT_THAT(DebugPrints(), IsEmpty());
 }
 
-// The agent has to terminate its string. One that does not gets what its input holds, and no byte from behind it.
+// A string that is not terminated is what the input holds, and no byte from behind it.
 TEST_F(ControlBuffers, PathWithoutATerminatorEndsWithTheInput)
 {
     std::string input = Terminated(L"C:\\a.exe");
